@@ -1,0 +1,125 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The wire format between the service and its clients, and the outgoing queue of one connection.
+//
+// A stream is a sequence of frames, all integers 32-bit little-endian:
+//
+//   frame    = length of the package in bytes, package
+//   package  = type, length of the body in bytes, body            (frame length = body length + 8)
+//   request  (type 0) body = request id, command[32], data length, data
+//   response (type 1) body = request id, result, data length, data
+//   event    (type 3) body = one record (service/raw_event.h) or notification
+//
+// Words in a stream are not aligned: they are read and written with memcpy.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <cstdlib>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#include "ipc/buffer_state.h"
+#include "util/export.h"
+
+enum IpcPackageType : unsigned {
+    IPC_PACKAGE_REQUEST = 0,
+    IPC_PACKAGE_RESPONSE = 1,
+    IPC_PACKAGE_RESERVED = 2,
+    IPC_PACKAGE_EVENT = 3,
+};
+
+inline constexpr unsigned IPC_FRAME_HEADER_SIZE = 4;      // the length word
+inline constexpr unsigned IPC_PACKAGE_HEADER_SIZE = 8;    // type and body length
+inline constexpr unsigned IPC_REQUEST_HEAD_SIZE = 40;     // request body before its data
+inline constexpr unsigned IPC_RESPONSE_HEAD_SIZE = 12;    // response body before its data
+inline constexpr unsigned IPC_RESPONSE_RECORD_SIZE = 16;  // head and a stale word, see below
+inline constexpr unsigned IPC_COMMAND_SIZE = 32;
+// Capacity in bytes of the service's read and write buffer of one connection.
+inline constexpr int IPC_BUFFER_SIZE = 32768;
+// The largest package that fits an empty write buffer of that size: its length word goes in front
+// and fillNextIpcPackageToBuffer leaves one byte of slack.
+inline constexpr unsigned IPC_MAX_PACKAGE_SIZE = IPC_BUFFER_SIZE - IPC_FRAME_HEADER_SIZE - 1;
+
+// A request; its first 40 bytes are the head of a request body. `data` is borrowed.
+struct TesuReqIpcPackage {
+    unsigned requestId = 0;
+    char command[IPC_COMMAND_SIZE] = {};  // NUL-terminated
+    unsigned length = 0;                  // bytes at data
+    const char* data = nullptr;
+};
+
+// A response. When received it is laid over a response body, of which only the first 12 bytes are
+// its fields; `data` is then meaningless and the data follows the head.
+struct TesuRespIpcPackage {
+    unsigned requestId = 0;
+    int result = 0;       // 0 accepted, -1 refused
+    unsigned length = 0;  // bytes at data
+    const char* data = nullptr;
+};
+
+struct FreeDeleter {
+    void operator()(void* block) const { std::free(block); }
+};
+using IpcBlock = std::unique_ptr<char, FreeDeleter>;
+
+// One queued package: its size in bytes (the frame length to write in front of it) and a malloc'ed
+// block of that size.
+using TesuIpcPackage = std::pair<unsigned, IpcBlock>;
+
+// Whether a complete package waits at the read buffer's cursor. headerLength becomes 4. When the
+// length word is there packageLength is the frame's length as a signed 64-bit number. Only a
+// type-0 package is ever complete: this is the service's side, and clients send requests alone.
+// Reads nothing past `length`.
+TESU_API bool CheckIpcPackageComplete(const BufferState* buffer, long long* headerLength,
+                                      long long* packageLength);
+
+// Moves the unconsumed bytes to the front of the buffer; returns how many they are.
+TESU_API int SaveUnuseBuffer(BufferState* buffer);
+
+// The outgoing queue of one connection: producers append finished packages, the socket loop moves
+// them into the connection's write buffer. Safe for any number of threads. A package that could
+// never fit the write buffer is refused when it is queued, since it would block all behind it.
+class TESU_API IpcPackageManager {
+  public:
+    explicit IpcPackageManager(unsigned maxPackageSize = IPC_MAX_PACKAGE_SIZE)
+        : maxPackageSize(maxPackageSize) {}
+    IpcPackageManager(const IpcPackageManager&) = delete;
+    IpcPackageManager& operator=(const IpcPackageManager&) = delete;
+
+    // All four copy what they are given. False: refused, nothing queued.
+    bool appendReqIpcPackage(const TesuReqIpcPackage* request);
+    // The body is the 16-byte response record, whose last word (a pointer in the record) is written
+    // as 0, then the data.
+    bool appendRespIpcPackage(const TesuRespIpcPackage* response);
+    // Types above 3 are refused.
+    bool buildAndAppendSecondIpcPackage(unsigned type, const char* data, unsigned length);
+    // `bytes` is a whole package: type, body length, body.
+    bool buildAndAppendIpcPackage(const char* bytes, unsigned size);
+
+    // Moves the front package into the write buffer if that leaves at least one byte free.
+    bool fillNextIpcPackageToBuffer(BufferState* writeBuffer);
+    // Moves packages while they fit; true when the queue was not empty on entry.
+    bool fillIpcPackageToBuffer(BufferState* writeBuffer);
+
+    // Returns when the queue is not empty, at the latest after `milliseconds`.
+    void waitEventReady(int milliseconds);
+    void notifyEventReady();
+    unsigned getIpcPackageCount() const;
+    // Packages refused so far for their size, or because memory for them ran out.
+    unsigned getRefusedPackageCount() const;
+
+  private:
+    IpcBlock newPackage(unsigned type, uint64_t bodyLength);
+    bool refuse(uint64_t size);
+    void append(IpcBlock block, unsigned size);
+    void moveFrontToBuffer(BufferState* writeBuffer);
+
+    mutable std::mutex mutex;
+    std::deque<TesuIpcPackage> packages;
+    std::condition_variable ready;
+    const unsigned maxPackageSize;
+    unsigned refused = 0;
+};
