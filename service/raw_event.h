@@ -1,0 +1,195 @@
+/* SPDX-License-Identifier: Apache-2.0 OR GPL-2.0-only
+ *
+ * The records that the eBPF programs write into the two ring buffers, and the status map beside
+ * each buffer. One header for both sides: the programs in bpf/ (C, target bpf) write these structs
+ * in place, the service (C++) reads them and hands them unchanged to its clients.
+ *
+ * All integers are little-endian. Records are naturally aligned to 8 bytes in the ring buffer, but
+ * not in a client's socket buffer: copy a record out before reading its fields there. A record may
+ * be shorter or longer than its struct; a reader takes what `size` covers and treats the rest as 0
+ * (see ReadRawEvent).
+ *
+ * Units: `time` is CLOCK_MONOTONIC in nanoseconds, sizes are bytes.
+ */
+#ifndef TESUBPF_SERVICE_RAW_EVENT_H
+#define TESUBPF_SERVICE_RAW_EVENT_H
+
+#ifdef __cplusplus
+#include <cstddef>
+#include <cstdint>
+namespace Tesu::Bpf {
+#else
+#include <stddef.h>
+#include <stdint.h>
+#define static_assert _Static_assert
+#endif
+
+/* Length of the kernel's task name, its NUL included. A name of 16 characters carries no NUL. */
+#define TESU_COMM_LEN 16
+
+/* Values of RawEventHeader::type. */
+enum RawEventType {
+    RAW_EVENT_TASK_INIT = 0,
+    RAW_EVENT_RSS_STAT = 1,
+    RAW_EVENT_TASK_CREATE = 2,
+    RAW_EVENT_TASK_EXIT = 3,
+    RAW_EVENT_DMABUF_SIZE = 4,
+    RAW_EVENT_CGROUP_ATTACH = 5,
+    RAW_EVENT_FD_UPDATE = 6,
+    RAW_EVENT_TYPE_COUNT = 7
+};
+
+/* Values of taskType in create and exit records. */
+enum RawTaskType { RAW_TASK_PROCESS = 1, RAW_TASK_THREAD = 2 };
+
+struct RawEventHeader {
+    uint32_t type;
+    uint32_t padding;
+    int64_t time; /* nanoseconds */
+};
+static_assert(sizeof(struct RawEventHeader) == 16, "wire layout");
+static_assert(offsetof(struct RawEventHeader, time) == 8, "wire layout");
+
+/* A process that already lived when the service started; made by the service's scan of /proc. */
+struct RawTesuTaskInitEvent {
+    struct RawEventHeader header;
+    int32_t pid;
+    int32_t ppid;
+    int32_t uid;
+    int32_t threadNum;
+    char comm[TESU_COMM_LEN];
+    int64_t rssFileSize;  /* bytes */
+    int64_t rssAnonSize;  /* bytes */
+    int64_t rssShmemSize; /* bytes */
+    int64_t rssSwapSize;  /* bytes */
+    int64_t startTime;    /* seconds since the epoch */
+};
+static_assert(sizeof(struct RawTesuTaskInitEvent) == 88, "wire layout");
+static_assert(offsetof(struct RawTesuTaskInitEvent, comm) == 32, "wire layout");
+static_assert(offsetof(struct RawTesuTaskInitEvent, startTime) == 80, "wire layout");
+
+/* A process's own resident memory changed. */
+struct RawRssStatEvent {
+    struct RawEventHeader header;
+    int32_t pid;    /* process id */
+    int32_t member; /* 0 file, 1 anonymous, 2 swap, 3 shared memory, as the kernel counts them */
+    int64_t size;   /* bytes of that kind now */
+};
+static_assert(sizeof(struct RawRssStatEvent) == 32, "wire layout");
+static_assert(offsetof(struct RawRssStatEvent, size) == 24, "wire layout");
+
+/* A process or a thread was made. Comes before any other record of that task. */
+struct RawTaskCreateEvent {
+    struct RawEventHeader header; /* time of the fork */
+    int32_t ppid;                 /* process id of the parent; for a thread, of its own process */
+    int32_t pid;                  /* process id: of the new process, or of the thread's process */
+    int32_t uid;                  /* real user id at the fork */
+    char comm[TESU_COMM_LEN];     /* name at the fork, before any exec */
+    int32_t taskType;             /* RawTaskType */
+};
+static_assert(sizeof(struct RawTaskCreateEvent) == 48, "wire layout");
+static_assert(offsetof(struct RawTaskCreateEvent, comm) == 28, "wire layout");
+static_assert(offsetof(struct RawTaskCreateEvent, taskType) == 44, "wire layout");
+
+/* A thread ended, or, with the last thread of a process, the process. */
+struct RawTaskExitEvent {
+    struct RawEventHeader header;
+    int32_t pid;              /* process id, for threads too */
+    char comm[TESU_COMM_LEN]; /* name of the task that ended */
+    int32_t taskType;         /* RawTaskType */
+};
+static_assert(sizeof(struct RawTaskExitEvent) == 40, "wire layout");
+static_assert(offsetof(struct RawTaskExitEvent, taskType) == 36, "wire layout");
+
+/* A process's dma-buf total changed. */
+struct RawDmabufAllocEvent {
+    struct RawEventHeader header;
+    int32_t pid;
+    int32_t padding;
+    int64_t size; /* bytes of dma-bufs that the process holds now */
+};
+static_assert(sizeof(struct RawDmabufAllocEvent) == 32, "wire layout");
+static_assert(offsetof(struct RawDmabufAllocEvent, size) == 24, "wire layout");
+
+/* Bytes of a cgroup path kept in a record, NUL included; a longer path is cut. */
+#define TESU_CGROUP_PATH_LEN 64
+
+/* A task was moved into another cgroup (on devices: between cpusets). */
+struct RawCgroupAttachEvent {
+    struct RawEventHeader header;
+    int32_t pid;       /* thread id of the task that was moved */
+    int32_t rootId;    /* id of the cgroup hierarchy */
+    int32_t level;     /* depth of the cgroup below its root */
+    int32_t padding;   /* 0 */
+    uint64_t cgroupId; /* kernfs id of the cgroup */
+    char comm[TESU_COMM_LEN];
+    char path[TESU_CGROUP_PATH_LEN]; /* NUL-terminated */
+};
+static_assert(sizeof(struct RawCgroupAttachEvent) == 120, "wire layout");
+static_assert(offsetof(struct RawCgroupAttachEvent, cgroupId) == 32, "wire layout");
+static_assert(offsetof(struct RawCgroupAttachEvent, path) == 56, "wire layout");
+
+/* A process's count of open descriptors moved by TESU_FD_REPORT_STEP since its last record. The
+ * count begins with what the process inherited or the service found, and follows every descriptor
+ * put into a free slot and every close; dup2 and dup3 into a free slot are not seen (see
+ * bpf/open_fds.h). */
+#define TESU_FD_REPORT_STEP 8
+struct RawFdUpdateEvent {
+    struct RawEventHeader header;
+    int32_t pid; /* process id */
+    int32_t uid; /* real user id */
+    int64_t openFds;
+    int64_t reportedFds; /* openFds of the record before this one */
+    char comm[TESU_COMM_LEN];
+};
+static_assert(sizeof(struct RawFdUpdateEvent) == 56, "wire layout");
+static_assert(offsetof(struct RawFdUpdateEvent, openFds) == 24, "wire layout");
+static_assert(offsetof(struct RawFdUpdateEvent, comm) == 40, "wire layout");
+
+/* Keys of a ring buffer's status map: unsigned 32-bit key, unsigned 64-bit value. */
+enum RingStatusKey {
+    RING_STATUS_FLAGS = 0,
+    RING_AVAIL_DATA = 1, /* bytes not yet consumed, at the last failed reserve */
+    RING_SIZE = 2,       /* bytes */
+    RING_CONS_POS = 3,
+    RING_PROD_POS = 4,
+    /* From here one key for each possible CPU, in CPU order: records of that CPU that found the
+     * buffer full and were lost. Their sum is the number of lost records: produced = received +
+     * lost. A slot each because the 32-bit ARM JIT has no atomic add. */
+    RING_LOST_RECORDS = 5
+};
+
+/* Bits of RING_STATUS_FLAGS. */
+enum RingStatusFlag {
+    FLAG_RINGBUF_FULL = 1,  /* set by the programs, cleared by the service */
+    FLAG_CORE_ENABLED = 2,  /* set by the service: the core class of programs may write */
+    FLAG_NORMAL_ENABLED = 4 /* set by the service: the normal class may write */
+};
+
+/* Value of the open-fd map (key: process id, unsigned 32-bit). */
+struct OpenFdCaller {
+    uint32_t pid;
+    uint32_t reserved;
+    uint64_t openFds;     /* descriptors open now */
+    uint64_t reportedFds; /* openFds as last told in a RawFdUpdateEvent */
+    uint64_t reserved2;
+    char comm[TESU_COMM_LEN]; /* NUL-terminated */
+};
+static_assert(sizeof(struct OpenFdCaller) == 48, "map layout");
+static_assert(offsetof(struct OpenFdCaller, comm) == 32, "map layout");
+
+/* Value of the dma-buf allocation map (key: inode number of the dma-buf, unsigned 64-bit). */
+struct DmabufAllocation {
+    int32_t pid;
+    int32_t reserved;
+    int64_t size; /* bytes */
+};
+static_assert(sizeof(struct DmabufAllocation) == 16, "map layout");
+
+#ifdef __cplusplus
+}  // namespace Tesu::Bpf
+#else
+#undef static_assert
+#endif
+
+#endif

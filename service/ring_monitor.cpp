@@ -1,0 +1,175 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The two monitors: each opens its ring buffer, has its programs enabled and drains it.
+#include <bpf/bpf.h>
+#include <bpf/libbpf.h>
+#include <poll.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "diag/dump_requests.h"
+#include "diag/tesu_bpf_state.h"
+#include "service/tesu_bpf_service.h"
+#include "util/log.h"
+
+namespace Tesu::Bpf {
+
+namespace {
+
+// Consecutive poll errors that end a monitor.
+constexpr int MAX_POLL_ERRORS = 6;
+constexpr std::chrono::seconds POLL_ERROR_PAUSE{1};
+// Without a descriptor to wake it, a monitor looks for stop() this often.
+constexpr int UNWAKEABLE_TIMEOUT_MS = 500;
+// Counter kind of successful polls, beside the record types.
+constexpr int POLL_COUNTER = 7;
+
+using RingReader = std::unique_ptr<::ring_buffer, decltype(&ring_buffer__free)>;
+
+RingReader NewRingReader(int mapFd, ring_buffer_sample_fn onRecord) {
+    return {ring_buffer__new(mapFd, onRecord, nullptr, nullptr), &ring_buffer__free};
+}
+
+// Takes what waits in the ring and does nothing with it.
+void DiscardRecords(int mapFd) {
+    const RingReader reader = NewRingReader(mapFd, [](void*, void*, size_t) { return 0; });
+    if (reader != nullptr) {
+        ring_buffer__consume(reader.get());
+    }
+}
+
+}  // namespace
+
+struct TesuBpfService::RingMonitor {
+    int which;
+    const char* name;
+    const char* ringPath;
+    const char* statusPath;
+    const char* stopMessage;
+    // Tell the kernel programs of what was there before them: when the core class is on, and when
+    // the normal class is on too (or null).
+    int (TesuBpfService::*seedCore)();
+    int (TesuBpfService::*seedNormal)();
+};
+
+int TesuBpfService::eventMonitor() {
+    static constexpr RingMonitor CORE = {
+        .which = RING_CORE,
+        .name = "eventMonitor",
+        .ringPath = "/sys/fs/bpf/tesu/map_TesuBpfDefineset_ringbuf_map",
+        .statusPath = "/sys/fs/bpf/tesu/map_TesuBpfDefineset_ringbuf_status",
+        .stopMessage = "[TesuBpfService][eventMonitor] Stop Event Produce Thread...",
+        .seedCore = &TesuBpfService::initTaskInfo,
+        .seedNormal = &TesuBpfService::initFdBpfProg,
+    };
+    return runMonitor(CORE);
+}
+
+int TesuBpfService::gpleventMonitor() {
+    static constexpr RingMonitor GPL = {
+        .which = RING_GPL,
+        .name = "gpleventMonitor",
+        .ringPath = "/sys/fs/bpf/tesu/map_TesuBpfGplDefineset_ringbuf_map",
+        .statusPath = "/sys/fs/bpf/tesu/map_TesuBpfGplDefineset_ringbuf_status",
+        .stopMessage = "[TesuBpfService][gpleventMonitor] Stop GPL Event Produce Thread...",
+        .seedCore = &TesuBpfService::initDmabufBpfProg,
+        .seedNormal = nullptr,
+    };
+    return runMonitor(GPL);
+}
+
+int TesuBpfService::runMonitor(const RingMonitor& monitor) {
+    const auto fail = [&](const char* format, int mapFd) {
+        TESU_LOGE(TESU_LOG_SERVICE, format, monitor.name, strerror(errno), mapFd);
+        errno = 0;
+        return -1;
+    };
+    InstallDumpSignalHandlers();
+    android::base::unique_fd& ringFd = ringbufMapFd[monitor.which];
+    ringFd.reset(bpf_obj_get(monitor.ringPath));
+    if (!ringFd.ok()) {
+        return fail("[TesuBpfService][%s] TESUBPF: get ringbuf failed: %s, map fd: %d",
+                    ringFd.get());
+    }
+    android::base::unique_fd& statusFd = statusMapFd[monitor.which];
+    statusFd.reset(bpf_obj_get(monitor.statusPath));
+    if (!statusFd.ok()) {
+        return fail("[TesuBpfService][%s] TESUBPF: get ringbuf status map failed: %s, map fd: %d",
+                    statusFd.get());
+    }
+    // A service that ran before left its classes on, and perhaps records that it did not come to:
+    // of tasks that have gone since, or whose ids are in use again. What lives now is read from
+    // /proc below, so the ring starts empty.
+    enableCoreBpf(monitor.which, false);
+    enableNormalBpf(monitor.which, false);
+    DiscardRecords(ringFd.get());
+    const RingReader reader = NewRingReader(ringFd.get(), onRingRecord);
+    if (reader == nullptr) {
+        return fail("[TesuBpfService][%s] TESUBPF: Set up ringbuf failed: %s, ringbufMap fd: %d",
+                    ringFd.get());
+    }
+    // Each class is switched on before the state it changes is read, so that a change made
+    // meanwhile waits in the ring buffer and is applied after.
+    enableCoreBpf(monitor.which, true);
+    (this->*monitor.seedCore)();
+    enableNormalBpf(monitor.which, true);
+    if (monitor.seedNormal != nullptr) {
+        (this->*monitor.seedNormal)();
+    }
+    return pollRing(monitor, reader.get());
+}
+
+int TesuBpfService::pollRing(const RingMonitor& monitor, ::ring_buffer* reader) {
+    int errors = 0;
+    while (running) {
+        const int result = waitAndPoll(reader);
+        // A poll that stop() woke or cut short is no error, and none that counts.
+        if (!running) {
+            break;
+        }
+        if (result >= 0) {
+            TesuBpfDataState::GetInstance()->RecordEvent(POLL_COUNTER, 1);
+            checkBpfRingBuffStatus(monitor.which, false);
+            errors = 0;
+            continue;
+        }
+        const int error = errno;  // the status check makes calls of its own
+        checkBpfRingBuffStatus(monitor.which, true);
+        if (error == EINTR) {
+            continue;
+        }
+        TESU_LOGE(TESU_LOG_SERVICE, "[TesuBpfService][%s] TESUBPF: ret %d .Error ring buf poll. %s",
+                  monitor.name, result, strerror(error));
+        errno = 0;
+        sleepUnlessStopped(POLL_ERROR_PAUSE);
+        if (++errors >= MAX_POLL_ERRORS) {
+            return -1;
+        }
+    }
+    TESU_LOGW(TESU_LOG_SERVICE, "%s", monitor.stopMessage);
+    return 0;
+}
+
+// Waits until the ring has records or the service stops, then takes what there is. libbpf's own
+// wait cannot be woken by stop(), so its descriptor is waited for together with stop()'s.
+int TesuBpfService::waitAndPoll(::ring_buffer* reader) {
+    pollfd waited[] = {
+        {.fd = ring_buffer__epoll_fd(reader), .events = POLLIN, .revents = 0},
+        {.fd = stopFd.get(), .events = POLLIN, .revents = 0},
+    };
+    if (::poll(waited, std::size(waited), stopFd.ok() ? -1 : UNWAKEABLE_TIMEOUT_MS) == -1) {
+        return -1;
+    }
+    return ring_buffer__poll(reader, 0);
+}
+
+int TesuBpfService::onRingRecord(void* ctx, void* data, size_t size) {
+    const int result = handleBpfRingBuffEvent(ctx, data, static_cast<unsigned>(size));
+    // A ring that never runs empty would keep the poll, and with it stop(), waiting for ever.
+    const TesuBpfService* service = instance.load(std::memory_order_relaxed);
+    return result >= 0 && !service->running ? -ECANCELED : result;
+}
+
+}  // namespace Tesu::Bpf

@@ -1,0 +1,201 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The service: one object per process, which attaches the pinned eBPF programs, drains the two ring
+// buffers and serves clients.
+//
+//   BpfServiceMain()            creates and starts it, returns at once
+//   GetInstance()->Wait()       supervises until stop(), then joins the poll threads
+//   GetInstance()->stop()       from any thread but a poll thread; ends everything within a second
+//
+// A service that was stopped is not started again, and the object is never destroyed.
+//
+// Threads: "BpfServicePoll" runs eventProduceThread, "BpfServicePGpl" gpleventProduceThread,
+// "BpfServiceTr" (the socket loop) the client callbacks. The class is declared here once; its
+// members are defined in the folder of their subsystem: service/, task/, events/.
+//
+// Host properties that are read: "persist.sys.stability.bpfframework.disable" ("1" disables the
+// service), "sys.tesu_bpf_ready" ("0": programs are not pinned yet), "ro.kernel.version" ("6.1"
+// starts the GPL thread). On a host that is not Android they must be set before BpfServiceMain().
+#pragma once
+
+#include <android-base/unique_fd.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "events/event_manager.h"
+#include "ipc/ipc_package.h"
+#include "ipc/ipc_package_handler.h"
+#include "ipc/unix_ipc_manager.h"
+#include "service/bpf_program.h"
+#include "util/export.h"
+
+struct ring_buffer;  // libbpf's reader
+
+namespace Tesu::Bpf {
+
+// Starts the service. False when the disable property says so, or when it was stopped before.
+// Throws std::system_error when the poll thread cannot be created.
+TESU_API bool BpfServiceMain();
+
+// Index of a ring buffer in the service's arrays.
+enum RingIndex { RING_CORE = 0, RING_GPL = 1, RING_COUNT = 2 };
+
+// What getProcessInfo reads from /proc/PID/status.
+struct UpdateProcessExdata {
+    int32_t pid = 0;
+    int32_t ppid = 0;
+    char comm[16] = {};  // NUL-terminated
+};
+
+class TESU_API TesuBpfService {
+  public:
+    TesuBpfService(const TesuBpfService&) = delete;
+    TesuBpfService& operator=(const TesuBpfService&) = delete;
+
+    static TesuBpfService* GetInstance();
+
+    // False once the service was stopped; true, and nothing done, while it runs.
+    bool start();
+    int Wait();
+    int stop();
+    static bool checkKernelVersion();
+
+    // Bodies of the poll threads. Result of the attachment (number of failures), 0 when stopped
+    // before it.
+    int eventProduceThread();
+    int gpleventProduceThread();
+
+    // Drain one ring buffer until stop(): 0; -1 after a setup failure or six poll errors in a row.
+    int eventMonitor();
+    int gpleventMonitor();
+
+    // Counts, forwards and handles one record, on the poll thread of its buffer. `ctx` is ignored.
+    // -1 for a record of unknown type, else the handler's result. The record is valid only during
+    // the call.
+    static int handleBpfRingBuffEvent(void* ctx, void* data, unsigned size);
+
+    // False when the buffer had lost records for want of space (the mark is then cleared) and for
+    // an index that is none. Without `force` the kernel is asked at most every 30 seconds.
+    bool checkBpfRingBuffStatus(int which, bool force);
+    bool enableCoreBpf(int which, bool enable);
+    bool enableNormalBpf(int which, bool enable);
+
+    // Task record handlers; always 0.
+    int handleTesuTaskInitEvent(char* data, int64_t size);
+    int handleSched_SchedProcessFork(char* data, int64_t size);
+    int handleSched_SchedProcessExit(char* data, int64_t size);
+    int handleKmem_RssStat(char* data, int64_t size);
+    // For a record type that clients receive unchanged; not for types that are forwarded anyway.
+    int handleBpfPassthrough(char* data, int64_t size);
+    // -1 when the process has gone.
+    static int getProcessInfo(int32_t pid, UpdateProcessExdata* out);
+
+    // Describe from /proc what was there before the programs: tasks, open descriptors, dma-bufs.
+    int initTaskInfo();
+    int initFdBpfProg();
+    int initDmabufBpfProg();
+
+    // Client callbacks, on the socket loop thread.
+    int onClientLibConnection(int fd);
+    int onClientLibClose(int fd);
+    int onClientLibReadable(int fd, BufferState* readBuffer, BufferState* writeBuffer);
+    int onClientLibWriteable(int fd, BufferState* writeBuffer);
+    int onEventProvideReqCallBack(int fd, char* body, long long length, BufferState* writeBuffer);
+
+    // Has the socket loop send what is queued for each client, in order.
+    void notifyClientEventReady(const std::vector<int>& fds);
+
+    static std::mutex servicelock;
+
+    static const std::string PROC_FS_PATH;
+    static const std::string SUBTASK_PATH_TEMPLATE;
+    static const std::string TASK_STATUS_TEMPLATE;
+    static const std::string TASK_STATUS_PID_TEMPLATE;
+    static const std::string TASK_STAT_TEMPLATE;
+    static const std::string TASK_MAPS_TEMPLATE;
+    static const std::string TASK_FD_TEMPLATE;
+    static const std::string TASK_COMM_PREFIX;
+    static const std::string TASK_PPID_PREFIX;
+    static const std::string TASK_RSS_ANON_PREFIX;
+    static const std::string TASK_RSS_FILE_PREFIX;
+    static const std::string TASK_RSS_SHMEM_PREFIX;
+    static const std::string TASK_VM_SWAP_PREFIX;
+    static const std::string TASK_PROC_UID_PREFIX;
+    static const std::string TASK_DMABUF_PREFIX;
+    static const std::string BPF_FS_PATH;
+    static const std::string TESU_BPF_READY;
+    static const std::string KERNEL_VERSION_PROP;
+    static const BpfProgramTable PROG_EVENT_MAP;
+    static const BpfProgramTable PROG_GPL_EVENT_MAP;
+
+    ~TesuBpfService();
+
+  private:
+    // What differs between the two monitors.
+    struct RingMonitor;
+
+    TesuBpfService();
+
+    // Both need servicelock.
+    void createCoreThread();
+    void createGplThreadIfDue();
+    void joinPollThreads();
+    // True when stopped, at the latest after `duration`.
+    bool sleepUnlessStopped(std::chrono::milliseconds duration);
+
+    int runMonitor(const RingMonitor& monitor);
+    int pollRing(const RingMonitor& monitor, ::ring_buffer* reader);
+    int waitAndPoll(::ring_buffer* reader);
+    // What libbpf calls for each record: hands it on and ends the poll when the service stops.
+    static int onRingRecord(void* ctx, void* data, size_t size);
+    bool switchStatusFlag(int which, uint64_t flag, bool enable);
+
+    static std::atomic<TesuBpfService*> instance;
+
+    // Handler of each record type, called on the poll thread that owns the record's buffer. Filled
+    // by the constructor, then only read.
+    std::map<int32_t, std::function<int32_t(char*, int64_t)>> eventHandlers;
+    std::atomic<bool> running{false};
+    // Set once by stop(), under servicelock; what takes long looks at it and ends early.
+    std::atomic<bool> stopped{false};
+    // Set once readiness and time base are there: the GPL thread may start. Guarded by servicelock.
+    bool ready = false;
+    // Seconds since the epoch; each element belongs to its poll thread.
+    std::array<int64_t, RING_COUNT> lastStatusCheck{};
+    // Written by their poll thread before it enables the programs, then only read.
+    std::array<android::base::unique_fd, RING_COUNT> ringbufMapFd;
+    std::array<android::base::unique_fd, RING_COUNT> statusMapFd;
+    // Names whose parent and name are read again from /proc on memory events. Only read after
+    // construction, so refreshLock is taken by nobody.
+    std::set<std::string> refreshNames;
+    std::mutex refreshLock;
+    // Handles are guarded by servicelock.
+    std::thread eventThread;
+    std::thread gplEventThread;
+    std::unique_ptr<UnixIpcManager> ipcManager;
+    std::unique_ptr<IpcPackageManager> packageManager;
+    std::unique_ptr<IpcPackageHandler> packageHandler;
+    // Guarded by EventManager::tesuRawEventManagerLock.
+    std::map<int, IpcPackageManager> clientPackageManagers;
+
+    // Wakes what waits for stop(): threads asleep through the condition, polls through the
+    // descriptor, which stays readable from stop() on.
+    std::mutex stopMutex;
+    std::condition_variable stopCondition;
+    android::base::unique_fd stopFd;
+};
+
+}  // namespace Tesu::Bpf

@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Describes what processes already hold, for the maps in which the eBPF programs go on counting.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "service/raw_event.h"
+
+namespace Tesu::Bpf {
+
+// Asked before each process whether to go on.
+using KeepScanning = std::function<bool()>;
+
+// Hands over the count of open descriptors of each process below `procRoot`. Processes that go
+// meanwhile are left out.
+void ScanOpenFds(const std::string& procRoot, const KeepScanning& keepScanning,
+                 const std::function<void(const OpenFdCaller&)>& take);
+
+// What becomes of the dma-bufs that are found.
+struct DmabufSink {
+    // For each mapping, in the order of reading; a later one of the same inode replaces the former.
+    std::function<void(uint64_t inode, const DmabufAllocation&)> takeMapping;
+    // For each process that maps any: the sum of its mappings in bytes, never 0.
+    std::function<void(int32_t pid, int64_t total)> takeTotal;
+};
+void ScanDmabufs(const std::string& procRoot, const KeepScanning& keepScanning,
+                 const DmabufSink& sink);
+
+}  // namespace Tesu::Bpf

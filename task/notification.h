@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The notifications that the service derives from the kernel's records, as a client receives them.
+// Packed, little-endian; they carry no time. Sizes are bytes.
+#pragma once
+
+#include <cstdint>
+
+#include "service/raw_event.h"
+
+namespace Tesu::Bpf {
+
+enum NotificationType : uint32_t {
+    NOTIFICATION_PROCESS_CREATED = 50001,
+    NOTIFICATION_PROCESS_EXITED = 50002,
+    NOTIFICATION_THREAD_COUNT = 50003,
+    NOTIFICATION_MEMORY = 50004,
+};
+
+struct ProcessCreatedNotification {
+    uint32_t type;
+    int32_t pid;
+    int32_t ppid;
+    int32_t uid;
+    char comm[TESU_COMM_LEN];
+};
+static_assert(sizeof(ProcessCreatedNotification) == 32, "wire layout");
+
+struct ProcessExitedNotification {
+    uint32_t type;
+    int32_t pid;
+    char comm[TESU_COMM_LEN];
+};
+static_assert(sizeof(ProcessExitedNotification) == 24, "wire layout");
+
+struct ThreadCountNotification {
+    uint32_t type;
+    int32_t pid;
+    int32_t ppid;
+    int32_t uid;
+    int32_t oldThreadNum;
+    int32_t threadNum;
+};
+static_assert(sizeof(ThreadCountNotification) == 24, "wire layout");
+
+struct MemoryNotification {
+    uint32_t type;
+    int32_t pid;
+    int32_t ppid;
+    int32_t uid;
+    char comm[TESU_COMM_LEN];
+    int64_t rssFileSize;
+    int64_t rssAnonSize;
+    int64_t rssSwapSize;
+    int64_t rssShmemSize;
+    int64_t rssFileOldSize;
+    int64_t rssAnonOldSize;
+    int64_t rssSwapOldSize;
+    int64_t rssShmemOldSize;
+};
+static_assert(sizeof(MemoryNotification) == 96, "wire layout");
+
+}  // namespace Tesu::Bpf

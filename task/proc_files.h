@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Walks and reads /proc, or a tree that stands in for it.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "task/proc_text.h"
+
+namespace Tesu::Bpf {
+
+// A path below `procRoot` from one of the service's templates, which are written for /proc.
+std::string ProcPath(const std::string& procRoot, const std::string& pathTemplate,
+                     const std::string& pid);
+
+// The whole file into `text`, whose memory is reused from file to file. False when it cannot be
+// opened or, its process having gone since, cannot be read; errno says why.
+bool ReadProcFile(const std::string& path, std::string* text);
+
+// Nothing, with errno, when the process has gone. `buffer` is for ReadProcFile.
+std::optional<ProcStatus> ReadProcStatus(const std::string& path, std::string* buffer);
+
+// Calls `visit` with the name of each process (its id in decimal) below `procRoot`, in the order of
+// the folder, until it answers false. False when the folder cannot be read.
+bool ForEachProcess(const std::string& procRoot,
+                    const std::function<bool(const std::string& pid)>& visit);
+
+// Number of entries of a folder whose name does not begin with a dot; nothing when it cannot be
+// opened.
+std::optional<uint64_t> CountEntries(const std::string& folder);
+
+}  // namespace Tesu::Bpf

@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The table itself; its dumps are in task_dump.cpp.
+#include "task/tesu_bpf_task_manager.h"
+
+#include <cerrno>
+#include <memory>
+
+namespace Tesu::Bpf {
+
+namespace {
+
+// Wraps, so that no input is undefined.
+uint64_t TotalSize(const TesuTask& task) {
+    return static_cast<uint64_t>(task.rssFileSize) + static_cast<uint64_t>(task.rssAnonSize) +
+           static_cast<uint64_t>(task.rssSwapSize) + static_cast<uint64_t>(task.rssShmemSize);
+}
+
+// Null when the key is absent.
+template <class Map>
+typename Map::mapped_type* Find(Map& map, typename Map::key_type key) {
+    const auto found = map.find(key);
+    return found == map.end() ? nullptr : &found->second;
+}
+
+// Whether there was something to erase; errno says so too.
+template <class Map>
+bool Erase(Map& map, typename Map::key_type key) {
+    const bool erased = map.erase(key) != 0;
+    errno = erased ? 0 : ENOENT;
+    return erased;
+}
+
+}  // namespace
+
+std::mutex TesuTaskManager::tesuTaskManagerLock;
+std::atomic<TesuTaskManager*> TesuTaskManager::instance{nullptr};
+
+bool CompareTesuTask(const TesuTask& a, const TesuTask& b) {
+    return static_cast<int64_t>(TotalSize(a) - TotalSize(b)) > 0;
+}
+
+// Without a lock, since callers may hold the table's: of two first callers one keeps its object.
+TesuTaskManager* TesuTaskManager::GetInstance() {
+    TesuTaskManager* manager = instance.load(std::memory_order_acquire);
+    if (manager == nullptr) {
+        std::unique_ptr<TesuTaskManager> made(new TesuTaskManager());
+        if (instance.compare_exchange_strong(manager, made.get(), std::memory_order_acq_rel)) {
+            manager = made.release();
+        }
+    }
+    return manager;
+}
+
+int32_t TesuTaskManager::AddTesuTask(int32_t pid, TesuTask task) {
+    tasks.insert_or_assign(pid, task);
+    return 0;
+}
+
+TesuTask* TesuTaskManager::GetTesuTask(int32_t pid) {
+    return Find(tasks, pid);
+}
+
+int32_t TesuTaskManager::DelTesuTask(int32_t pid) {
+    return Erase(tasks, pid) ? 0 : -1;
+}
+
+uint32_t TesuTaskManager::GetTesuTaskCount() const {
+    return static_cast<uint32_t>(tasks.size());
+}
+
+int32_t TesuTaskManager::AddMmidIndex(uint32_t mmid, TesuTask* task) {
+    mmidIndex.insert_or_assign(mmid, task);
+    return 0;
+}
+
+TesuTask* TesuTaskManager::GetTesuTaskByMmid(uint32_t mmid) {
+    TesuTask* const* entry = Find(mmidIndex, mmid);
+    return entry == nullptr ? nullptr : *entry;
+}
+
+int32_t TesuTaskManager::DelMmidIndex(uint32_t mmid) {
+    return Erase(mmidIndex, mmid) ? 0 : -1;
+}
+
+int32_t TesuTaskManager::AddRssTempTask(uint32_t mmid, TesuTask task) {
+    rssTempTasks.insert_or_assign(mmid, task);
+    return 0;
+}
+
+TesuTask* TesuTaskManager::GetRssTempTask(uint32_t mmid) {
+    return Find(rssTempTasks, mmid);
+}
+
+// Unlike its siblings it reports a miss through errno alone.
+int32_t TesuTaskManager::DelRssTempTask(uint32_t mmid) {
+    Erase(rssTempTasks, mmid);
+    return 0;
+}
+
+}  // namespace Tesu::Bpf

@@ -1,0 +1,110 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The live task table: one record per process that the service knows of, and its dumps.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "service/raw_event.h"
+#include "util/export.h"
+
+namespace Tesu::Bpf {
+
+// One process. Sizes are bytes; an "old" figure is the one last reported to clients.
+struct TesuTask {
+    int32_t pid = 0;
+    int32_t ppid = 0;
+    int32_t uid = 0;
+    int32_t threadNum = 0;
+    int32_t oldThreadNum = 0;
+    char comm[TESU_COMM_LEN] = {};  // a name of 16 characters carries no NUL
+    uint32_t mmId = 0;
+    // Resident memory, in the order of the kernel's rss members 0 to 3.
+    int64_t rssFileSize = 0;
+    int64_t rssAnonSize = 0;
+    int64_t rssSwapSize = 0;
+    int64_t rssShmemSize = 0;
+    int64_t rssFileOldSize = 0;
+    int64_t rssAnonOldSize = 0;
+    int64_t rssSwapOldSize = 0;
+    int64_t rssShmemOldSize = 0;
+    int64_t initTimeStamp = 0;    // seconds since the epoch at which the process began
+    int64_t lastRefreshTime = 0;  // seconds; when name and parent were last read again, 0: never
+    int64_t createEventTime = 0;  // nanoseconds; time of the record that made this one
+};
+static_assert(offsetof(TesuTask, rssShmemSize) - offsetof(TesuTask, rssFileSize) == 24,
+              "the four sizes lie in a row");
+
+// Largest total of the four sizes first; totals and their difference wrap. Not a strict weak
+// ordering where differences wrap: see SortForDump in task/task_dump.h.
+TESU_API bool CompareTesuTask(const TesuTask& a, const TesuTask& b);
+
+// Made on first use, from any thread; never destroyed.
+//
+// The operations take no lock, since they hand out pointers: a caller holds tesuTaskManagerLock for
+// as long as it uses what it got. With the lock held nobody calls the fan-out. A pointer stays
+// valid until its record is deleted. The dumps take the lock themselves.
+class TESU_API TesuTaskManager {
+  public:
+    static TesuTaskManager* GetInstance();
+    TesuTaskManager(const TesuTaskManager&) = delete;
+    TesuTaskManager& operator=(const TesuTaskManager&) = delete;
+
+    // The adders overwrite what is there and return 0. The getters give null for what is absent and
+    // leave errno alone. The deleters set errno: 0, or ENOENT when there was nothing to delete.
+    int32_t AddTesuTask(int32_t pid, TesuTask task);
+    TesuTask* GetTesuTask(int32_t pid);
+    int32_t DelTesuTask(int32_t pid);  // -1 for an absent pid
+    uint32_t GetTesuTaskCount() const;
+
+    // By memory descriptor. The index does not own its tasks, and deleting a task leaves its entry.
+    int32_t AddMmidIndex(uint32_t mmid, TesuTask* task);
+    TesuTask* GetTesuTaskByMmid(uint32_t mmid);
+    int32_t DelMmidIndex(uint32_t mmid);  // -1 for an absent mmid
+
+    int32_t AddRssTempTask(uint32_t mmid, TesuTask task);
+    TesuTask* GetRssTempTask(uint32_t mmid);
+    int32_t DelRssTempTask(uint32_t mmid);  // always 0
+
+    // Replace the dump file by the table of this moment, largest processes first. IgnoreKernelTask
+    // leaves out tasks without memory, Normal the columns of old figures. A file that cannot be
+    // created is logged. Any thread, without the lock; not a signal handler (see
+    // diag/dump_requests.h).
+    void DumpTesuTaskInfo(const std::string& path = TESUTASK_DUMP_TEMPLATE);
+    void DumpTesuTaskIgnoreKernelTaskInfo(const std::string& path = TESUTASK_DUMP_TEMPLATE);
+    void DumpTesuTaskInfoNormal(const std::string& path = TESUTASK_DUMP_TEMPLATE);
+    void DumpTesuTaskIgnoreKernelTaskInfoNormal(const std::string& path = TESUTASK_DUMP_TEMPLATE);
+
+    // Guards the table and every record in it. No other lock is taken while it is held.
+    static std::mutex tesuTaskManagerLock;
+
+    static const std::string TESUTASK_DUMP_PATH;
+    static const std::string TESUTASK_DUMP_TEMPLATE;
+
+  private:
+    TesuTaskManager() = default;
+
+    enum class KernelTasks { INCLUDED, LEFT_OUT };
+    enum class OldColumns { PRINTED, LEFT_OUT };
+    void dump(const std::string& path, KernelTasks kernelTasks, OldColumns oldColumns);
+
+    static std::atomic<TesuTaskManager*> instance;
+
+    std::map<int32_t, TesuTask> tasks;
+    std::map<uint32_t, TesuTask*> mmidIndex;
+    std::map<uint32_t, TesuTask> rssTempTasks;
+};
+
+// The dumps by signal number, for ordinary threads: 51 all, 52 without kernel tasks, 53 all without
+// old columns, 54 without both.
+TESU_API void HandleDumpSignal(int signal);
+TESU_API void HandleNonKernelDumpSignal(int signal);
+TESU_API void HandleDumpSignalNormal(int signal);
+TESU_API void HandleNonKernelDumpSignalNormal(int signal);
+
+}  // namespace Tesu::Bpf
