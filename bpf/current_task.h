@@ -1,0 +1,100 @@
+/* SPDX-License-Identifier: Apache-2.0 OR GPL-2.0-only
+ *
+ * Facts about the task in whose context a program runs.
+ */
+#ifndef TESUBPF_BPF_CURRENT_TASK_H
+#define TESUBPF_BPF_CURRENT_TASK_H
+
+#include "bpf/kernel_read.h"
+#include "service/raw_event.h"
+
+/* Bits of task_struct.flags, the same in every kernel that has them. */
+#define TASK_FLAG_IO_WORKER 0x00000010
+#define TASK_FLAG_USER_WORKER 0x00004000
+#define TASK_FLAG_KERNEL_THREAD 0x00200000
+
+struct CurrentTask {
+    uint32_t pid; /* process id */
+    uint32_t tid; /* thread id */
+};
+
+static __always_inline struct CurrentTask GetCurrentTask(void) {
+    const uint64_t ids = bpf_get_current_pid_tgid();
+    const struct CurrentTask task = {.pid = ids >> 32, .tid = (uint32_t)ids};
+    return task;
+}
+
+static __always_inline uint32_t CurrentUid(void) {
+    return (uint32_t)bpf_get_current_uid_gid();
+}
+
+static __always_inline const void* CurrentTaskStruct(void) {
+    return (const void*)bpf_get_current_task();
+}
+
+/* Kernel threads can borrow a process's memory and change its counters; without the flags such
+ * changes pass for the kernel thread's own. Kernel threads have one thread and run as root, which
+ * spares most tasks the read of the flags. */
+static __always_inline int IsKernelThread(struct CurrentTask task) {
+    return IsKnown(kernelLayout.taskFlags) && task.tid == task.pid && CurrentUid() == 0 &&
+           (ReadInt(CurrentTaskStruct(), kernelLayout.taskFlags) & TASK_FLAG_KERNEL_THREAD) != 0;
+}
+
+/* Whether the task is a helper thread that the kernel put into a process by itself (for io_uring,
+ * vhost): such threads are made without the fork tracepoint. The names tell too, because some
+ * kernels take the flag away before such a thread ends. */
+static __always_inline int IsKernelMadeWorker(void) {
+    if (IsKnown(kernelLayout.taskFlags) && (ReadInt(CurrentTaskStruct(), kernelLayout.taskFlags) &
+                                            (TASK_FLAG_IO_WORKER | TASK_FLAG_USER_WORKER)) != 0) {
+        return 1;
+    }
+    uint64_t comm[TESU_COMM_LEN / sizeof(uint64_t)] = {};
+    bpf_get_current_comm(comm, sizeof(comm));
+    return comm[0] == 0x2d6b72772d756f69 /* iou-wrk- */ ||
+           comm[0] == 0x2d7071732d756f69 /* iou-sqp- */;
+}
+
+/* Process id of the parent, `otherwise` where it cannot be read. */
+static __always_inline uint32_t CurrentParentPid(uint32_t otherwise) {
+    if (!IsKnown(kernelLayout.taskRealParent) || !IsKnown(kernelLayout.taskTgid)) {
+        return otherwise;
+    }
+    const void* parent = ReadPointer(CurrentTaskStruct(), kernelLayout.taskRealParent);
+    int32_t pid = 0;
+    if (parent == NULL ||
+        bpf_probe_read_kernel(&pid, sizeof(pid), parent + kernelLayout.taskTgid) != 0) {
+        return otherwise;
+    }
+    return pid;
+}
+
+/* Name of the process: that of its first thread, or of the current one where it cannot be read. */
+static __always_inline void ReadProcessComm(char* comm) {
+    if (IsKnown(kernelLayout.taskGroupLeader) && IsKnown(kernelLayout.taskComm)) {
+        const void* leader = ReadPointer(CurrentTaskStruct(), kernelLayout.taskGroupLeader);
+        if (leader != NULL &&
+            bpf_probe_read_kernel(comm, TESU_COMM_LEN, leader + kernelLayout.taskComm) == 0) {
+            return;
+        }
+    }
+    bpf_get_current_comm(comm, TESU_COMM_LEN);
+}
+
+/* In sched_process_exit, with its record: whether no other thread of the process lives. The kernel
+ * counts the task out before the tracepoint, so where the record does not tell, two threads that
+ * end together may both find themselves the last. */
+static __always_inline int IsLastThread(const void* exitRecord) {
+    if (IsKnown(kernelLayout.exitGroupDead)) {
+        return ReadByte(exitRecord, kernelLayout.exitGroupDead) != 0;
+    }
+    if (!IsKnown(kernelLayout.taskSignal) || !IsKnown(kernelLayout.signalLive)) {
+        return 0;
+    }
+    const void* signal = ReadPointer(CurrentTaskStruct(), kernelLayout.taskSignal);
+    int32_t live = 1;
+    return signal != NULL &&
+           bpf_probe_read_kernel(&live, sizeof(live), signal + kernelLayout.signalLive) == 0 &&
+           live == 0;
+}
+
+#endif

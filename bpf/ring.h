@@ -1,0 +1,103 @@
+/* SPDX-License-Identifier: Apache-2.0 OR GPL-2.0-only
+ *
+ * The ring buffer and the status map of an object, and the account of what did not fit. The object
+ * defines RING_BUFFER_BYTES before it includes this.
+ *
+ * A record is reserved, written in place and submitted; readers are woken as the kernel sees fit.
+ * Every record that was to be written is either in the buffer or counted as lost.
+ */
+#ifndef TESUBPF_BPF_RING_H
+#define TESUBPF_BPF_RING_H
+
+#include "bpf/counters.h"
+#include "bpf/kernel_read.h"
+#include "service/raw_event.h"
+
+struct {
+    __uint(type, BPF_MAP_TYPE_RINGBUF);
+    __uint(max_entries, RING_BUFFER_BYTES);
+} ringbuf_map SEC(".maps");
+
+/* The loader makes room for every possible CPU's RING_LOST_RECORDS slot. */
+struct {
+    __uint(type, BPF_MAP_TYPE_ARRAY);
+    __uint(max_entries, RING_LOST_RECORDS + 1);
+    __type(key, uint32_t);
+    __type(value, uint64_t);
+} ringbuf_status SEC(".maps");
+
+static __always_inline uint64_t* StatusSlot(uint32_t key) {
+    return bpf_map_lookup_elem(&ringbuf_status, &key);
+}
+
+/* RingStatusFlag bits. */
+static __always_inline uint64_t RingFlags(void) {
+    const uint64_t* flags = StatusSlot(RING_STATUS_FLAGS);
+    return flags != NULL ? *(const volatile uint64_t*)flags : 0;
+}
+
+/* Invariant: marking the buffer full never undoes an enable. The service changes the enable bits in
+ * the same word, by reading and writing it. An atomic or cannot lose its write. Without atomics the
+ * word that is stored may be stale, so it is stored only when both enable bits were already set in
+ * it: there was no enable left that it could undo. Until then nothing but the core class writes,
+ * the lost records are counted all the same, and the next one that is lost tries again. */
+static __always_inline void MarkRingFull(void) {
+    uint64_t* flags = StatusSlot(RING_STATUS_FLAGS);
+    if (flags == NULL) {
+        return;
+    }
+    const uint64_t seen = *(volatile uint64_t*)flags;
+    const uint64_t enabled = FLAG_CORE_ENABLED | FLAG_NORMAL_ENABLED;
+    if ((seen & FLAG_RINGBUF_FULL) != 0) {
+        return;
+    }
+    if (kernelLayout.hasAtomics) {
+        __sync_fetch_and_or(flags, FLAG_RINGBUF_FULL);
+    } else if ((seen & enabled) == enabled) {
+        *(volatile uint64_t*)flags = seen | FLAG_RINGBUF_FULL;
+    }
+}
+
+static __always_inline void QueryRingInto(uint32_t key, uint64_t what) {
+    uint64_t* slot = StatusSlot(key);
+    if (slot != NULL) {
+        *slot = bpf_ringbuf_query(&ringbuf_map, what);
+    }
+}
+
+/* Counts one record that was made and will never be read. The programs run with preemption off and
+ * one at a time on a CPU, so the own CPU's slot needs no atomic addition. */
+static __always_inline void CountLostRecord(void) {
+    uint64_t* lost = StatusSlot(RING_LOST_RECORDS + bpf_get_smp_processor_id());
+    if (lost != NULL) {
+        AddTo(lost, 1);
+    }
+}
+
+/* Accounts for a record that found the buffer full. */
+static __always_inline void NoteFullRing(void) {
+    MarkRingFull();
+    QueryRingInto(RING_AVAIL_DATA, BPF_RB_AVAIL_DATA);
+    QueryRingInto(RING_SIZE, BPF_RB_RING_SIZE);
+    QueryRingInto(RING_CONS_POS, BPF_RB_CONS_POS);
+    QueryRingInto(RING_PROD_POS, BPF_RB_PROD_POS);
+    CountLostRecord();
+}
+
+/* A record of constant `size`, its memory not cleared, or NULL after the loss was accounted for. */
+static __always_inline void* ReserveRecord(uint64_t size) {
+    void* record = bpf_ringbuf_reserve(&ringbuf_map, size, 0);
+    if (record == NULL) {
+        NoteFullRing();
+    }
+    return record;
+}
+
+/* `time` in nanoseconds of CLOCK_MONOTONIC. */
+static __always_inline void SetHeader(struct RawEventHeader* header, uint32_t type, uint64_t time) {
+    header->type = type;
+    header->padding = 0;
+    header->time = time;
+}
+
+#endif

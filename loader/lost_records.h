@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// How many records found a ring buffer full.
+#pragma once
+
+#include <bpf/bpf.h>
+#include <bpf/libbpf.h>
+
+#include <cstdint>
+
+#include "service/raw_event.h"
+
+namespace Tesu::Bpf {
+
+// The records lost since the objects were loaded, over all CPUs, from a ring's status map. 0 where
+// the map cannot be read.
+inline uint64_t ReadLostRecords(int statusMapFd) {
+    const int cpus = libbpf_num_possible_cpus();
+    uint64_t lost = 0;
+    for (int cpu = 0; cpu < cpus; ++cpu) {
+        const uint32_t key = RING_LOST_RECORDS + cpu;
+        uint64_t ofCpu = 0;
+        if (bpf_map_lookup_elem(statusMapFd, &key, &ofCpu) == 0) {
+            lost += ofCpu;
+        }
+    }
+    return lost;
+}
+
+}  // namespace Tesu::Bpf

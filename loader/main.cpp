@@ -1,0 +1,84 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// tesubpfload: loads the eBPF objects and pins them for the service.
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdint>
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <iostream>
+#include <string>
+#include <system_error>
+
+#include "loader/load_set.h"
+
+namespace {
+
+constexpr const char* FOOTER = R"(
+Pins appear all together or not at all. A program that this kernel cannot take is left out, which is
+told and noted beside the pins.
+
+Exit status: 0 loaded, already loaded, or unloaded, also when some programs are left out; 1 failed,
+and nothing is loaded; 2 wrong usage.)";
+
+// The objects are installed beside the program: bin/ and lib/bpf/.
+std::string DefaultObjectDir() {
+    std::error_code error;
+    const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", error);
+    return (program.parent_path().parent_path() / "lib" / "bpf").string();
+}
+
+int Run(int argc, char** argv) {
+    Tesu::Bpf::LoadOptions options;
+    options.objectDir = DefaultObjectDir();
+    bool unload = false;
+    uint64_t ringSize = 0;
+
+    CLI::App app("Loads the eBPF programs of the task service and pins them", "tesubpfload");
+    app.set_version_flag("--version", "tesubpfload " TESUBPF_VERSION);
+    CLI::Option* const unloadFlag =
+        app.add_flag("--unload", unload, "Remove what is pinned; detaches nothing that is in use");
+    CLI::Option* const ringOption =
+        app.add_option("--ring-size", ringSize,
+                       "Size of both ring buffers (4M for example); a power of two and a multiple "
+                       "of the page size. Default: 4 MiB for the core set, 1 MiB for the GPL set")
+            ->type_name("BYTES")
+            ->transform(CLI::AsSizeValue(false))
+            ->excludes(unloadFlag);
+    app.add_option("--object-dir", options.objectDir, "Where the eBPF objects are")
+        ->type_name("DIR")
+        ->capture_default_str();
+    app.add_option("--pin-dir", options.pinDir, "Where to pin, in a mounted bpf file system")
+        ->type_name("DIR")
+        ->capture_default_str();
+    app.add_flag("--verbose", options.verbose, "libbpf's log on the standard error");
+    app.footer(FOOTER);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? Tesu::Bpf::LOADER_DONE : Tesu::Bpf::LOADER_USAGE;
+    }
+    if (ringOption->count() > 0) {
+        std::string error;
+        if (!Tesu::Bpf::IsRingSize(ringSize, sysconf(_SC_PAGESIZE), &error)) {
+            std::fprintf(stderr, "tesubpfload: --ring-size: %s\n", error.c_str());
+            return Tesu::Bpf::LOADER_USAGE;
+        }
+        options.ringBytes = static_cast<uint32_t>(ringSize);
+    }
+    return unload ? Tesu::Bpf::UnloadSet(options.pinDir, std::cout, std::cerr)
+                  : Tesu::Bpf::LoadSet(options, std::cout, std::cerr);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return Run(argc, argv);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "tesubpfload: %s\n", error.what());
+        return Tesu::Bpf::LOADER_FAILED;
+    }
+}

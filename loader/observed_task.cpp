@@ -1,0 +1,123 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "loader/observed_task.h"
+
+#include <android-base/file.h>
+#include <android-base/strings.h>
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <thread>
+#include <vector>
+
+namespace Tesu::Bpf {
+
+namespace {
+
+using android::base::unique_fd;
+
+// What the child tells through its pipe.
+struct Facts {
+    TaskPeekRequest peeked;
+    uint32_t flags;
+    int32_t threads;
+};
+
+// What /proc tells of the calling thread: task_struct.flags, and the threads of its process.
+void ReadOwnStat(Facts* facts) {
+    // Pieces behind the bracket that ends the name; the first is empty.
+    constexpr size_t FLAGS = 7;
+    constexpr size_t THREADS = 18;
+    std::string stat;
+    if (!android::base::ReadFileToString("/proc/thread-self/stat", &stat)) {
+        return;
+    }
+    const std::vector<std::string> pieces =
+        android::base::Split(stat.substr(stat.rfind(')') + 1), " ");
+    if (pieces.size() > THREADS) {
+        facts->flags = static_cast<uint32_t>(std::strtoul(pieces[FLAGS].c_str(), nullptr, 10));
+        facts->threads = static_cast<int32_t>(std::strtol(pieces[THREADS].c_str(), nullptr, 10));
+    }
+}
+
+void WaitForEnd(int lifeline) {
+    char byte = 0;
+    while (read(lifeline, &byte, sizeof(byte)) == -1 && errno == EINTR) {
+    }
+}
+
+// The child's whole life. The thread that is looked at is started last, when all the others live.
+[[noreturn]] void LiveAsChild(const KernelPeek& peek, int threads, const std::string& comm,
+                              int factsPipe, int lifeline) {
+    for (int i = 2; i < threads; ++i) {
+        std::thread([lifeline] { WaitForEnd(lifeline); }).detach();
+    }
+    std::thread([&] {
+        prctl(PR_SET_NAME, comm.c_str());
+        Facts facts = {};
+        facts.peeked.bytes = TASK_PEEK_BYTES;
+        ReadOwnStat(&facts);
+        if (!peek.run(&facts.peeked)) {
+            facts.peeked.bytes = 0;
+        }
+        android::base::WriteFully(factsPipe, &facts, sizeof(facts));
+        WaitForEnd(lifeline);
+    }).detach();
+    WaitForEnd(lifeline);
+    _exit(EXIT_SUCCESS);
+}
+
+bool MakePipe(unique_fd* readEnd, unique_fd* writeEnd) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+        return false;
+    }
+    readEnd->reset(ends[0]);
+    writeEnd->reset(ends[1]);
+    return true;
+}
+
+}  // namespace
+
+ObservedTask::ObservedTask(const KernelPeek& peek, int threads, const std::string& comm) {
+    unique_fd factsRead;
+    unique_fd factsWrite;
+    unique_fd lifelineRead;
+    TaskPeekRequest self = {};  // only for the ids, in the numbering of the kernel
+    if (!MakePipe(&factsRead, &factsWrite) || !MakePipe(&lifelineRead, &lifeline) ||
+        !peek.run(&self)) {
+        return;
+    }
+    child = fork();
+    if (child == 0) {
+        factsRead.reset();
+        lifeline.reset();
+        LiveAsChild(peek, threads, comm, factsWrite.get(), lifelineRead.get());
+    }
+    factsWrite.reset();
+    Facts facts = {};
+    if (child == -1 || !android::base::ReadFully(factsRead.get(), &facts, sizeof(facts))) {
+        return;
+    }
+    observed.bytes = peek.bytes(facts.peeked);
+    observed.pid = facts.peeked.pid;
+    observed.tid = facts.peeked.tid;
+    observed.parentPid = self.pid;
+    observed.flags = facts.flags;
+    observed.threads = facts.threads;
+    observed.comm = comm;
+}
+
+ObservedTask::~ObservedTask() {
+    if (child > 0) {
+        kill(child, SIGKILL);
+    }
+    while (child > 0 && waitpid(child, nullptr, 0) == -1 && errno == EINTR) {
+    }
+}
+
+}  // namespace Tesu::Bpf

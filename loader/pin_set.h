@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The folder in a bpf file system in which all programs and maps are pinned.
+//
+// A program is pinned as prog_<object>_<program>, a map as map_<object>_<map>. For a program that
+// this kernel could not take there is left_out_<object>_<program>, a symbolic link that points
+// nowhere and whose text is the reason. A folder with all of these is complete.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "loader/load_object.h"
+
+namespace Tesu::Bpf {
+
+inline constexpr const char* DEFAULT_PIN_DIR = "/sys/fs/bpf/tesu";
+
+bool IsOnBpfFileSystem(const std::string& path);
+
+// The names of what is pinned in `dir`, other files not counted; empty where there is no folder.
+std::vector<std::string> ListPins(const std::string& dir);
+
+// The pins of this object, opened or loaded, that `dir` does not have.
+std::vector<std::string> FindMissingPins(const std::string& dir, const std::string& objectName,
+                                         const bpf_object* object);
+
+// Pins all programs and maps of a loaded object in `dir`, which exists.
+bool PinObject(const std::string& dir, const std::string& objectName, const LoadedObject& loaded,
+               std::string* error);
+
+// Removes what is pinned in `dir` and then the folder. Files that are not ours stay, and are an
+// error, since the folder stays with them. No folder is no error.
+bool RemovePins(const std::string& dir, std::string* error);
+
+}  // namespace Tesu::Bpf

@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Where a kernel puts the fields of a tracepoint's record, as its tracing file system tells in
+// events/<category>/<name>/format.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Tesu::Bpf {
+
+inline constexpr const char* TRACEFS_ROOT = "/sys/kernel/tracing";
+
+struct TracepointField {
+    std::string name;  // without array brackets
+    std::string type;  // as written, "char[]" or "pid_t" for example
+    uint32_t offset = 0;
+    uint32_t size = 0;
+    bool isSigned = false;
+    bool isLocated = false;  // __data_loc: the field is a word that tells where its data is
+};
+
+using TracepointFormat = std::vector<TracepointField>;
+
+// The field of that name, or null.
+const TracepointField* FindField(const TracepointFormat& format, std::string_view name);
+
+// False when there is no field in the text or a field's line does not make sense; `error` says so.
+bool ParseTracepointFormat(std::string_view text, TracepointFormat* format, std::string* error);
+
+// Reads and parses the format of a tracepoint ("sched/sched_switch") below `tracefsRoot`.
+bool ReadTracepointFormat(const std::string& tracefsRoot, const std::string& tracepoint,
+                          TracepointFormat* format, std::string* error);
+
+}  // namespace Tesu::Bpf
