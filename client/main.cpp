@@ -1,0 +1,231 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// tesubpf: the client for people and scripts.
+#include <android/log.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "client/dump.h"
+#include "client/event_names.h"
+#include "client/service_socket.h"
+#include "client/termination_signals.h"
+#include "client/top.h"
+#include "client/watch.h"
+#include "service/raw_event.h"
+
+namespace {
+
+constexpr int EXIT_USAGE = 2;
+
+constexpr const char* WATCH_FOOTER = R"(
+Text lines: time is the kernel's monotonic clock in seconds; "~" marks the time of receipt, for
+events that carry none. fork and exit are processes, thread+ and thread- threads of PID's process.
+
+Exit status: 0 ended as asked (time, count, signal, reader gone); 1 never connected to a daemon, or
+it refused every subscription; 2 wrong usage; 3 the output could not be written.)";
+
+constexpr const char* DUMP_FOOTER = R"(
+Asks the daemon by signal, for which it takes the same user or root, and prints the file that it
+writes under /data/tesulog/stability/tesubpfframework.
+
+Exit status: 0 printed; 1 no daemon, or it gave no dump; 2 wrong usage; 3 the output could not be
+written.)";
+
+constexpr const char* TOP_FOOTER = R"(
+Begins with what /proc tells and follows the daemon's events from there; without a daemon the figures
+stand still until there is one. Press ? for the keys. Colours are left out when NO_COLOR is set.
+A batch run is as wide as COLUMNS says, or 100 characters.
+
+Exit status: 0 ended as asked; 1 a batch run that had no daemon to listen to; 2 wrong usage; 3 no
+terminal, no /proc, or the output could not be written.)";
+
+// What the command line asks for.
+struct Command {
+    std::string socketName = Tesu::Bpf::SERVICE_SOCKET_NAME;
+    std::vector<std::string> types;
+    Tesu::Bpf::WatchOptions watch;
+    bool withoutKernelTasks = false;
+    bool withAllColumns = false;
+    Tesu::Bpf::TopOptions top;
+    std::string sortName = "memory";
+    // The subcommand. Returns the exit status.
+    std::function<int(Command&, const Tesu::Bpf::TerminationSignals&)> run;
+};
+
+void AddSocketOption(CLI::App* subcommand, Command& command) {
+    subcommand
+        ->add_option("--socket", command.socketName,
+                     "Name of the daemon's socket in the abstract namespace")
+        ->type_name("NAME")
+        ->capture_default_str();
+}
+
+bool MayColour() {
+    return isatty(STDOUT_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr;
+}
+
+int Watch(Command& command, const Tesu::Bpf::TerminationSignals& signals) {
+    std::string error;
+    if (!Tesu::Bpf::ParseEventTypes(command.types, &command.watch.eventTypes, &error)) {
+        std::fprintf(stderr, "tesubpf: %s", error.c_str());
+        return EXIT_USAGE;
+    }
+    if (command.watch.eventTypes.empty()) {
+        command.watch.eventTypes = {Tesu::Bpf::RAW_EVENT_TASK_CREATE,
+                                    Tesu::Bpf::RAW_EVENT_TASK_EXIT};
+    }
+    command.watch.socketName = command.socketName;
+    command.watch.header = isatty(STDOUT_FILENO) == 1;
+    command.watch.colour = MayColour();
+    return Tesu::Bpf::RunWatch(command.watch, signals);
+}
+
+void AddWatch(CLI::App& app, Command& command) {
+    CLI::App* const watch = app.add_subcommand("watch", "Print events as they happen");
+    watch
+        ->add_option("-t,--type", command.types,
+                     "Event types: names or numbers, several with commas or by repeating the "
+                     "option; \"all\" for every type (default: task-create,task-exit)")
+        ->allow_extra_args(false)
+        ->type_name("TYPE[,TYPE]");
+    watch->add_flag("--json", command.watch.json, "One JSON object per line");
+    watch->add_option("-s,--seconds", command.watch.seconds, "End after this many seconds")
+        ->check(CLI::Range(0.001, 1e9).description(""))
+        ->type_name("SECONDS");
+    watch->add_option("-n,--count", command.watch.count, "End after this many events")
+        ->check(CLI::Validator(CLI::PositiveNumber).description(""))
+        ->type_name("COUNT");
+    AddSocketOption(watch, command);
+    watch->footer("Event types (name, short form, number):\n" + Tesu::Bpf::DescribeEventTypes() +
+                  WATCH_FOOTER);
+    watch->callback([&command] { command.run = Watch; });
+}
+
+int Dump(const Command& command, Tesu::Bpf::DumpKind kind,
+         const Tesu::Bpf::TerminationSignals& signals) {
+    return Tesu::Bpf::RunDump(
+        {.socketName = command.socketName, .kind = kind, .isTerminal = isatty(STDOUT_FILENO) == 1},
+        signals);
+}
+
+int Tasks(Command& command, const Tesu::Bpf::TerminationSignals& signals) {
+    using Tesu::Bpf::DumpKind;
+    if (command.withAllColumns) {
+        return Dump(
+            command,
+            command.withoutKernelTasks ? DumpKind::TASKS_FULL_NO_KERNEL : DumpKind::TASKS_FULL,
+            signals);
+    }
+    return Dump(
+        command,
+        command.withoutKernelTasks ? DumpKind::TASKS_NORMAL_NO_KERNEL : DumpKind::TASKS_NORMAL,
+        signals);
+}
+
+void AddTasks(CLI::App& app, Command& command) {
+    CLI::App* const tasks = app.add_subcommand("tasks", "Print the daemon's table of processes");
+    tasks->add_flag("--no-kernel", command.withoutKernelTasks,
+                    "Leave out kernel tasks: those without memory");
+    tasks->add_flag("--all-columns", command.withAllColumns,
+                    "Also the sizes and thread counts as last reported");
+    AddSocketOption(tasks, command);
+    tasks->footer(DUMP_FOOTER);
+    tasks->callback([&command] { command.run = Tasks; });
+}
+
+void AddCounters(CLI::App& app, Command& command) {
+    CLI::App* const counters = app.add_subcommand(
+        "counters", "Print, as CSV, how many records of each type came in each second");
+    AddSocketOption(counters, command);
+    counters->footer(DUMP_FOOTER);
+    counters->callback([&command] {
+        command.run = [](Command& chosen, const Tesu::Bpf::TerminationSignals& signals) {
+            return Dump(chosen, Tesu::Bpf::DumpKind::COUNTERS, signals);
+        };
+    });
+}
+
+int Top(Command& command, const Tesu::Bpf::TerminationSignals& signals) {
+    const std::optional<Tesu::Bpf::SortKey> sortKey = Tesu::Bpf::ParseSortKey(command.sortName);
+    if (!sortKey) {
+        std::fprintf(stderr,
+                     "tesubpf: \"%s\" is no order; it is one of memory, change, threads, fds, age, "
+                     "pid, name\n",
+                     command.sortName.c_str());
+        return EXIT_USAGE;
+    }
+    command.top.socketName = command.socketName;
+    command.top.view.sortKey = *sortKey;
+    command.top.view.withKernelThreads = !command.withoutKernelTasks;
+    command.top.colour = MayColour();
+    return Tesu::Bpf::RunTop(command.top, signals);
+}
+
+void AddTop(CLI::App& app, Command& command) {
+    CLI::App* const top =
+        app.add_subcommand("top", "Show processes live, with their memory and what is odd");
+    top->add_option("--sort", command.sortName,
+                    "memory, change, threads, fds, age, pid or name (default: memory)")
+        ->type_name("ORDER");
+    top->add_option("--filter", command.top.view.filter,
+                    "Only names that contain TEXT, or pids that begin with it")
+        ->type_name("TEXT");
+    top->add_flag("--no-kernel", command.withoutKernelTasks, "Leave out kernel threads");
+    top->add_flag("--batch", command.top.isBatch,
+                  "Watch for a while (default: 2 seconds), print the table once and end");
+    top->add_option("-s,--seconds", command.top.seconds, "End after this many seconds")
+        ->check(CLI::Range(0.001, 1e9).description(""))
+        ->type_name("SECONDS");
+    AddSocketOption(top, command);
+    top->footer(TOP_FOOTER);
+    top->callback([&command] { command.run = Top; });
+}
+
+int Main(int argc, char** argv) {
+    // A descriptor opened later must not become the standard output by taking its number.
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(fd, F_GETFD) == -1 && open("/dev/null", O_RDWR | O_CLOEXEC) != fd) {
+            return EXIT_FAILURE;
+        }
+    }
+    const Tesu::Bpf::TerminationSignals signals;
+    std::signal(SIGPIPE, SIG_IGN);
+    // What the transport would log is said in plainer words here.
+    __android_log_set_minimum_priority(ANDROID_LOG_SILENT);
+
+    CLI::App app("Shows what the eBPF task service sees", "tesubpf");
+    app.set_version_flag("--version", "tesubpf " TESUBPF_VERSION);
+    app.require_subcommand(1);
+    Command command;
+    AddTop(app, command);
+    AddWatch(app, command);
+    AddTasks(app, command);
+    AddCounters(app, command);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? EXIT_SUCCESS : EXIT_USAGE;
+    }
+    return command.run(command, signals);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return Main(argc, argv);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "tesubpf: %s\n", error.what());
+        return EXIT_FAILURE;
+    }
+}

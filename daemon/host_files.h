@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What the service needs on the file system of its host.
+#pragma once
+
+#include <string>
+
+namespace Tesu::Bpf {
+
+// Where a loader pins programs and maps.
+inline constexpr const char* PIN_DIR = "/sys/fs/bpf/tesu";
+// Where the service writes its dumps; it makes this folder itself, but not those above.
+inline constexpr const char* DUMP_DIR = "/data/tesulog/stability/tesubpfframework";
+
+enum class PinState { PRESENT, ABSENT, UNREADABLE };
+
+// Whether the core ring buffer and its status map are pinned below `pinDir`. UNREADABLE: errno says
+// why that cannot be known.
+PinState FindCorePins(const std::string& pinDir);
+
+// Makes the folders above `path`, with mode 0775, where they are missing. False, with the folder
+// that failed in `failed`: errno says why.
+bool MakeParents(const std::string& path, std::string* failed);
+
+}  // namespace Tesu::Bpf

@@ -1,0 +1,196 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// tesubpfd: the host daemon. It gives the service the surroundings that it has on a device (system
+// properties, the folder for dumps), starts it, and ends it on SIGINT or SIGTERM. It mounts nothing
+// and loads nothing.
+#include <android-base/unique_fd.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "client/service_socket.h"
+#include "client/termination_signals.h"
+#include "daemon/host_files.h"
+#include "daemon/instance_lock.h"
+#include "daemon/properties.h"
+#include "service/tesu_bpf_service.h"
+
+namespace Tesu::Bpf {
+
+namespace {
+
+enum DaemonStatus {
+    DAEMON_ENDED = 0,
+    DAEMON_FAILED = 1,
+    DAEMON_USAGE = 2,
+    DAEMON_ALREADY_SERVED = 3,
+    DAEMON_DISABLED = 4,
+};
+
+constexpr const char* FOOTER =
+    R"(Exit status: 0 ended by SIGINT or SIGTERM; 1 failed; 2 wrong usage; 3 another daemon runs already;
+4 the service is disabled by its property.
+
+Dumps on request, by signal to this process: 50 event counters, 51 to 54 task table.)";
+
+constexpr std::chrono::milliseconds PIN_INTERVAL{500};
+constexpr std::chrono::milliseconds SERVING_INTERVAL{10};
+constexpr std::chrono::seconds SERVING_NOTICE{5};
+
+// Everything the service reads must be there before it starts. False when a property is refused.
+bool PrepareHost(Properties properties) {
+    properties.try_emplace(KERNEL_VERSION_PROPERTY, RunningKernelVersion());
+    std::string error;
+    if (!SetProperties(properties, &error)) {
+        std::fprintf(stderr, "tesubpfd: %s\n", error.c_str());
+        return false;
+    }
+    std::string folder;
+    if (!MakeParents(DUMP_DIR, &folder)) {
+        std::fprintf(stderr, "tesubpfd: warning: no dumps can be written, %s: %s\n", folder.c_str(),
+                     strerror(errno));
+    }
+    return true;
+}
+
+enum class PinWait { PRESENT, SIGNALLED, FAILED };
+
+PinWait WaitForPins(const TerminationSignals& signals) {
+    bool told = false;
+    do {
+        const PinState state = FindCorePins(PIN_DIR);
+        if (state == PinState::PRESENT) {
+            return PinWait::PRESENT;
+        }
+        if (state == PinState::UNREADABLE) {
+            std::fprintf(stderr, "tesubpfd: cannot look into %s: %s\n", PIN_DIR, strerror(errno));
+            return PinWait::FAILED;
+        }
+        if (!told) {
+            std::fprintf(
+                stderr,
+                "tesubpfd: no eBPF maps are pinned under %s; waiting for them (tesubpfload "
+                "loads them)\n",
+                PIN_DIR);
+            told = true;
+        }
+    } while (!signals.wait(PIN_INTERVAL));
+    return PinWait::SIGNALLED;
+}
+
+// The socket is made on a thread of the service. Says so once clients can connect, or returns
+// silently after a signal.
+void AnnounceServing(const TerminationSignals& signals) {
+    const auto noticeTime = std::chrono::steady_clock::now() + SERVING_NOTICE;
+    bool told = false;
+    while (!IsServiceListening(SERVICE_SOCKET_NAME)) {
+        if (!told && std::chrono::steady_clock::now() >= noticeTime) {
+            std::fprintf(stderr, "tesubpfd: the socket @%s is not there yet\n",
+                         SERVICE_SOCKET_NAME);
+            told = true;
+        }
+        if (signals.wait(SERVING_INTERVAL)) {
+            return;
+        }
+    }
+    std::printf("serving on @%s\n", SERVICE_SOCKET_NAME);
+    std::fflush(stdout);
+}
+
+// Runs the service until a signal comes.
+int Serve(const TerminationSignals& signals) {
+    if (!BpfServiceMain()) {
+        std::fprintf(stderr, "tesubpfd: the service is disabled by its property\n");
+        return DAEMON_DISABLED;
+    }
+    TesuBpfService* const service = TesuBpfService::GetInstance();
+    std::thread supervisor([service] { service->Wait(); });
+    AnnounceServing(signals);
+    signals.wait();
+    service->stop();
+    supervisor.join();
+    return DAEMON_ENDED;
+}
+
+int Run(const Properties& given, const TerminationSignals& signals) {
+    const android::base::unique_fd lock = AcquireInstanceLock(INSTANCE_LOCK_NAME);
+    if (lock.get() == -1 && errno != EADDRINUSE) {
+        std::fprintf(stderr, "tesubpfd: cannot take the lock @%s: %s\n", INSTANCE_LOCK_NAME,
+                     strerror(errno));
+        return DAEMON_FAILED;
+    }
+    // Another host of the service knows nothing of the lock, but it serves the socket.
+    if (lock.get() == -1 || IsServiceListening(SERVICE_SOCKET_NAME)) {
+        std::fprintf(stderr, "tesubpfd: another daemon runs already (socket @%s)\n",
+                     SERVICE_SOCKET_NAME);
+        return DAEMON_ALREADY_SERVED;
+    }
+    Properties properties = given;
+    if (properties.count(READY_PROPERTY) == 0) {
+        switch (WaitForPins(signals)) {
+            case PinWait::PRESENT:
+                properties[READY_PROPERTY] = "1";
+                break;
+            case PinWait::SIGNALLED:
+                return DAEMON_ENDED;
+            case PinWait::FAILED:
+                return DAEMON_FAILED;
+        }
+    }
+    if (!PrepareHost(std::move(properties))) {
+        return DAEMON_FAILED;
+    }
+    return Serve(signals);
+}
+
+int Main(int argc, char** argv) {
+    const TerminationSignals signals;
+    CLI::App app("Runs the eBPF task service on this machine", "tesubpfd");
+    app.set_version_flag("--version", "tesubpfd " TESUBPF_VERSION);
+    std::vector<std::string> settings;
+    app.add_option(
+           "-p,--property", settings,
+           "Set the system property NAME=VALUE for the service; may be repeated.\n"
+           "  ro.kernel.version  default: the running kernel's, \"6.18\" for example;\n"
+           "                     \"6.1\" switches the GPL set of programs on\n"
+           "  sys.tesu_bpf_ready default: \"1\" once the eBPF maps are pinned, for which the\n"
+           "                     daemon waits; given here, it does not wait\n"
+           "  persist.sys.stability.bpfframework.disable  \"1\" disables the service")
+        ->allow_extra_args(false)
+        ->type_name("NAME=VALUE");
+    app.footer(FOOTER);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? DAEMON_ENDED : DAEMON_USAGE;
+    }
+    Properties properties;
+    std::string error;
+    if (!ParseProperties(settings, &properties, &error)) {
+        std::fprintf(stderr, "tesubpfd: %s\n", error.c_str());
+        return DAEMON_USAGE;
+    }
+    return Run(properties, signals);
+}
+
+}  // namespace
+
+}  // namespace Tesu::Bpf
+
+int main(int argc, char** argv) {
+    try {
+        return Tesu::Bpf::Main(argc, argv);
+    } catch (const std::exception& error) {
+        // A thread could not be created, or memory ran out.
+        std::fprintf(stderr, "tesubpfd: %s\n", error.what());
+        return EXIT_FAILURE;
+    }
+}

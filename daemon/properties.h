@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// System properties on a host that has none: they live in the process, without a lock, and must all
+// be set before the service starts.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace Tesu::Bpf {
+
+inline constexpr const char* READY_PROPERTY = "sys.tesu_bpf_ready";
+inline constexpr const char* KERNEL_VERSION_PROPERTY = "ro.kernel.version";
+
+using Properties = std::map<std::string, std::string>;
+
+// Adds each "NAME=VALUE" to `properties`, a later one replacing an earlier; the value may be empty
+// and may hold further "=". False, with a message in `error`, at the first that is malformed.
+bool ParseProperties(const std::vector<std::string>& arguments, Properties* properties,
+                     std::string* error);
+
+// "6.18" of the kernel release "6.18.44-cloud-amd64"; the whole text when it does not begin with
+// two numbers.
+std::string MajorMinor(const std::string& release);
+
+// The same of the running kernel.
+std::string RunningKernelVersion();
+
+// Sets them in this process; false, with the name in `error`, when one cannot be set.
+bool SetProperties(const Properties& properties, std::string* error);
+
+}  // namespace Tesu::Bpf
