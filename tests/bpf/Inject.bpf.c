@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: Apache-2.0 OR GPL-2.0-only
+//
+// Puts records of a test's choosing into a pinned ring buffer, with the same account of losses as
+// the real programs. Run as a system call's program.
+#define RING_BUFFER_BYTES 4096  // replaced: the test puts the pinned maps in place of these
+
+#include "tests/bpf/inject.h"
+
+#include "bpf/kernel_read.h"
+#include "bpf/ring.h"
+
+struct InjectedRecord {
+    union {
+        struct RawEventHeader header;
+        uint8_t bytes[INJECT_MAX_BYTES];
+    };
+};
+
+struct {
+    __uint(type, BPF_MAP_TYPE_ARRAY);
+    __uint(max_entries, 1);
+    __type(key, uint32_t);
+    __type(value, struct InjectedRecord);
+} injected_record SEC(".maps");
+
+SEC("syscall")
+int inject(struct InjectRequest* request) {
+    const uint32_t key = 0;
+    struct InjectedRecord* record = bpf_map_lookup_elem(&injected_record, &key);
+    const uint32_t size = request->size;
+    const uint32_t count = request->count;
+    const uint32_t isSequence = request->isSequence;
+    const uint64_t first = request->firstSequence;
+    if (record == NULL || size < sizeof(struct RawEventHeader) || size > INJECT_MAX_BYTES) {
+        return -1;
+    }
+    request->refused = 0;
+    for (uint32_t i = 0; i < INJECT_BATCH && i < count; ++i) {
+        if (isSequence) {
+            record->header.time = first + i;
+        }
+        if (bpf_ringbuf_output(&ringbuf_map, record, size, 0) != 0) {
+            NoteFullRing();
+            ++request->refused;
+        }
+    }
+    return 0;
+}
+
+// Where the kernel keeps the injected record: memory that a test can fill and a program can read as
+// if it were a structure of the kernel.
+SEC("syscall")
+int scratch_address(struct ScratchRequest* request) {
+    const uint32_t key = 0;
+    request->address = (uint64_t)bpf_map_lookup_elem(&injected_record, &key);
+    return 0;
+}
+
+char LICENSE[] SEC("license") = "GPL";

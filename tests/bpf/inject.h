@@ -1,0 +1,35 @@
+/* SPDX-License-Identifier: Apache-2.0 OR GPL-2.0-only
+ *
+ * What is passed to the programs in Inject.bpf.c and back.
+ */
+#ifndef TESUBPF_TESTS_BPF_INJECT_H
+#define TESUBPF_TESTS_BPF_INJECT_H
+
+#ifdef __cplusplus
+#include <cstdint>
+namespace Tesu::Bpf {
+#else
+#include <stdint.h>
+#endif
+
+#define INJECT_MAX_BYTES 65536
+/* Records of one run of the program; the verifier follows every turn of the loop. */
+#define INJECT_BATCH 256
+
+struct InjectRequest {
+    uint64_t firstSequence; /* in */
+    uint32_t isSequence;    /* in: number the records in their header's time */
+    uint32_t size;          /* in: bytes of each record, 16 to INJECT_MAX_BYTES */
+    uint32_t count;         /* in: at most INJECT_BATCH */
+    uint32_t refused;       /* out: how many found the buffer full */
+};
+
+struct ScratchRequest {
+    uint64_t address; /* out: kernel address of the scratch memory */
+};
+
+#ifdef __cplusplus
+}  // namespace Tesu::Bpf
+#endif
+
+#endif
