@@ -10,6 +10,7 @@
 #include "bpf/ring.h"
 #include "bpf/task_create.h"
 #include "bpf/task_exit.h"
+#include "bpf/task_memory.h"
 
 // Sees every task at the latest when it first leaves the CPU.
 SEC("tracepoint/sched/sched_switch")
@@ -51,6 +52,7 @@ int tracepoint_sched_sched_process_exit(void* ctx) {
     if (EndsProcess(ctx, task.pid)) {
         WriteTaskExit(task.pid, RAW_TASK_PROCESS);
         ForgetOpenFds(task.pid);
+        ForgetMemory(task.pid);
     } else if (!IsKernelMadeWorker()) {
         WriteTaskExit(task.pid, RAW_TASK_THREAD);
     }
@@ -65,19 +67,15 @@ int tracepoint_kmem_rss_stat(void* ctx) {
     }
     const struct CurrentTask task = GetCurrentTask();
     FlushPendingCreate(task, flags);
-    // Memory that a task changes in another process says nothing about whose it is.
-    if (LoadInt(ctx, kernelLayout.rssCurr) == 0 || IsKernelThread(task)) {
-        return 0;
+    const uint32_t memory = MemoryId(ctx);
+    const int32_t member = LoadInt(ctx, kernelLayout.rssMember);
+    const int64_t size = LoadLong(ctx, kernelLayout.rssSize, kernelLayout.rssSizeBytes);
+    if (LoadInt(ctx, kernelLayout.rssCurr) == 0) {
+        NoteForeignMemory(memory, member, size);
+    } else if (!IsKernelThread(task)) {
+        TellNewMemory(task.pid, memory, member);
+        WriteRssStat(task.pid, member, size);
     }
-    struct RawRssStatEvent* record = ReserveRecord(sizeof(*record));
-    if (record == NULL) {
-        return 0;
-    }
-    SetHeader(&record->header, RAW_EVENT_RSS_STAT, bpf_ktime_get_ns());
-    record->pid = task.pid;
-    record->member = LoadInt(ctx, kernelLayout.rssMember);
-    record->size = LoadLong(ctx, kernelLayout.rssSize, kernelLayout.rssSizeBytes);
-    bpf_ringbuf_submit(record, 0);
     return 0;
 }
 

@@ -9,6 +9,7 @@
 #include "service/raw_event.h"
 
 /* Bits of task_struct.flags, the same in every kernel that has them. */
+#define TASK_FLAG_ENDING 0x00000004
 #define TASK_FLAG_IO_WORKER 0x00000010
 #define TASK_FLAG_USER_WORKER 0x00004000
 #define TASK_FLAG_KERNEL_THREAD 0x00200000
@@ -38,6 +39,13 @@ static __always_inline const void* CurrentTaskStruct(void) {
 static __always_inline int IsKernelThread(struct CurrentTask task) {
     return IsKnown(kernelLayout.taskFlags) && task.tid == task.pid && CurrentUid() == 0 &&
            (ReadInt(CurrentTaskStruct(), kernelLayout.taskFlags) & TASK_FLAG_KERNEL_THREAD) != 0;
+}
+
+/* False where the flags are not known. */
+static __always_inline int IsKernelThreadOrEnding(void) {
+    return IsKnown(kernelLayout.taskFlags) &&
+           (ReadInt(CurrentTaskStruct(), kernelLayout.taskFlags) &
+            (TASK_FLAG_KERNEL_THREAD | TASK_FLAG_ENDING)) != 0;
 }
 
 /* Whether the task is a helper thread that the kernel put into a process by itself (for io_uring,

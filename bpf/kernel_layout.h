@@ -28,6 +28,7 @@ struct TesuKernelLayout {
     /* Fields of tracepoints, from the start of their record. */
     uint32_t forkChildPid;
     uint32_t exitGroupDead; /* 1 byte; unknown: signalLive tells */
+    uint32_t rssMemory;     /* id of the memory; may be unknown */
     uint32_t rssCurr;
     uint32_t rssMember;
     uint32_t rssSize;

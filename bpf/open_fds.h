@@ -17,7 +17,7 @@
 #include "bpf/current_task.h"
 #include "bpf/ring.h"
 
-#define OPEN_FD_PROCESSES 8192
+#define OPEN_FD_PROCESSES 16384
 
 struct {
     __uint(type, BPF_MAP_TYPE_HASH);

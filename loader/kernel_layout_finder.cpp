@@ -100,8 +100,9 @@ void FindTracepointFields(const std::string& tracefsRoot, KernelLayout* result) 
                                                   " has no usable field " + field.name;
             }
         }
-        // The one field that a program can do without.
+        // What the programs can do without.
         TakeField(format, {"group_dead", &TesuKernelLayout::exitGroupDead, {1}}, &result->values);
+        TakeField(format, {"mm_id", &TesuKernelLayout::rssMemory, {4}}, &result->values);
     }
 }
 

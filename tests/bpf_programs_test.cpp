@@ -414,6 +414,44 @@ TEST_P(BpfProgramsTest, TellsMemoryOfTheProcessThatUsesIt) {
     EXPECT_EQ(typeAt(positions(pid).front()), uint32_t{RAW_EVENT_TASK_CREATE});
 }
 
+// What a fork copies is counted while the parent runs, and what an exec drops is told for memory
+// that is no longer the process's.
+TEST_P(BpfProgramsTest, TellsTheMemoryThatAForkCopiesAndAnExecDrops) {
+    constexpr size_t BYTES = size_t{16} << 20;
+    constexpr int64_t MARGIN = int64_t{4} << 20;
+    constexpr int32_t ANONYMOUS = 1;
+    constexpr int32_t SHARED = 3;
+    const auto touch = [](int kind) {
+        void* const memory =
+            mmap(nullptr, BYTES, PROT_READ | PROT_WRITE, kind | MAP_ANONYMOUS, -1, 0);
+        std::memset(memory, 1, BYTES);
+        return memory;
+    };
+    void* const copied = touch(MAP_PRIVATE);
+    enableAll();
+    const pid_t pid = Fork([&] {
+        touch(MAP_SHARED);
+        execl("/bin/true", "true", nullptr);
+    });
+    Reap(pid);
+    munmap(copied, BYTES);
+    ASSERT_TRUE(waitForExits(pid, RAW_TASK_PROCESS, 1));
+    std::map<int32_t, std::vector<int64_t>> sizes;  // by member, in order
+    for (const size_t position : positions(pid)) {
+        if (typeAt(position) == RAW_EVENT_RSS_STAT) {
+            const auto record = RecordCollector::Read<RawRssStatEvent>(core->records()[position]);
+            sizes[record.member].push_back(record.size);
+        }
+    }
+    ASSERT_FALSE(sizes[ANONYMOUS].empty());
+    EXPECT_GT(sizes[ANONYMOUS].front(), int64_t{BYTES} - MARGIN);
+    EXPECT_LT(sizes[ANONYMOUS].back(), MARGIN);
+    ASSERT_FALSE(sizes[SHARED].empty());
+    EXPECT_NEAR(*std::max_element(sizes[SHARED].begin(), sizes[SHARED].end()), int64_t{BYTES},
+                MARGIN);
+    EXPECT_EQ(sizes[SHARED].back(), 0);
+}
+
 TEST_P(BpfProgramsTest, IsSilentUntilAClassIsEnabled) {
     const auto run = [] {
         for (int i = 0; i < 20; ++i) {
