@@ -4,6 +4,7 @@
 // properties, the folder for dumps), starts it, and ends it on SIGINT or SIGTERM. It mounts nothing
 // and loads nothing.
 #include <android-base/unique_fd.h>
+#include <malloc.h>
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
@@ -152,6 +153,9 @@ int Run(const Properties& given, const TerminationSignals& signals) {
 }
 
 int Main(int argc, char** argv) {
+    // A dump's text is large and rare: its memory goes back to the system. Otherwise the limit
+    // rises with the first one and the daemon keeps the memory.
+    mallopt(M_MMAP_THRESHOLD, 128 * 1024);
     const TerminationSignals signals;
     CLI::App app("Runs the eBPF task service on this machine", "tesubpfd");
     app.set_version_flag("--version", "tesubpfd " TESUBPF_VERSION);

@@ -8,7 +8,6 @@
 
 #include <chrono>
 #include <csignal>
-#include <filesystem>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -16,6 +15,7 @@
 #include "client/service_socket.h"
 #include "daemon/host_files.h"
 #include "tests/support/child_process.h"
+#include "tests/support/dump_folders.h"
 #include "tests/support/sandbox_test.h"
 #include "tests/support/wait_until.h"
 
@@ -26,26 +26,8 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-// The sandbox shares the machine's root file system: folders for dumps that the daemon makes there
-// are removed again.
 class DaemonTest : public SandboxTest {
-  protected:
-    DaemonTest() {
-        for (std::filesystem::path folder = DUMP_DIR; folder != folder.root_path();
-             folder = folder.parent_path()) {
-            if (!std::filesystem::exists(folder)) {
-                missingFolders.push_back(folder);
-            }
-        }
-    }
-    ~DaemonTest() override {
-        for (const std::string& folder : missingFolders) {
-            rmdir(folder.c_str());
-        }
-    }
-
-  private:
-    std::vector<std::string> missingFolders;  // innermost first
+    const DumpFolders folders{DUMP_DIR};
 };
 
 TEST_F(DaemonTest, WaitsForThePinsUntilItIsEnded) {
