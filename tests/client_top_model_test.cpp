@@ -405,7 +405,7 @@ TEST(ProcSnapshot, ReadsStatWhateverTheName) {
         ProcessSnapshot process;
         uint64_t ticks = 0;
         std::string text = "4711 (";
-        text += name + ")" + rest;
+        text.append(name).append(")").append(rest);
         ASSERT_TRUE(ParseProcStat(text, &process, &ticks)) << name;
         EXPECT_EQ(process.name, name);
         EXPECT_EQ(process.pid, 4711);

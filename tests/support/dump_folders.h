@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Tests that write dumps where the service does share the machine's root file system. Folders that
-// were not there before are removed with what the test left in them. Such tests do not run beside
-// each other (RESOURCE_LOCK in tests/CMakeLists.txt).
+// were not there before are removed with what the test left in them.
 #pragma once
 
 #include <filesystem>

@@ -121,7 +121,7 @@ int Grow(int seconds) {
 
 int Open(int wanted) {
     for (int i = 0; i < wanted; ++i) {
-        open("/dev/null", O_RDONLY);
+        open("/dev/null", O_RDONLY | O_CLOEXEC);
     }
     return wanted;
 }
