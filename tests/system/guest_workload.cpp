@@ -34,6 +34,8 @@ constexpr int CHILDREN = 5;
 constexpr int FILES = 40;
 constexpr int THREADS = 30;
 constexpr size_t MEMORY = 16 * 1024 * 1024;
+// The service does not report on processes that are younger than three seconds.
+constexpr std::chrono::milliseconds REPORT_AGE{3200};
 // So long live the threads and the memory.
 constexpr std::chrono::seconds HOLD{1};
 
@@ -45,7 +47,7 @@ int RunDmabufs() {
     std::list<VgemBuffer> buffers;
     buffers.emplace_back(3, "");
     buffers.emplace_back(16, "");
-    buffers.emplace_back(5, "two words");
+    buffers.emplace_back(5, "named");
     for (const VgemBuffer& buffer : buffers) {
         if (!buffer.ok()) {
             return EXIT_FAILURE;
@@ -104,6 +106,7 @@ void GrowAndShrink() {
 }
 
 int RunEvents(const std::string& cgroup) {
+    std::this_thread::sleep_for(REPORT_AGE);
     Fork();
     OpenFiles();
     if (!MoveTo(cgroup)) {
