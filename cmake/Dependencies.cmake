@@ -16,8 +16,11 @@ foreach(library base cutils log)
   target_link_libraries(tesubpf_platform INTERFACE ${ANDROID_${library}_LIBRARY})
 endforeach()
 get_filename_component(ANDROID_LIBRARY_DIR ${ANDROID_base_LIBRARY} DIRECTORY)
-list(APPEND CMAKE_INSTALL_RPATH ${ANDROID_LIBRARY_DIR})
 list(APPEND CMAKE_BUILD_RPATH ${ANDROID_LIBRARY_DIR})
+if(CMAKE_SYSROOT)
+  string(REPLACE "${CMAKE_SYSROOT}" "" ANDROID_LIBRARY_DIR ${ANDROID_LIBRARY_DIR})
+endif()
+list(APPEND CMAKE_INSTALL_RPATH ${ANDROID_LIBRARY_DIR})
 
 # libbpf, and of the BPF Compiler Collection only the part without LLVM.
 find_path(BPF_INCLUDE_DIR bpf/libbpf.h REQUIRED)

@@ -24,6 +24,7 @@
 #include "client/monotonic_clock.h"
 #include "service/raw_event.h"
 #include "tests/support/child_process.h"
+#include "tests/support/emulator.h"
 #include "tests/support/test_service.h"
 #include "tests/support/wait_until.h"
 
@@ -79,9 +80,10 @@ class TerminalProgram {
         slave.reset(theirs);
         fcntl(ours, F_SETFD, FD_CLOEXEC);
         tcgetattr(theirs, &before);
+        const std::vector<std::string> command = CommandLine(arguments);
         std::vector<char*> argv;
-        argv.reserve(arguments.size() + 1);
-        for (const std::string& argument : arguments) {
+        argv.reserve(command.size() + 1);
+        for (const std::string& argument : command) {
             argv.push_back(const_cast<char*>(argument.c_str()));
         }
         argv.push_back(nullptr);
@@ -91,7 +93,7 @@ class TerminalProgram {
             setenv("TERM", terminal, 1);
             unsetenv("LC_ALL");
             setenv("LANG", "C.UTF-8", 1);
-            execv(argv[0], argv.data());
+            execvp(argv[0], argv.data());
             _exit(127);
         }
     }

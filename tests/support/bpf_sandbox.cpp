@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tests/support/bpf_sandbox.h"
 
+#include <bpf/bpf.h>
 #include <linux/magic.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -32,6 +33,11 @@ bool EnterBpfSandbox(std::string* reason) {
     if (geteuid() != 0) {
         *reason = "needs root";
         return false;
+    }
+    // Not there in a user-mode emulator.
+    uint32_t firstProgram = 0;
+    if (bpf_prog_get_next_id(0, &firstProgram) != 0 && errno == ENOSYS) {
+        return Fail("no bpf()", reason);
     }
     if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0) {
         return Fail("no name spaces", reason);

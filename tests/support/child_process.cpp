@@ -10,6 +10,8 @@
 #include <csignal>
 #include <thread>
 
+#include "tests/support/emulator.h"
+
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
@@ -36,9 +38,10 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments) {
     if (pipe2(outputPipe, O_CLOEXEC) != 0 || pipe2(errorPipe, O_CLOEXEC) != 0) {
         return;
     }
+    const std::vector<std::string> command = CommandLine(arguments);
     std::vector<char*> argv;
-    argv.reserve(arguments.size() + 1);
-    for (const std::string& argument : arguments) {
+    argv.reserve(command.size() + 1);
+    for (const std::string& argument : command) {
         argv.push_back(const_cast<char*>(argument.c_str()));
     }
     argv.push_back(nullptr);
@@ -46,7 +49,7 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments) {
     if (child == 0) {
         dup2(outputPipe[1], STDOUT_FILENO);
         dup2(errorPipe[1], STDERR_FILENO);
-        execv(argv[0], argv.data());
+        execvp(argv[0], argv.data());
         _exit(127);
     }
     outputFd.reset(outputPipe[0]);
