@@ -81,7 +81,6 @@ class RingVolumeTest : public testing::Test {
   protected:
     void SetUp() override {
         const char* path = getenv("TESUBPF_INJECT_OBJECT");
-        libbpf_set_print(nullptr);
         object.reset(bpf_object__open(path != nullptr ? path : TESUBPF_INJECT_OBJECT));
         ASSERT_NE(object, nullptr) << strerror(errno);
         bpf_map* const ring = bpf_object__find_map_by_name(object.get(), "ringbuf_map");
@@ -94,13 +93,13 @@ class RingVolumeTest : public testing::Test {
         ringFd = bpf_map__fd(ring);
         programFd = bpf_program__fd(bpf_object__find_program_by_name(object.get(), "inject"));
         arrivals = &arrived;
-        std::cout << "positions of " << KernelPositionBits() << " bits, read by a process of "
+        positionBits = KernelPositionBits();
+        std::cout << "positions of " << positionBits << " bits, read by a process of "
                   << 8 * sizeof(long) << " bits\n";
     }
 
-    // All records, unless the reading stops.
+    // All records, unless the reading stops or the kernel refuses some.
     void write() {
-        uint64_t written = 0;
         auto lastProgress = std::chrono::steady_clock::now();
         uint64_t lastCount = 0;
         while (written < RECORD_COUNT) {
@@ -155,14 +154,15 @@ class RingVolumeTest : public testing::Test {
         }
         writer.join();
         read();
-        EXPECT_EQ(refused, 0U);
         EXPECT_EQ(arrived.misplaced, 0U);
     }
 
     Object object{nullptr, &bpf_object__close};
     int ringFd = -1;  // these belong to the object
     int programFd = -1;
+    int positionBits = 0;
     Arrivals arrived;
+    uint64_t written = 0;
     uint64_t refused = 0;
 };
 
@@ -170,7 +170,18 @@ TEST_F(RingVolumeTest, FiveGibibytesArrive) {
     const auto reader = RingReader::Open(ringFd, OnRecord);
     ASSERT_NE(reader, nullptr) << strerror(errno);
     run(reader->epollFd(), [&] { return reader->poll(); });
-    EXPECT_EQ(arrived.count, RECORD_COUNT);
+    EXPECT_EQ(arrived.count, written);
+    // Since 6.10, and later long-term 6.1, a kernel follows the oldest unfinished record with a
+    // position of its own and compares it with `<`. A 32-bit one leaves it at the last record that
+    // began before 4 GiB, and takes nothing that ends more than the ring's size after that, though
+    // the ring be empty.
+    const uint64_t kernelsEnd = WRAP / BYTES_IN_RING + (RING_BYTES - 1) / BYTES_IN_RING;
+    if (positionBits == 32 && refused != 0) {
+        std::cout << "this kernel itself stops writing after record " << written << "\n";
+        EXPECT_EQ(written, kernelsEnd);
+        return;
+    }
+    EXPECT_EQ(written, RECORD_COUNT);
 }
 
 // What RingReader is there for. Where this fails libbpf has changed.
