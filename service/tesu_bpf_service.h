@@ -158,6 +158,7 @@ class TESU_API TesuBpfService {
 
     int runMonitor(const RingMonitor& monitor);
     int pollRing(const RingMonitor& monitor, RingReader& reader);
+    void restUntil(std::chrono::steady_clock::time_point end);
     int waitAndPoll(RingReader& reader);
     // What libbpf calls for each record: hands it on and ends the poll when the service stops.
     static int onRingRecord(void* ctx, void* data, size_t size);
