@@ -78,8 +78,20 @@ int64_t ParseNumber(std::string_view text, int base) {
 }
 
 ProcStatus ParseProcStatus(std::string_view text) {
+    constexpr std::string_view STATE = "State:\t";
+    constexpr std::string_view THREADS = "Threads:\t";
     ProcStatus status;
-    ForEachLine(text, [&](std::string_view line) { ParseStatusLine(line, &status); });
+    bool hasEnded = false;  // the first thread
+    int64_t threads = 0;    // the first thread included
+    ForEachLine(text, [&](std::string_view line) {
+        ParseStatusLine(line, &status);
+        if (line.starts_with(STATE)) {
+            hasEnded = line.find_first_of("ZX", STATE.size()) == STATE.size();
+        } else if (line.starts_with(THREADS)) {
+            threads = ParseNumber(line.substr(THREADS.size()));
+        }
+    });
+    status.isZombie = hasEnded && threads <= 1;
     return status;
 }
 

@@ -26,6 +26,8 @@ struct ProcStatus {
     int64_t rssFileSize = 0;
     int64_t rssShmemSize = 0;
     int64_t swapSize = 0;
+    // All its threads have ended; it waits for its parent to ask for its exit status.
+    bool isZombie = false;
 };
 ProcStatus ParseProcStatus(std::string_view text);
 

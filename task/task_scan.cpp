@@ -33,7 +33,8 @@ std::optional<RawTesuTaskInitEvent> DescribeTask(const std::string& procRoot,
     record.pid = static_cast<int32_t>(ParseNumber(pid));
     const auto status =
         ReadProcStatus(ProcPath(procRoot, TesuBpfService::TASK_STATUS_TEMPLATE, pid), buffer);
-    if (!status) {
+    // A zombie's end was told before this service listened: it would stay in the table for ever.
+    if (!status || status->isZombie) {
         return std::nullopt;
     }
     record.ppid = status->ppid;

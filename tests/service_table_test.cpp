@@ -119,9 +119,9 @@ class ServiceTableTest : public RunningServiceTest {
 TEST_F(ServiceTableTest, EqualsProcAfterStorms) {
     const std::string ownName = OwnName();
     ChildProcess idle({"/bin/sleep", "600"});
-    ChildProcess scripted({"/bin/sh", "-c", "echo ready; read line < /dev/zero"});
-    ASSERT_TRUE(scripted.waitForOutput("ready"));
     ASSERT_TRUE(WaitUntil([&] { return ProcReader().read(idle.pid())->name == "sleep"; }));
+    ChildProcess zombie({"/bin/true"});
+    ASSERT_TRUE(WaitUntil([&] { return ProcReader().read(zombie.pid())->isEnding; }));
     ASSERT_NO_FATAL_FAILURE(startService(RING_BYTES));
     KnownProcesses known = {{idle.pid(), "sleep"}};
     expectTableEqualsProc(known);

@@ -119,6 +119,8 @@ TEST_F(ScanTest, TaskRecordsOfProcessesThatLive) {
     proc.makeFolder("16/status");  // opens, but cannot be read
     proc.write("17/status", STATUS);
     proc.makeFolder("17/stat");
+    addProcess("18", "Name:\tdead\nState:\tZ (zombie)\nThreads:\t1\n");
+    addProcess("19", "Name:\tleader\nState:\tZ (zombie)\nThreads:\t2\n");
 
     std::map<int32_t, RawTesuTaskInitEvent> records;
     EXPECT_EQ(ScanTasks(proc.path(),
@@ -126,8 +128,8 @@ TEST_F(ScanTest, TaskRecordsOfProcessesThatLive) {
                             records[record.pid] = record;
                             return true;
                         }),
-              2);
-    ASSERT_THAT(records, ElementsAre(Key(10), Key(11)));
+              3);
+    ASSERT_THAT(records, ElementsAre(Key(10), Key(11), Key(19)));
     const RawTesuTaskInitEvent& whole = records.at(10);
     EXPECT_EQ(whole.header.type, 0U);
     EXPECT_NE(whole.header.time, 0);
