@@ -23,8 +23,7 @@ endif()
 list(APPEND CMAKE_INSTALL_RPATH ${ANDROID_LIBRARY_DIR})
 
 # libbpf, and of the BPF Compiler Collection only the part without LLVM.
-find_path(BPF_INCLUDE_DIR bpf/libbpf.h REQUIRED)
-find_library(BPF_LIBRARY bpf REQUIRED)
+include(${CMAKE_CURRENT_LIST_DIR}/Libbpf.cmake)
 find_path(BCC_INCLUDE_DIR bcc/libbpf.h REQUIRED)
 find_library(BCC_BPF_LIBRARY bcc_bpf REQUIRED)
 add_library(tesubpf_bpf INTERFACE)

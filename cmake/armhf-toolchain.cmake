@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 #
 # Builds for 32-bit ARM with hardware floating point, against the Debian packages that
-# scripts/armhf-sysroot unpacks, and runs what was built in the user-mode emulator. Times and file
+# scripts/sysroot unpacks, and runs what was built in the user-mode emulator. Times and file
 # sizes have 64 bits, as in the rest of the system.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)

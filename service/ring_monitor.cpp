@@ -2,7 +2,6 @@
 //
 // The two monitors: each opens its ring buffer, has its programs enabled and drains it.
 #include <bpf/bpf.h>
-#include <bpf/libbpf.h>
 #include <poll.h>
 
 #include <cerrno>
@@ -11,6 +10,7 @@
 
 #include "diag/dump_requests.h"
 #include "diag/tesu_bpf_state.h"
+#include "service/ring_reader.h"
 #include "service/tesu_bpf_service.h"
 #include "util/log.h"
 
@@ -26,17 +26,11 @@ constexpr int UNWAKEABLE_TIMEOUT_MS = 500;
 // Counter kind of successful polls, beside the record types.
 constexpr int POLL_COUNTER = 7;
 
-using RingReader = std::unique_ptr<::ring_buffer, decltype(&ring_buffer__free)>;
-
-RingReader NewRingReader(int mapFd, ring_buffer_sample_fn onRecord) {
-    return {ring_buffer__new(mapFd, onRecord, nullptr, nullptr), &ring_buffer__free};
-}
-
 // Takes what waits in the ring and does nothing with it.
 void DiscardRecords(int mapFd) {
-    const RingReader reader = NewRingReader(mapFd, [](void*, void*, size_t) { return 0; });
+    const auto reader = RingReader::Open(mapFd, [](void*, void*, size_t) { return 0; });
     if (reader != nullptr) {
-        ring_buffer__consume(reader.get());
+        reader->consume();
     }
 }
 
@@ -105,7 +99,7 @@ int TesuBpfService::runMonitor(const RingMonitor& monitor) {
     enableCoreBpf(monitor.which, false);
     enableNormalBpf(monitor.which, false);
     DiscardRecords(ringFd.get());
-    const RingReader reader = NewRingReader(ringFd.get(), onRingRecord);
+    const auto reader = RingReader::Open(ringFd.get(), onRingRecord);
     if (reader == nullptr) {
         return fail("[TesuBpfService][%s] TESUBPF: Set up ringbuf failed: %s, ringbufMap fd: %d",
                     ringFd.get());
@@ -118,10 +112,10 @@ int TesuBpfService::runMonitor(const RingMonitor& monitor) {
     if (monitor.seedNormal != nullptr) {
         (this->*monitor.seedNormal)();
     }
-    return pollRing(monitor, reader.get());
+    return pollRing(monitor, *reader);
 }
 
-int TesuBpfService::pollRing(const RingMonitor& monitor, ::ring_buffer* reader) {
+int TesuBpfService::pollRing(const RingMonitor& monitor, RingReader& reader) {
     int errors = 0;
     while (running) {
         const int result = waitAndPoll(reader);
@@ -154,15 +148,15 @@ int TesuBpfService::pollRing(const RingMonitor& monitor, ::ring_buffer* reader) 
 
 // Waits until the ring has records or the service stops, then takes what there is. libbpf's own
 // wait cannot be woken by stop(), so its descriptor is waited for together with stop()'s.
-int TesuBpfService::waitAndPoll(::ring_buffer* reader) {
+int TesuBpfService::waitAndPoll(RingReader& reader) {
     pollfd waited[] = {
-        {.fd = ring_buffer__epoll_fd(reader), .events = POLLIN, .revents = 0},
+        {.fd = reader.epollFd(), .events = POLLIN, .revents = 0},
         {.fd = stopFd.get(), .events = POLLIN, .revents = 0},
     };
     if (::poll(waited, std::size(waited), stopFd.ok() ? -1 : UNWAKEABLE_TIMEOUT_MS) == -1) {
         return -1;
     }
-    return ring_buffer__poll(reader, 0);
+    return reader.poll();
 }
 
 int TesuBpfService::onRingRecord(void* ctx, void* data, size_t size) {

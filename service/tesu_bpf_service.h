@@ -42,9 +42,9 @@
 #include "service/bpf_program.h"
 #include "util/export.h"
 
-struct ring_buffer;  // libbpf's reader
-
 namespace Tesu::Bpf {
+
+class RingReader;
 
 // Starts the service. False when the disable property says so, or when it was stopped before.
 // Throws std::system_error when the poll thread cannot be created.
@@ -157,8 +157,8 @@ class TESU_API TesuBpfService {
     bool sleepUnlessStopped(std::chrono::milliseconds duration);
 
     int runMonitor(const RingMonitor& monitor);
-    int pollRing(const RingMonitor& monitor, ::ring_buffer* reader);
-    int waitAndPoll(::ring_buffer* reader);
+    int pollRing(const RingMonitor& monitor, RingReader& reader);
+    int waitAndPoll(RingReader& reader);
     // What libbpf calls for each record: hands it on and ends the poll when the service stops.
     static int onRingRecord(void* ctx, void* data, size_t size);
     bool switchStatusFlag(int which, uint64_t flag, bool enable);

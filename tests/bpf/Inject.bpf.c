@@ -39,7 +39,13 @@ int inject(struct InjectRequest* request) {
         if (isSequence) {
             record->header.time = first + i;
         }
-        if (bpf_ringbuf_output(&ringbuf_map, record, size, 0) != 0) {
+        // Verifiers of 6.1 forget the bounds of a number that was put on the stack meanwhile.
+        uint64_t bounded = size;
+        asm volatile("" : "+r"(bounded));
+        if (bounded > INJECT_MAX_BYTES) {
+            return -1;
+        }
+        if (bpf_ringbuf_output(&ringbuf_map, record, bounded, 0) != 0) {
             NoteFullRing();
             ++request->refused;
         }

@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Reads the records of one ring buffer: libbpf's reader, which in a 32-bit process gets help over
+// the multiples of 4 GiB (see ring_wrap.h). A 64-bit process runs libbpf's reader and nothing else.
+//
+// One thread at a time. The map's descriptor is borrowed until Open returns; the reader holds the
+// ring by its mappings.
+#pragma once
+
+#include <bpf/libbpf.h>
+
+#include <cstddef>
+#include <memory>
+
+#include "service/ring_wrap.h"
+
+namespace Tesu::Bpf {
+
+class RingReader {
+  public:
+    // Null, with errno set, on failure. A callback's negative result ends the reading after its
+    // record and is the result of the call that was reading; INT_MIN is not to be used.
+    static std::unique_ptr<RingReader> Open(int mapFd, ring_buffer_sample_fn onRecord);
+    ~RingReader();
+    RingReader(const RingReader&) = delete;
+    RingReader& operator=(const RingReader&) = delete;
+
+    // Readable while records wait. Belongs to the reader.
+    int epollFd() const { return ring_buffer__epoll_fd(library.get()); }
+    // Takes what waits, without waiting for more. 0 or more, or negative with errno set (unless the
+    // callback was negative).
+    int poll();
+    // The same without asking the kernel whether there is anything.
+    int consume();
+
+  private:
+    using LibraryReader = std::unique_ptr<::ring_buffer, decltype(&ring_buffer__free)>;
+
+    // A part of the ring in this process's memory.
+    struct Mapping {
+        void* address = nullptr;
+        size_t size = 0;
+    };
+
+    RingReader() = default;
+    bool mapForWrap(int mapFd, ring_buffer_sample_fn onRecord);
+
+    LibraryReader library{nullptr, &ring_buffer__free};
+    // These are of a 32-bit process only.
+    Mapping consumerPage;
+    Mapping producerPageAndRecords;
+    std::unique_ptr<RingWrap> wrap;
+};
+
+}  // namespace Tesu::Bpf
