@@ -3,7 +3,6 @@
 
 #include <linux/bpf.h>
 
-#include <atomic>
 #include <bit>
 #include <climits>
 
@@ -13,7 +12,7 @@ namespace {
 
 static_assert(std::endian::native == std::endian::little, "low words come first");
 // The kernel must never see half of a new position.
-static_assert(std::atomic_ref<uint64_t>::is_always_lock_free);
+static_assert(__atomic_always_lock_free(sizeof(uint64_t), nullptr));
 
 // What ends libbpf's reading where this class takes over; errors are -errno and never come near.
 constexpr int LEFT_TO_WRAP = INT_MIN;
@@ -23,10 +22,10 @@ constexpr uint32_t RoundedLength(uint32_t length) {
     return (length + BPF_RINGBUF_HDR_SZ + 7) / 8 * 8;
 }
 
-// Orders the reads of what was written before the word.
+// Orders the reads of what was written before the word. (The builtins, because Android's library
+// has no atomic_ref.)
 uint32_t LoadAcquire(const uint32_t* word) {
-    // An atomic_ref wants no const, but only writes what it is told to.
-    return std::atomic_ref(*const_cast<uint32_t*>(word)).load(std::memory_order_acquire);
+    return __atomic_load_n(word, __ATOMIC_ACQUIRE);
 }
 
 }  // namespace
@@ -66,7 +65,7 @@ int RingWrap::consumeNearWrap() {
             result = onRecord(ctx, const_cast<char*>(header) + BPF_RINGBUF_HDR_SZ, size);
         }
         position += RoundedLength(size);
-        std::atomic_ref(*ring.consumer).store(position, std::memory_order_release);
+        __atomic_store_n(ring.consumer, position, __ATOMIC_RELEASE);
         if (result < 0) {
             return result;
         }
