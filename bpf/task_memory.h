@@ -61,6 +61,14 @@ static __always_inline uint32_t MemoryId(const void* rssRecord) {
     return IsKnown(kernelLayout.rssMemory) ? LoadInt(rssRecord, kernelLayout.rssMemory) : 0;
 }
 
+/* The same number, below RSS_MEMBERS already, in a form in which every verifier sees that it is: that
+ * of 6.1 forgets a bound which was only compared. */
+static __always_inline uint32_t BoundedMember(uint32_t member) {
+    _Static_assert((RSS_MEMBERS & (RSS_MEMBERS - 1)) == 0, "a mask");
+    asm volatile("" : "+r"(member));
+    return member & (RSS_MEMBERS - 1);
+}
+
 /* The current task changed memory that is not its own. A task that ends and a kernel thread make
  * no memory: they only keep notes true that are there. */
 static __always_inline void NoteForeignMemory(uint32_t memory, uint32_t member, int64_t size) {
@@ -69,10 +77,10 @@ static __always_inline void NoteForeignMemory(uint32_t memory, uint32_t member, 
     }
     struct MemoryNote* note = bpf_map_lookup_elem(&memory_note, &memory);
     if (note != NULL) {
-        *(volatile int64_t*)&note->sizes[member] = size;
+        *(volatile int64_t*)&note->sizes[BoundedMember(member)] = size;
     } else if (size > 0 && !IsKernelThreadOrEnding()) {
         struct MemoryNote first = {};
-        first.sizes[member] = size;
+        first.sizes[BoundedMember(member)] = size;
         bpf_map_update_elem(&memory_note, &memory, &first, BPF_ANY);
     }
 }

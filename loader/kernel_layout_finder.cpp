@@ -9,13 +9,18 @@
 #include <random>
 #include <vector>
 
+#include "loader/file_probe.h"
 #include "loader/kernel_peek.h"
+#include "loader/observed_files.h"
 #include "loader/observed_task.h"
 #include "loader/task_probe.h"
 
 namespace Tesu::Bpf {
 
 namespace {
+
+// To KernelPeek: the task_struct of this process.
+constexpr uint64_t OWN_TASK = 0;
 
 using LayoutOffset = uint32_t TesuKernelLayout::*;
 
@@ -137,9 +142,20 @@ bool Probe(const std::string& peekObject, LibbpfLog* log, TesuKernelLayout* layo
         *error = "cannot look at a thread";
         return false;
     }
-    return FindMembersInSamples(
-        {first.sample(), second.sample()},
-        [&](uint64_t address, uint32_t size) { return peek->read(address, size); }, layout, error);
+    const ReadKernelMemory read = [&](uint64_t address, uint32_t size) {
+        return peek->read(address, size);
+    };
+    if (!FindMembersInSamples({first.sample(), second.sample()}, read, layout, error)) {
+        return false;
+    }
+    // What only the dma-buf programs need; those are left out if it is not found.
+    const ObservedFiles files;
+    std::string ignored;
+    if (!files.samples().empty()) {
+        FindMembersInFiles(peek->read(OWN_TASK, TASK_PEEK_BYTES), files.samples(), read, layout,
+                           &ignored);
+    }
+    return true;
 }
 
 void FindMembers(const LayoutSources& sources, LibbpfLog* log, KernelLayout* result) {

@@ -59,6 +59,9 @@ void WaitForEnd(int lifeline) {
     std::thread([&] {
         prctl(PR_SET_NAME, comm.c_str());
         Facts facts = {};
+        // Using a privilege for the first time sets a flag: it must be set before /proc is asked.
+        peek.run(&facts.peeked);
+        facts.peeked = {};
         facts.peeked.bytes = TASK_PEEK_BYTES;
         ReadOwnStat(&facts);
         if (!peek.run(&facts.peeked)) {

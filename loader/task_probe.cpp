@@ -3,7 +3,8 @@
 
 #include <algorithm>
 #include <cstring>
-#include <optional>
+
+#include "loader/kernel_bytes.h"
 
 namespace Tesu::Bpf {
 
@@ -26,21 +27,6 @@ struct Range {
 };
 
 using Offsets = std::vector<uint32_t>;
-
-template <typename T>
-std::optional<T> Load(const std::vector<uint8_t>& bytes, uint32_t offset) {
-    T value;
-    if (offset > bytes.size() || bytes.size() - offset < sizeof(value)) {
-        return std::nullopt;
-    }
-    std::memcpy(&value, bytes.data() + offset, sizeof(value));
-    return value;
-}
-
-uint64_t LoadPointer(const std::vector<uint8_t>& bytes, uint32_t offset, uint32_t pointerSize) {
-    return pointerSize == sizeof(uint32_t) ? Load<uint32_t>(bytes, offset).value_or(0)
-                                           : Load<uint64_t>(bytes, offset).value_or(0);
-}
 
 // The offsets at which `holds` is true for every sample.
 Offsets FindEverywhere(const std::vector<TaskSample>& samples, Range range,

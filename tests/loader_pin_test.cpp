@@ -241,6 +241,9 @@ TEST_F(LoaderTest, ProbingFindsWhatTheTypeInformationTells) {
     EXPECT_EQ(probed.values.taskComm, told.values.taskComm);
     EXPECT_EQ(probed.values.taskSignal, told.values.taskSignal);
     EXPECT_EQ(probed.values.signalLive, told.values.signalLive);
+    EXPECT_EQ(probed.values.inodeIno, told.values.inodeIno);
+    EXPECT_EQ(probed.values.fileInode, told.values.fileInode);
+    EXPECT_EQ(probed.values.dmaBufSize, told.values.dmaBufSize);
 
     // Without type information the loader probes by itself.
     sources.members = MemberSource::BTF_OR_PROBE;

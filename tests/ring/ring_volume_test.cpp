@@ -195,7 +195,7 @@ TEST_F(RingVolumeTest, FiveGibibytesArriveThroughReplacedRings) {
         });
     EXPECT_EQ(arrived.count, RECORD_COUNT);
     // A ring is read a little beyond the mark before it is replaced.
-    EXPECT_GE(replaced, RECORD_COUNT * BYTES_IN_RING / (REPLACE_AT + 4 * RING_BYTES));
+    EXPECT_GE(replaced, RECORD_COUNT * BYTES_IN_RING / (REPLACE_AT + uint64_t{4} * RING_BYTES));
 }
 
 // What RingReader is there for. Where this fails libbpf has changed.
