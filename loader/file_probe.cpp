@@ -77,7 +77,7 @@ std::vector<uint64_t> FindFiles(const std::vector<uint8_t>& task,
          Pointers(task, layout.taskComm / size * size, layout.taskSignal, size)) {
         for (const uint64_t table : pointersAt(member, FILES_STRUCT_WORDS)) {
             for (const uint64_t array : pointersAt(table, FDTABLE_WORDS)) {
-                const auto found = FilesOfArray(array, files, read, size);
+                auto found = FilesOfArray(array, files, read, size);
                 if (!found.empty()) {
                     return found;
                 }

@@ -23,6 +23,12 @@ using testing::Contains;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
+LayoutSources BuiltSources() {
+    LayoutSources sources;
+    sources.peekObject = BuiltObjectDir() + "/" + TASK_PEEK_OBJECT;
+    return sources;
+}
+
 class LoaderTest : public SandboxTest {
   protected:
     void TearDown() override { unload(); }
@@ -132,7 +138,7 @@ TEST_F(LoaderTest, LeavesOutWhatTheKernelCannotTake) {
     }
     LoadOptions options = BuiltObjects();
     options.findLayout = [&](const LoadOptions&, LibbpfLog* log) {
-        LayoutSources sources;
+        LayoutSources sources = BuiltSources();
         sources.tracefsRoot = tracefs.path;
         return FindKernelLayout(sources, log);
     };
@@ -159,7 +165,7 @@ TEST_F(LoaderTest, LeavesOutWhatTheKernelCannotTake) {
 TEST_F(LoaderTest, LeavesOutAProgramThatTheKernelRefuses) {
     LoadOptions options = BuiltObjects();
     options.findLayout = [](const LoadOptions&, LibbpfLog* log) {
-        KernelLayout layout = FindKernelLayout({}, log);
+        KernelLayout layout = FindKernelLayout(BuiltSources(), log);
         layout.values.rssCurr = 0x40000000;  // farther than the verifier lets a pointer go
         return layout;
     };
@@ -224,8 +230,7 @@ TEST_F(LoaderTest, KeepsFilesOfOthers) {
 
 TEST_F(LoaderTest, ProbingFindsWhatTheTypeInformationTells) {
     LibbpfLog log(false);
-    LayoutSources sources;
-    sources.peekObject = BuiltObjectDir() + "/" + TASK_PEEK_OBJECT;
+    LayoutSources sources = BuiltSources();
     sources.members = MemberSource::BTF;
     const KernelLayout told = FindKernelLayout(sources, &log);
     if (!told.memberProblem.empty()) {

@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # SPDX-License-Identifier: Apache-2.0
 #
 # What the scripts that fetch Debian packages share. To be sourced.

@@ -16,6 +16,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
@@ -33,7 +34,7 @@ using android::base::unique_fd;
 constexpr int CHILDREN = 5;
 constexpr int FILES = 40;
 constexpr int THREADS = 30;
-constexpr size_t MEMORY = 16 * 1024 * 1024;
+constexpr size_t MEMORY = size_t{16} << 20;
 // The service does not report on processes that are younger than three seconds.
 constexpr std::chrono::milliseconds REPORT_AGE{3200};
 // So long live the threads and the memory.
@@ -76,6 +77,7 @@ void Fork() {
 
 void OpenFiles() {
     std::vector<unique_fd> files;
+    files.reserve(FILES);
     for (int i = 0; i < FILES; ++i) {
         files.emplace_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
     }
@@ -94,6 +96,7 @@ void GrowAndShrink() {
         std::memset(memory, 1, MEMORY);
     }
     std::vector<std::thread> threads;
+    threads.reserve(THREADS);
     for (int i = 0; i < THREADS; ++i) {
         threads.emplace_back([] { std::this_thread::sleep_for(HOLD); });
     }
