@@ -3,6 +3,10 @@
  * The ring buffer and the status map of an object, and the account of what did not fit. The object
  * defines RING_BUFFER_BYTES before it includes this.
  *
+ * Programs write into the ring that ringbuf_current holds, which at first is ringbuf_map. The
+ * service puts a new one there where the kernel would stop writing into the old
+ * (service/ring_replacement.h).
+ *
  * A record is reserved, written in place and submitted; readers are woken as the kernel sees fit.
  * Every record that was to be written is either in the buffer or counted as lost.
  */
@@ -13,10 +17,17 @@
 #include "bpf/kernel_read.h"
 #include "service/raw_event.h"
 
-struct {
+struct RecordRing {
     __uint(type, BPF_MAP_TYPE_RINGBUF);
     __uint(max_entries, RING_BUFFER_BYTES);
 } ringbuf_map SEC(".maps");
+
+struct {
+    __uint(type, BPF_MAP_TYPE_ARRAY_OF_MAPS);
+    __uint(max_entries, 1);
+    __type(key, uint32_t);
+    __array(values, struct RecordRing);
+} ringbuf_current SEC(".maps") = {.values = {&ringbuf_map}};
 
 /* The loader makes room for every possible CPU's RING_LOST_RECORDS slot. */
 struct {
@@ -58,10 +69,16 @@ static __always_inline void MarkRingFull(void) {
     }
 }
 
-static __always_inline void QueryRingInto(uint32_t key, uint64_t what) {
+/* Never NULL, which only the verifier does not know. */
+static __always_inline void* CurrentRing(void) {
+    const uint32_t key = 0;
+    return bpf_map_lookup_elem(&ringbuf_current, &key);
+}
+
+static __always_inline void QueryRingInto(uint32_t key, void* ring, uint64_t what) {
     uint64_t* slot = StatusSlot(key);
     if (slot != NULL) {
-        *slot = bpf_ringbuf_query(&ringbuf_map, what);
+        *slot = bpf_ringbuf_query(ring, what);
     }
 }
 
@@ -75,20 +92,24 @@ static __always_inline void CountLostRecord(void) {
 }
 
 /* Accounts for a record that found the buffer full. */
-static __always_inline void NoteFullRing(void) {
+static __always_inline void NoteFullRing(void* ring) {
     MarkRingFull();
-    QueryRingInto(RING_AVAIL_DATA, BPF_RB_AVAIL_DATA);
-    QueryRingInto(RING_SIZE, BPF_RB_RING_SIZE);
-    QueryRingInto(RING_CONS_POS, BPF_RB_CONS_POS);
-    QueryRingInto(RING_PROD_POS, BPF_RB_PROD_POS);
+    QueryRingInto(RING_AVAIL_DATA, ring, BPF_RB_AVAIL_DATA);
+    QueryRingInto(RING_SIZE, ring, BPF_RB_RING_SIZE);
+    QueryRingInto(RING_CONS_POS, ring, BPF_RB_CONS_POS);
+    QueryRingInto(RING_PROD_POS, ring, BPF_RB_PROD_POS);
     CountLostRecord();
 }
 
 /* A record of constant `size`, its memory not cleared, or NULL after the loss was accounted for. */
 static __always_inline void* ReserveRecord(uint64_t size) {
-    void* record = bpf_ringbuf_reserve(&ringbuf_map, size, 0);
+    void* ring = CurrentRing();
+    if (ring == NULL) {
+        return NULL;
+    }
+    void* record = bpf_ringbuf_reserve(ring, size, 0);
     if (record == NULL) {
-        NoteFullRing();
+        NoteFullRing(ring);
     }
     return record;
 }

@@ -9,10 +9,12 @@
 #include <chrono>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include "diag/dump_requests.h"
 #include "diag/tesu_bpf_state.h"
 #include "service/ring_reader.h"
+#include "service/ring_replacement.h"
 #include "service/tesu_bpf_service.h"
 #include "util/log.h"
 
@@ -31,6 +33,8 @@ constexpr int UNWAKEABLE_TIMEOUT_MS = 500;
 constexpr std::chrono::milliseconds POLL_INTERVAL{1};
 // Counter kind of successful polls, beside the record types.
 constexpr int POLL_COUNTER = 7;
+// Bytes after which a 32-bit kernel's ring is replaced: half of what it can count.
+constexpr uint64_t REPLACE_RING_AT = uint64_t{1} << 31;
 
 // Takes what waits in the ring and does nothing with it.
 void DiscardRecords(int mapFd) {
@@ -46,6 +50,7 @@ struct TesuBpfService::RingMonitor {
     int which;
     const char* name;
     const char* ringPath;
+    const char* currentPath;
     const char* statusPath;
     const char* stopMessage;
     // Tell the kernel programs of what was there before them: when the core class is on, and when
@@ -59,6 +64,7 @@ int TesuBpfService::eventMonitor() {
         .which = RING_CORE,
         .name = "eventMonitor",
         .ringPath = "/sys/fs/bpf/tesu/map_TesuBpfDefineset_ringbuf_map",
+        .currentPath = "/sys/fs/bpf/tesu/map_TesuBpfDefineset_ringbuf_current",
         .statusPath = "/sys/fs/bpf/tesu/map_TesuBpfDefineset_ringbuf_status",
         .stopMessage = "[TesuBpfService][eventMonitor] Stop Event Produce Thread...",
         .seedCore = &TesuBpfService::initTaskInfo,
@@ -72,6 +78,7 @@ int TesuBpfService::gpleventMonitor() {
         .which = RING_GPL,
         .name = "gpleventMonitor",
         .ringPath = "/sys/fs/bpf/tesu/map_TesuBpfGplDefineset_ringbuf_map",
+        .currentPath = "/sys/fs/bpf/tesu/map_TesuBpfGplDefineset_ringbuf_current",
         .statusPath = "/sys/fs/bpf/tesu/map_TesuBpfGplDefineset_ringbuf_status",
         .stopMessage = "[TesuBpfService][gpleventMonitor] Stop GPL Event Produce Thread...",
         .seedCore = &TesuBpfService::initDmabufBpfProg,
@@ -105,10 +112,16 @@ int TesuBpfService::runMonitor(const RingMonitor& monitor) {
     enableCoreBpf(monitor.which, false);
     enableNormalBpf(monitor.which, false);
     DiscardRecords(ringFd.get());
-    const auto reader = RingReader::Open(ringFd.get(), onRingRecord);
+    auto reader = RingReader::Open(ringFd.get(), onRingRecord);
     if (reader == nullptr) {
         return fail("[TesuBpfService][%s] TESUBPF: Set up ringbuf failed: %s, ringbufMap fd: %d",
                     ringFd.get());
+    }
+    RingReplacement replacement(monitor.ringPath, monitor.currentPath,
+                                IsRingPosition32Bits() ? REPLACE_RING_AT : RingReplacement::NEVER);
+    if (replacement.isEver()) {
+        // The one that is there may have been read to where the kernel stops.
+        replaceRing(monitor, &replacement, &reader);
     }
     // Each class is switched on before the state it changes is read, so that a change made
     // meanwhile waits in the ring buffer and is applied after.
@@ -118,15 +131,28 @@ int TesuBpfService::runMonitor(const RingMonitor& monitor) {
     if (monitor.seedNormal != nullptr) {
         (this->*monitor.seedNormal)();
     }
-    return pollRing(monitor, *reader);
+    return pollRing(monitor, &replacement, std::move(reader));
 }
 
-int TesuBpfService::pollRing(const RingMonitor& monitor, RingReader& reader) {
+// The descriptor of the ring that was opened first stays: nothing reads through it.
+void TesuBpfService::replaceRing(const RingMonitor& monitor, RingReplacement* replacement,
+                                 std::unique_ptr<RingReader>* reader) {
+    if (replacement->replace(reader, onRingRecord)) {
+        TESU_LOGI(TESU_LOG_SERVICE, "[TesuBpfService][%s] the ring buffer was replaced",
+                  monitor.name);
+    } else {
+        TESU_LOGW(TESU_LOG_SERVICE, "[TesuBpfService][%s] the ring buffer cannot be replaced: %s",
+                  monitor.name, strerror(errno));
+    }
+}
+
+int TesuBpfService::pollRing(const RingMonitor& monitor, RingReplacement* replacement,
+                             std::unique_ptr<RingReader> reader) {
     int errors = 0;
     std::chrono::steady_clock::time_point nextPoll;
     while (running) {
         restUntil(nextPoll);
-        const int result = waitAndPoll(reader);
+        const int result = waitAndPoll(*reader);
         nextPoll = std::chrono::steady_clock::now() + POLL_INTERVAL;
         // A poll that stop() woke or cut short is no error, and none that counts.
         if (!running) {
@@ -136,6 +162,9 @@ int TesuBpfService::pollRing(const RingMonitor& monitor, RingReader& reader) {
             TesuBpfDataState::GetInstance()->RecordEvent(POLL_COUNTER, 1);
             checkBpfRingBuffStatus(monitor.which, false);
             errors = 0;
+            if (replacement->isDue(*reader)) {
+                replaceRing(monitor, replacement, &reader);
+            }
             continue;
         }
         const int error = errno;  // the status check makes calls of its own

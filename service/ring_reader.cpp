@@ -23,6 +23,10 @@ constexpr uint32_t MAX_RING_SIZE = 1U << 30;
 std::unique_ptr<RingReader> RingReader::Open(int mapFd, ring_buffer_sample_fn onRecord) {
     std::unique_ptr<RingReader> reader(new RingReader);
     void* ctx = nullptr;
+    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    if (!reader->map(&reader->consumerPage, mapFd, page, PROT_READ | PROT_WRITE, 0)) {
+        return nullptr;
+    }
     if constexpr (NEEDS_HELP_OVER_WRAP) {
         if (!reader->mapForWrap(mapFd, onRecord)) {
             return nullptr;
@@ -32,6 +36,15 @@ std::unique_ptr<RingReader> RingReader::Open(int mapFd, ring_buffer_sample_fn on
     }
     reader->library.reset(ring_buffer__new(mapFd, onRecord, ctx, nullptr));
     return reader->library != nullptr ? std::move(reader) : nullptr;
+}
+
+bool RingReader::map(Mapping* mapping, int mapFd, size_t size, int protection, size_t offset) {
+    void* address = mmap(nullptr, size, protection, MAP_SHARED, mapFd, static_cast<off_t>(offset));
+    if (address == MAP_FAILED) {
+        return false;
+    }
+    *mapping = {.address = address, .size = size};
+    return true;
 }
 
 // The kernel shows a ring as the consumer's page, the producer's page, and the records twice.
@@ -46,17 +59,8 @@ bool RingReader::mapForWrap(int mapFd, ring_buffer_sample_fn onRecord) {
         return false;
     }
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    const auto map = [mapFd](Mapping* mapping, size_t size, int protection, size_t offset) {
-        void* address =
-            mmap(nullptr, size, protection, MAP_SHARED, mapFd, static_cast<off_t>(offset));
-        if (address == MAP_FAILED) {
-            return false;
-        }
-        *mapping = {.address = address, .size = size};
-        return true;
-    };
-    if (!map(&consumerPage, page, PROT_READ | PROT_WRITE, 0) ||
-        !map(&producerPageAndRecords, page + 2 * size_t{info.max_entries}, PROT_READ, page)) {
+    if (!map(&producerPageAndRecords, mapFd, page + 2 * size_t{info.max_entries}, PROT_READ,
+             page)) {
         return false;
     }
     const auto* producerPage = static_cast<const char*>(producerPageAndRecords.address);

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Reads the records of one ring buffer: libbpf's reader, which in a 32-bit process gets help over
-// the multiples of 4 GiB (see ring_wrap.h). A 64-bit process runs libbpf's reader and nothing else.
+// the multiples of 4 GiB (see ring_wrap.h). In a 64-bit process all reading is
+// libbpf's.
 //
 // One thread at a time. The map's descriptor is borrowed until Open returns; the reader holds the
 // ring by its mappings.
@@ -10,6 +11,7 @@
 #include <bpf/libbpf.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 
 #include "service/ring_wrap.h"
@@ -19,7 +21,7 @@ namespace Tesu::Bpf {
 class RingReader {
   public:
     // Null, with errno set, on failure. A callback's negative result ends the reading after its
-    // record and is the result of the call that was reading; INT_MIN is not to be used.
+    // record and is the result of the call that was reading; -INT_MAX is not to be used.
     static std::unique_ptr<RingReader> Open(int mapFd, ring_buffer_sample_fn onRecord);
     ~RingReader();
     RingReader(const RingReader&) = delete;
@@ -32,6 +34,8 @@ class RingReader {
     int poll();
     // The same without asking the kernel whether there is anything.
     int consume();
+    // Bytes read of this ring since it was made, with the records' headers.
+    uint64_t position() const { return *static_cast<const uint64_t*>(consumerPage.address); }
 
   private:
     using LibraryReader = std::unique_ptr<::ring_buffer, decltype(&ring_buffer__free)>;
@@ -43,11 +47,12 @@ class RingReader {
     };
 
     RingReader() = default;
+    bool map(Mapping* mapping, int mapFd, size_t size, int protection, size_t offset);
     bool mapForWrap(int mapFd, ring_buffer_sample_fn onRecord);
 
     LibraryReader library{nullptr, &ring_buffer__free};
-    // These are of a 32-bit process only.
     Mapping consumerPage;
+    // These are of a 32-bit process only.
     Mapping producerPageAndRecords;
     std::unique_ptr<RingWrap> wrap;
 };

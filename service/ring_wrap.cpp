@@ -15,7 +15,7 @@ static_assert(std::endian::native == std::endian::little, "low words come first"
 static_assert(__atomic_always_lock_free(sizeof(uint64_t), nullptr));
 
 // What ends libbpf's reading where this class takes over; errors are -errno and never come near.
-constexpr int LEFT_TO_WRAP = INT_MIN;
+constexpr int LEFT_TO_WRAP = -INT_MAX;
 
 // Bytes that a record of `length` takes, with its header and up to the next record.
 constexpr uint32_t RoundedLength(uint32_t length) {

@@ -45,6 +45,7 @@
 namespace Tesu::Bpf {
 
 class RingReader;
+class RingReplacement;
 
 // Starts the service. False when the disable property says so, or when it was stopped before.
 // Throws std::system_error when the poll thread cannot be created.
@@ -157,7 +158,10 @@ class TESU_API TesuBpfService {
     bool sleepUnlessStopped(std::chrono::milliseconds duration);
 
     int runMonitor(const RingMonitor& monitor);
-    int pollRing(const RingMonitor& monitor, RingReader& reader);
+    int pollRing(const RingMonitor& monitor, RingReplacement* replacement,
+                 std::unique_ptr<RingReader> reader);
+    void replaceRing(const RingMonitor& monitor, RingReplacement* replacement,
+                     std::unique_ptr<RingReader>* reader);
     void restUntil(std::chrono::steady_clock::time_point end);
     int waitAndPoll(RingReader& reader);
     // What libbpf calls for each record: hands it on and ends the poll when the service stops.

@@ -84,6 +84,7 @@ TEST_F(LoaderTest, PinsOnceAndUnloads) {
           "prog_TesuBpfGplDefineset_tracepoint_cgroup_cgroup_attach_task",
           "prog_TesuBpfGplDefineset_kprobe_enter_dma_buf_file_release",
           "prog_TesuBpfGplDefineset_kprobe_enter_dma_buf_stats_setup",
+          "map_TesuBpfDefineset_ringbuf_current", "map_TesuBpfGplDefineset_ringbuf_current",
           "map_TesuBpfDefineset_ringbuf_map", "map_TesuBpfDefineset_ringbuf_status",
           "map_TesuBpfDefineset_open_fd_caller_map", "map_TesuBpfGplDefineset_ringbuf_map",
           "map_TesuBpfGplDefineset_ringbuf_status", "map_TesuBpfGplDefineset_dmabuf_allocate_map",

@@ -31,7 +31,9 @@ int inject(struct InjectRequest* request) {
     const uint32_t count = request->count;
     const uint32_t isSequence = request->isSequence;
     const uint64_t first = request->firstSequence;
-    if (record == NULL || size < sizeof(struct RawEventHeader) || size > INJECT_MAX_BYTES) {
+    void* ring = CurrentRing();
+    if (ring == NULL || record == NULL || size < sizeof(struct RawEventHeader) ||
+        size > INJECT_MAX_BYTES) {
         return -1;
     }
     request->refused = 0;
@@ -45,8 +47,8 @@ int inject(struct InjectRequest* request) {
         if (bounded > INJECT_MAX_BYTES) {
             return -1;
         }
-        if (bpf_ringbuf_output(&ringbuf_map, record, bounded, 0) != 0) {
-            NoteFullRing();
+        if (bpf_ringbuf_output(ring, record, bounded, 0) != 0) {
+            NoteFullRing(ring);
             ++request->refused;
         }
     }

@@ -42,6 +42,7 @@ std::unique_ptr<RecordInjector> RecordInjector::Open(PinnedRing ring, std::strin
         layout.hasAtomics = hasAtomics;
         bpf_map* const constants = bpf_object__find_map_by_name(object.get(), TESU_LAYOUT_SECTION);
         if (!UsePinned(object.get(), ring, "ringbuf_map") ||
+            !UsePinned(object.get(), ring, "ringbuf_current") ||
             !UsePinned(object.get(), ring, "ringbuf_status") ||
             bpf_map__set_initial_value(constants, &layout, sizeof(layout)) != 0) {
             *error = std::string("no pinned maps: ") + strerror(errno);
