@@ -65,7 +65,11 @@ class ServiceStreamTest : public RunningServiceTest {
     static bool receiveNumbers(WireClient& client, uint64_t* received) {
         int64_t former = 0;
         while (const auto package = client.next()) {
-            const int64_t number = As<RawFdUpdateEvent>(*package).header.time;
+            const auto record = As<RawFdUpdateEvent>(*package);
+            if (record.pid != 0) {
+                continue;  // a real one, on a kernel with kprobes
+            }
+            const int64_t number = record.header.time;
             if (number == LAST_NUMBER) {
                 return true;
             }
@@ -268,7 +272,9 @@ TEST_F(ServiceStreamTest, UglyClientsCostNobodyElseARecord) {
     crowd.join();
     producer.join();
     EXPECT_EQ(received, produced);
-    EXPECT_EQ(good.subscribe(RAW_EVENT_CGROUP_ATTACH), 0) << "and requests are answered";
+    WireClient late;  // to the other one a real record may come first
+    ASSERT_TRUE(late.connectTo(SOCKET));
+    EXPECT_EQ(late.subscribe(RAW_EVENT_CGROUP_ATTACH), 0) << "and requests are answered";
 }
 
 TEST_F(ServiceStreamTest, RecordsOfAnySizePassUnchangedAndUnknownTypesDoNot) {
