@@ -134,10 +134,11 @@ int TesuBpfService::runMonitor(const RingMonitor& monitor) {
     return pollRing(monitor, &replacement, std::move(reader));
 }
 
-// The descriptor of the ring that was opened first stays: nothing reads through it.
 void TesuBpfService::replaceRing(const RingMonitor& monitor, RingReplacement* replacement,
                                  std::unique_ptr<RingReader>* reader) {
     if (replacement->replace(reader, onRingRecord)) {
+        // The descriptor would keep the old ring's memory.
+        ringbufMapFd[monitor.which].reset(bpf_obj_get(monitor.ringPath));
         TESU_LOGI(TESU_LOG_SERVICE, "[TesuBpfService][%s] the ring buffer was replaced",
                   monitor.name);
     } else {
