@@ -61,8 +61,8 @@ static __always_inline uint32_t MemoryId(const void* rssRecord) {
     return IsKnown(kernelLayout.rssMemory) ? LoadInt(rssRecord, kernelLayout.rssMemory) : 0;
 }
 
-/* The same number, below RSS_MEMBERS already, in a form in which every verifier sees that it is: that
- * of 6.1 forgets a bound which was only compared. */
+/* The same number, below RSS_MEMBERS already, in a form in which every verifier sees that it is:
+ * that of 6.1 forgets a bound which was only compared. */
 static __always_inline uint32_t BoundedMember(uint32_t member) {
     _Static_assert((RSS_MEMBERS & (RSS_MEMBERS - 1)) == 0, "a mask");
     asm volatile("" : "+r"(member));
