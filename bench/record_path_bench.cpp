@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "events/event_manager.h"
-#include "service/raw_event.h"
+#include "records/raw_event.h"
 #include "service/tesu_bpf_service.h"
 
 namespace Tesu::Bpf {

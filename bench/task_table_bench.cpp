@@ -9,7 +9,7 @@
 #include <mutex>
 #include <string>
 
-#include "service/raw_event.h"
+#include "records/raw_event.h"
 #include "service/tesu_bpf_service.h"
 #include "task/tesu_bpf_task_manager.h"
 

@@ -6,7 +6,7 @@
 #define TESUBPF_BPF_CURRENT_TASK_H
 
 #include "bpf/kernel_read.h"
-#include "service/raw_event.h"
+#include "records/raw_event.h"
 
 /* Bits of task_struct.flags, the same in every kernel that has them. */
 #define TASK_FLAG_ENDING 0x00000004

@@ -10,6 +10,7 @@
 
 #include "client/batch_writer.h"
 #include "client/dump_request.h"
+#include "records/contract.h"
 
 namespace Tesu::Bpf {
 
@@ -18,7 +19,7 @@ int RunDump(const DumpOptions& options, const TerminationSignals& signals) {
     const std::optional<pid_t> service = FindServiceProcess(options.socketName, &error);
     std::optional<std::string> text;
     if (service) {
-        text = RequestDump(*service, options.kind, DUMP_FOLDER, signals, &error);
+        text = RequestDump(*service, options.kind, DUMP_DIR, signals, &error);
     }
     if (!text) {
         if (!error.empty()) {

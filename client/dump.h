@@ -6,7 +6,7 @@
 #include <string>
 
 #include "client/dump_text.h"
-#include "client/termination_signals.h"
+#include "util/termination_signals.h"
 
 namespace Tesu::Bpf {
 

@@ -16,7 +16,8 @@
 #include <cstring>
 #include <filesystem>
 
-#include "client/service_socket.h"
+#include "ipc/local_socket.h"
+#include "records/contract.h"
 #include "util/string_util.h"
 
 namespace Tesu::Bpf {
@@ -31,21 +32,21 @@ constexpr const char* CAUGHT_SIGNALS = "\nSigCgt:\t";
 int SignalOf(DumpKind kind) {
     switch (kind) {
         case DumpKind::COUNTERS:
-            return 50;
+            return DUMP_SIGNAL_STATE;
         case DumpKind::TASKS_FULL:
-            return 51;
+            return DUMP_SIGNAL_TASKS;
         case DumpKind::TASKS_FULL_NO_KERNEL:
-            return 52;
+            return DUMP_SIGNAL_NO_KERNEL;
         case DumpKind::TASKS_NORMAL:
-            return 53;
+            return DUMP_SIGNAL_NORMAL;
         case DumpKind::TASKS_NORMAL_NO_KERNEL:
-            return 54;
+            return DUMP_SIGNAL_NORMAL_NO_KERNEL;
     }
     return 0;
 }
 
 const char* FileNameOf(DumpKind kind) {
-    return kind == DumpKind::COUNTERS ? "bpfservice_state.csv" : "DUMPTASK_INFO";
+    return kind == DumpKind::COUNTERS ? STATE_DUMP_FILE : TASK_DUMP_FILE;
 }
 
 // Which file a path leads to, and in what state. A number may be given to another file as soon as

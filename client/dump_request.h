@@ -9,12 +9,11 @@
 #include <string>
 
 #include "client/dump_text.h"
-#include "client/termination_signals.h"
+#include "util/termination_signals.h"
 
 namespace Tesu::Bpf {
 
 // Where the service writes its dumps.
-inline constexpr const char* DUMP_FOLDER = "/data/tesulog/stability/tesubpfframework";
 
 // The process that listens under this socket name; none, with the reason in `error`.
 std::optional<pid_t> FindServiceProcess(const std::string& socketName, std::string* error);

@@ -3,37 +3,37 @@
 
 #include <algorithm>
 
-#include "service/read_raw_event.h"
+#include "records/read_prefix.h"
 
 namespace Tesu::Bpf {
 
 Event DecodeEvent(const void* data, uint32_t size) {
     std::optional<uint32_t> type;
     if (size >= sizeof(uint32_t)) {
-        type = ReadRawEvent<uint32_t>(data, size);
+        type = ReadPrefix<uint32_t>(data, size);
         switch (*type) {
             case RAW_EVENT_TASK_INIT:
-                return ReadRawEvent<RawTesuTaskInitEvent>(data, size);
+                return ReadPrefix<RawTesuTaskInitEvent>(data, size);
             case RAW_EVENT_RSS_STAT:
-                return ReadRawEvent<RawRssStatEvent>(data, size);
+                return ReadPrefix<RawRssStatEvent>(data, size);
             case RAW_EVENT_TASK_CREATE:
-                return ReadRawEvent<RawTaskCreateEvent>(data, size);
+                return ReadPrefix<RawTaskCreateEvent>(data, size);
             case RAW_EVENT_TASK_EXIT:
-                return ReadRawEvent<RawTaskExitEvent>(data, size);
+                return ReadPrefix<RawTaskExitEvent>(data, size);
             case RAW_EVENT_DMABUF_SIZE:
-                return ReadRawEvent<RawDmabufAllocEvent>(data, size);
+                return ReadPrefix<RawDmabufAllocEvent>(data, size);
             case RAW_EVENT_CGROUP_ATTACH:
-                return ReadRawEvent<RawCgroupAttachEvent>(data, size);
+                return ReadPrefix<RawCgroupAttachEvent>(data, size);
             case RAW_EVENT_FD_UPDATE:
-                return ReadRawEvent<RawFdUpdateEvent>(data, size);
+                return ReadPrefix<RawFdUpdateEvent>(data, size);
             case NOTIFICATION_PROCESS_CREATED:
-                return ReadRawEvent<ProcessCreatedNotification>(data, size);
+                return ReadPrefix<ProcessCreatedNotification>(data, size);
             case NOTIFICATION_PROCESS_EXITED:
-                return ReadRawEvent<ProcessExitedNotification>(data, size);
+                return ReadPrefix<ProcessExitedNotification>(data, size);
             case NOTIFICATION_THREAD_COUNT:
-                return ReadRawEvent<ThreadCountNotification>(data, size);
+                return ReadPrefix<ThreadCountNotification>(data, size);
             case NOTIFICATION_MEMORY:
-                return ReadRawEvent<MemoryNotification>(data, size);
+                return ReadPrefix<MemoryNotification>(data, size);
             default:
                 break;
         }

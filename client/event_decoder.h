@@ -10,8 +10,8 @@
 #include <string_view>
 #include <variant>
 
-#include "service/raw_event.h"
-#include "task/notification.h"
+#include "records/notification.h"
+#include "records/raw_event.h"
 
 namespace Tesu::Bpf {
 

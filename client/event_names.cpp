@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <string_view>
 
-#include "service/raw_event.h"
-#include "task/notification.h"
+#include "records/notification.h"
+#include "records/raw_event.h"
 #include "util/string_util.h"
 
 namespace Tesu::Bpf {

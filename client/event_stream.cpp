@@ -5,15 +5,15 @@
 #include <cstring>
 #include <utility>
 
-#include "client/frame_reader.h"
-#include "client/service_socket.h"
+#include "ipc/frame_reader.h"
+#include "ipc/local_socket.h"
 #include "ipc/unix_ipc_manager.h"
+#include "records/contract.h"
 
 namespace Tesu::Bpf {
 
 namespace {
 
-constexpr const char* SUBSCRIBE_COMMAND = "register-event-monitor";
 // Log tag and name of the stream's thread.
 constexpr const char* STREAM_NAME = "TesuEventStream";
 constexpr int EPOLL_SIZE = 1;
@@ -117,7 +117,7 @@ void EventStream::onConnected(int fd) {
 void EventStream::subscribe(int eventType) {
     TesuReqIpcPackage request;
     request.requestId = responses->getReqId();
-    std::strncpy(request.command, SUBSCRIBE_COMMAND, sizeof(request.command) - 1);
+    std::strncpy(request.command, REGISTER_COMMAND, sizeof(request.command) - 1);
     request.length = sizeof(eventType);
     request.data = reinterpret_cast<const char*>(&eventType);
     responses->addIpcReqCallBack(

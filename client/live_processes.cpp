@@ -6,8 +6,8 @@
 #include <optional>
 #include <utility>
 
-#include "client/monotonic_clock.h"
-#include "service/raw_event.h"
+#include "records/raw_event.h"
+#include "util/monotonic_clock.h"
 
 namespace Tesu::Bpf {
 

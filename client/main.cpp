@@ -17,11 +17,12 @@
 
 #include "client/dump.h"
 #include "client/event_names.h"
-#include "client/service_socket.h"
-#include "client/termination_signals.h"
 #include "client/top.h"
 #include "client/watch.h"
-#include "service/raw_event.h"
+#include "ipc/local_socket.h"
+#include "records/contract.h"
+#include "records/raw_event.h"
+#include "util/termination_signals.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <charconv>
 #include <memory>
 
-#include "client/monotonic_clock.h"
+#include "util/monotonic_clock.h"
 #include "util/string_util.h"
 
 namespace Tesu::Bpf {

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <variant>
 
-#include "client/monotonic_clock.h"
+#include "util/monotonic_clock.h"
 
 namespace Tesu::Bpf {
 

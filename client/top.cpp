@@ -16,9 +16,9 @@
 #include <cstring>
 
 #include "client/live_processes.h"
-#include "client/monotonic_clock.h"
 #include "client/top_frame.h"
 #include "client/top_screen.h"
+#include "util/monotonic_clock.h"
 
 namespace Tesu::Bpf {
 

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "client/process_model.h"
-#include "client/termination_signals.h"
+#include "util/termination_signals.h"
 
 namespace Tesu::Bpf {
 

@@ -6,9 +6,9 @@
 #include <utility>
 
 #include "client/cell_text.h"
-#include "client/monotonic_clock.h"
 #include "client/text_format.h"
 #include "client/top_layout.h"
+#include "util/monotonic_clock.h"
 #include "util/string_util.h"
 
 namespace Tesu::Bpf {

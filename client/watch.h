@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "client/termination_signals.h"
+#include "util/termination_signals.h"
 
 namespace Tesu::Bpf {
 

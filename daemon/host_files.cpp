@@ -6,12 +6,13 @@
 
 #include <cerrno>
 
+#include "records/contract.h"
+
 namespace Tesu::Bpf {
 
 namespace {
 
-constexpr const char* CORE_PINS[] = {"map_TesuBpfDefineset_ringbuf_map",
-                                     "map_TesuBpfDefineset_ringbuf_status"};
+constexpr const char* CORE_PINS[] = {CORE_RING_MAP, CORE_STATUS_MAP};
 constexpr mode_t FOLDER_MODE = 0775;
 
 }  // namespace

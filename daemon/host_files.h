@@ -7,11 +7,6 @@
 
 namespace Tesu::Bpf {
 
-// Where a loader pins programs and maps.
-inline constexpr const char* PIN_DIR = "/sys/fs/bpf/tesu";
-// Where the service writes its dumps; it makes this folder itself, but not those above.
-inline constexpr const char* DUMP_DIR = "/data/tesulog/stability/tesubpfframework";
-
 enum class PinState { PRESENT, ABSENT, UNREADABLE };
 
 // Whether the core ring buffer and its status map are pinned below `pinDir`. UNREADABLE: errno says

@@ -17,12 +17,13 @@
 #include <thread>
 #include <vector>
 
-#include "client/service_socket.h"
-#include "client/termination_signals.h"
 #include "daemon/host_files.h"
 #include "daemon/instance_lock.h"
 #include "daemon/properties.h"
+#include "ipc/local_socket.h"
+#include "records/contract.h"
 #include "service/tesu_bpf_service.h"
+#include "util/termination_signals.h"
 
 namespace Tesu::Bpf {
 

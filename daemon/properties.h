@@ -10,9 +10,6 @@
 
 namespace Tesu::Bpf {
 
-inline constexpr const char* READY_PROPERTY = "sys.tesu_bpf_ready";
-inline constexpr const char* KERNEL_VERSION_PROPERTY = "ro.kernel.version";
-
 using Properties = std::map<std::string, std::string>;
 
 // Adds each "NAME=VALUE" to `properties`, a later one replacing an earlier; the value may be empty

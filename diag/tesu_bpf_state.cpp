@@ -5,7 +5,8 @@
 #include <memory>
 #include <vector>
 
-#include "diag/dump_file.h"
+#include "records/contract.h"
+#include "util/dump_file.h"
 #include "util/log.h"
 #include "util/string_util.h"
 
@@ -39,9 +40,9 @@ std::string FormatHeader(uint32_t headIndex, uint32_t tailIndex) {
 
 }  // namespace
 
-const std::string TesuBpfDataState::TESUTASK_DUMP_PATH = "/data/tesulog/stability/tesubpfframework";
+const std::string TesuBpfDataState::TESUTASK_DUMP_PATH = DUMP_DIR;
 const std::string TesuBpfDataState::TESUTASK_DUMP_TEMPLATE =
-    TESUTASK_DUMP_PATH + "/bpfservice_state.csv";
+    TESUTASK_DUMP_PATH + "/" + STATE_DUMP_FILE;
 
 std::atomic<TesuBpfDataState*> TesuBpfDataState::instance{nullptr};
 

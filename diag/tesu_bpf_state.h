@@ -40,7 +40,7 @@ class TESU_API TesuBpfDataState {
     // Adds to a counter of this second. A kind outside 0 to 7 is ignored.
     void RecordEvent(int kind, int count);
     // Replaces the CSV file: column names, then a row per second, newest first. A file that cannot
-    // be created is logged. Not from a signal handler (see diag/dump_requests.h).
+    // be created is logged. Not from a signal handler (see service/dump_requests.h).
     void DumpState(const std::string& path = TESUTASK_DUMP_TEMPLATE);
 
     static const std::string TESUTASK_DUMP_PATH;

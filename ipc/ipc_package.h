@@ -8,7 +8,7 @@
 //   package  = type, length of the body in bytes, body            (frame length = body length + 8)
 //   request  (type 0) body = request id, command[32], data length, data
 //   response (type 1) body = request id, result, data length, data
-//   event    (type 3) body = one record (service/raw_event.h) or notification
+//   event    (type 3) body = one record (records/raw_event.h) or notification
 //
 // Words in a stream are not aligned: they are read and written with memcpy.
 #pragma once

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "service/raw_event.h"
+#include "records/raw_event.h"
 
 namespace Tesu::Bpf {
 

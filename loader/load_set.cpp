@@ -24,7 +24,7 @@ namespace {
 
 using android::base::unique_fd;
 
-constexpr const char* OBJECT_NAMES[] = {"TesuBpfDefineset", "TesuBpfGplDefineset"};
+constexpr const char* OBJECT_NAMES[] = {TESU_CORE_OBJECT, TESU_GPL_OBJECT};
 constexpr const char* OBJECT_SUFFIX = ".bpf.o";
 // Dots are not allowed in names of a bpf file system.
 constexpr const char* STAGING_SUFFIX = "_loading";
@@ -35,7 +35,7 @@ LoaderStatus Fail(std::ostream& err, const std::string& what) {
     return LOADER_FAILED;
 }
 
-// "/sys/fs/bpf/tesu/" and "/sys/fs/bpf//tesu" are the same folder.
+// "a/b/" and "a//b" are the same folder.
 std::string NormalizeDir(const std::string& dir) {
     std::filesystem::path path = std::filesystem::path(dir).lexically_normal();
     return path.has_filename() ? path : path.parent_path();

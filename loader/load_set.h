@@ -17,6 +17,7 @@
 #include "loader/kernel_layout_finder.h"
 #include "loader/libbpf_log.h"
 #include "loader/pin_set.h"
+#include "records/contract.h"
 
 namespace Tesu::Bpf {
 
@@ -29,7 +30,7 @@ enum LoaderStatus {
 
 struct LoadOptions {
     std::string objectDir;
-    std::string pinDir = DEFAULT_PIN_DIR;
+    std::string pinDir = PIN_DIR;
     std::optional<uint32_t> ringBytes;  // of both ring buffers; else each object's own
     bool verbose = false;               // libbpf's log on the standard error
     // Where the kernel's layout is from; by default the running kernel is asked.

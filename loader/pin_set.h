@@ -14,8 +14,6 @@
 
 namespace Tesu::Bpf {
 
-inline constexpr const char* DEFAULT_PIN_DIR = "/sys/fs/bpf/tesu";
-
 bool IsOnBpfFileSystem(const std::string& path);
 
 // The names of what is pinned in `dir`, other files not counted; empty where there is no folder.

@@ -11,8 +11,9 @@
 #include <memory>
 #include <utility>
 
-#include "diag/dump_requests.h"
 #include "diag/tesu_bpf_state.h"
+#include "records/contract.h"
+#include "service/dump_requests.h"
 #include "service/ring_reader.h"
 #include "service/ring_replacement.h"
 #include "service/tesu_bpf_service.h"
@@ -63,9 +64,9 @@ int TesuBpfService::eventMonitor() {
     static constexpr RingMonitor CORE = {
         .which = RING_CORE,
         .name = "eventMonitor",
-        .ringPath = "/sys/fs/bpf/tesu/map_TesuBpfDefineset_ringbuf_map",
-        .currentPath = "/sys/fs/bpf/tesu/map_TesuBpfDefineset_ringbuf_current",
-        .statusPath = "/sys/fs/bpf/tesu/map_TesuBpfDefineset_ringbuf_status",
+        .ringPath = TESU_PIN_DIR "/" TESU_CORE_MAP("ringbuf_map"),
+        .currentPath = TESU_PIN_DIR "/" TESU_CORE_MAP("ringbuf_current"),
+        .statusPath = TESU_PIN_DIR "/" TESU_CORE_MAP("ringbuf_status"),
         .stopMessage = "[TesuBpfService][eventMonitor] Stop Event Produce Thread...",
         .seedCore = &TesuBpfService::initTaskInfo,
         .seedNormal = &TesuBpfService::initFdBpfProg,
@@ -77,9 +78,9 @@ int TesuBpfService::gpleventMonitor() {
     static constexpr RingMonitor GPL = {
         .which = RING_GPL,
         .name = "gpleventMonitor",
-        .ringPath = "/sys/fs/bpf/tesu/map_TesuBpfGplDefineset_ringbuf_map",
-        .currentPath = "/sys/fs/bpf/tesu/map_TesuBpfGplDefineset_ringbuf_current",
-        .statusPath = "/sys/fs/bpf/tesu/map_TesuBpfGplDefineset_ringbuf_status",
+        .ringPath = TESU_PIN_DIR "/" TESU_GPL_MAP("ringbuf_map"),
+        .currentPath = TESU_PIN_DIR "/" TESU_GPL_MAP("ringbuf_current"),
+        .statusPath = TESU_PIN_DIR "/" TESU_GPL_MAP("ringbuf_status"),
         .stopMessage = "[TesuBpfService][gpleventMonitor] Stop GPL Event Produce Thread...",
         .seedCore = &TesuBpfService::initDmabufBpfProg,
         .seedNormal = nullptr,

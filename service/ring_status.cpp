@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <ctime>
 
-#include "service/raw_event.h"
+#include "records/raw_event.h"
 #include "service/tesu_bpf_service.h"
 #include "util/log.h"
 

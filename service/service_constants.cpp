@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The service's paths, prefixes and program tables. One file, so that they are built in this order.
+#include "records/contract.h"
 #include "service/tesu_bpf_service.h"
 
 namespace Tesu::Bpf {
@@ -20,12 +21,12 @@ const std::string TesuBpfService::TASK_RSS_SHMEM_PREFIX = "RssShmem:\t";
 const std::string TesuBpfService::TASK_VM_SWAP_PREFIX = "VmSwap:\t";
 const std::string TesuBpfService::TASK_PROC_UID_PREFIX = "Uid:\t";
 const std::string TesuBpfService::TASK_DMABUF_PREFIX = "/dmabuf";
-const std::string TesuBpfService::BPF_FS_PATH = "/sys/fs/bpf/tesu/";
-const std::string TesuBpfService::TESU_BPF_READY = "sys.tesu_bpf_ready";
-const std::string TesuBpfService::KERNEL_VERSION_PROP = "ro.kernel.version";
+const std::string TesuBpfService::BPF_FS_PATH = TESU_PIN_DIR "/";
+const std::string TesuBpfService::TESU_BPF_READY = READY_PROPERTY;
+const std::string TesuBpfService::KERNEL_VERSION_PROP = KERNEL_VERSION_PROPERTY;
 
 const BpfProgramTable TesuBpfService::PROG_EVENT_MAP = {
-    {"TesuBpfDefineset",
+    {TESU_CORE_OBJECT,
      {{BPF_ATTACH_TYPE_TRACEPOINT,
        {"sched_sched_switch", "sched_sched_process_exit", "sched_sched_process_fork",
         "kmem_rss_stat"}},
@@ -34,7 +35,7 @@ const BpfProgramTable TesuBpfService::PROG_EVENT_MAP = {
 
 // Attached on kernel 6.1 alone.
 const BpfProgramTable TesuBpfService::PROG_GPL_EVENT_MAP = {
-    {"TesuBpfGplDefineset",
+    {TESU_GPL_OBJECT,
      {{BPF_ATTACH_TYPE_TRACEPOINT, {"sched_sched_process_exit", "cgroup_cgroup_attach_task"}},
       {BPF_ATTACH_TYPE_KPROBE, {"enter_dma_buf_file_release", "enter_dma_buf_stats_setup"}}}},
 };

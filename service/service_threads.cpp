@@ -24,7 +24,6 @@ using std::chrono::seconds;
 
 constexpr seconds READINESS_STEP{1};
 constexpr seconds SUPERVISION_STEP{60};
-constexpr const char* PROGRAM_DIR = "/sys/fs/bpf/tesu/";
 
 template <class Body>
 std::thread CreateThread(Body body) {
@@ -45,7 +44,7 @@ void PrepareThread(const char* threadName, const char* caller) {
 }
 
 int AttachPrograms(const BpfProgramTable& table, const char* caller) {
-    const int failures = AttachAllTesuBpfProgram(PROGRAM_DIR, table);
+    const int failures = AttachAllTesuBpfProgram(TesuBpfService::BPF_FS_PATH, table);
     if (failures != 0) {
         TESU_LOGE(TESU_LOG_SERVICE, "[TesuBpfService][%s] Attach all tesu bpf error: %d", caller,
                   failures);

@@ -10,7 +10,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "service/raw_event.h"
+#include "records/contract.h"
+#include "records/raw_event.h"
 #include "service/service_affinity.h"
 #include "util/log.h"
 
@@ -18,8 +19,6 @@ namespace Tesu::Bpf {
 
 namespace {
 
-constexpr const char* DISABLE_PROP = "persist.sys.stability.bpfframework.disable";
-constexpr const char* SOCKET_NAME = "/mnt/bpfframework/tesubpfdispatcher";
 constexpr const char* SOCKET_THREAD_NAME = "BpfServiceTr";
 constexpr int EPOLL_SIZE = 10;
 constexpr int MAX_EVENTS_PER_WAIT = 32;
@@ -30,7 +29,7 @@ std::mutex TesuBpfService::servicelock;
 std::atomic<TesuBpfService*> TesuBpfService::instance{nullptr};
 
 bool BpfServiceMain() {
-    if (android::base::GetProperty(DISABLE_PROP, "0") == "1") {
+    if (android::base::GetProperty(DISABLE_PROPERTY, "0") == "1") {
         TESU_LOGI(TESU_LOG_SERVICE, "[BpfServiceMain] Starting TESU Bpf Service disabled!");
         return false;
     }
@@ -67,9 +66,9 @@ TesuBpfService::TesuBpfService()
     };
     callbacks.connection = [this](int fd) { onClientLibConnection(fd); };
     callbacks.close = [this](int fd) { onClientLibClose(fd); };
-    ipcManager = std::make_unique<UnixIpcManager>(true, IPC_BUFFER_SIZE, SOCKET_NAME, callbacks,
-                                                  SOCKET_THREAD_NAME, ServiceAffinity(), EPOLL_SIZE,
-                                                  MAX_EVENTS_PER_WAIT);
+    ipcManager = std::make_unique<UnixIpcManager>(true, IPC_BUFFER_SIZE, SERVICE_SOCKET_NAME,
+                                                  callbacks, SOCKET_THREAD_NAME, ServiceAffinity(),
+                                                  EPOLL_SIZE, MAX_EVENTS_PER_WAIT);
     packageManager = std::make_unique<IpcPackageManager>();
     packageHandler = std::make_unique<IpcPackageHandler>(std::map<unsigned int, IpcHandlerFunction>{
         {IPC_PACKAGE_REQUEST,

@@ -7,25 +7,22 @@
 #include <cerrno>
 #include <cstring>
 
+#include "proc/proc_files.h"
+#include "records/contract.h"
 #include "service/tesu_bpf_service.h"
-#include "task/proc_files.h"
 #include "util/log.h"
 
 namespace Tesu::Bpf {
 
 namespace {
 
-constexpr const char* OPEN_FD_MAP = "/sys/fs/bpf/tesu/map_TesuBpfDefineset_open_fd_caller_map";
-constexpr const char* DMABUF_ALLOCATE_MAP =
-    "/sys/fs/bpf/tesu/map_TesuBpfGplDefineset_dmabuf_allocate_map";
-constexpr const char* DMABUF_SIZE_MAP = "/sys/fs/bpf/tesu/map_TesuBpfGplDefineset_dmabuf_size_map";
-
 // A map of the programs. The kernel takes keys and values as they lie in memory, so the types must
 // be the map's own.
 template <class Key, class Value>
 class PinnedMap {
   public:
-    explicit PinnedMap(const char* path) : fd(bpf_obj_get(path)) {}
+    explicit PinnedMap(const char* name)
+        : fd(bpf_obj_get((std::string(PIN_DIR) + "/" + name).c_str())) {}
 
     bool ok() const { return fd.ok(); }
     int descriptor() const { return fd.ok() ? fd.get() : -1; }

@@ -7,7 +7,7 @@
 #include <functional>
 #include <string>
 
-#include "service/raw_event.h"
+#include "records/raw_event.h"
 
 namespace Tesu::Bpf {
 

@@ -7,7 +7,8 @@
 #include <ctime>
 #include <utility>
 
-#include "diag/dump_file.h"
+#include "records/contract.h"
+#include "util/dump_file.h"
 #include "util/log.h"
 #include "util/string_util.h"
 
@@ -56,8 +57,9 @@ std::string NormalRow(const TesuTask& task) {
 
 }  // namespace
 
-const std::string TesuTaskManager::TESUTASK_DUMP_PATH = "/data/tesulog/stability/tesubpfframework";
-const std::string TesuTaskManager::TESUTASK_DUMP_TEMPLATE = TESUTASK_DUMP_PATH + "/DUMPTASK_INFO";
+const std::string TesuTaskManager::TESUTASK_DUMP_PATH = DUMP_DIR;
+const std::string TesuTaskManager::TESUTASK_DUMP_TEMPLATE =
+    TESUTASK_DUMP_PATH + "/" + TASK_DUMP_FILE;
 
 // Merges ever longer runs. Every step is bounded by the ends of its two runs, whatever the
 // comparison answers.

@@ -12,11 +12,11 @@
 #include <string>
 
 #include "events/event_manager.h"
-#include "service/raw_event.h"
-#include "service/read_raw_event.h"
+#include "proc/proc_files.h"
+#include "records/notification.h"
+#include "records/raw_event.h"
+#include "records/read_prefix.h"
 #include "service/tesu_bpf_service.h"
-#include "task/notification.h"
-#include "task/proc_files.h"
 #include "task/tesu_bpf_task_manager.h"
 #include "util/log.h"
 #include "util/string_util.h"
@@ -196,7 +196,7 @@ std::optional<MemoryNotification> TakeMemoryReport(TesuTask* task, int64_t time)
 }  // namespace
 
 int TesuBpfService::handleTesuTaskInitEvent(char* data, int64_t size) {
-    const auto event = ReadRawEvent<RawTesuTaskInitEvent>(data, size);
+    const auto event = ReadPrefix<RawTesuTaskInitEvent>(data, size);
     TesuTask task;
     task.pid = event.pid;
     task.ppid = event.ppid;
@@ -216,7 +216,7 @@ int TesuBpfService::handleTesuTaskInitEvent(char* data, int64_t size) {
 }
 
 int TesuBpfService::handleSched_SchedProcessFork(char* data, int64_t size) {
-    const auto event = ReadRawEvent<RawTaskCreateEvent>(data, size);
+    const auto event = ReadPrefix<RawTaskCreateEvent>(data, size);
     if (event.taskType == RAW_TASK_THREAD) {
         CountThread(event.pid, event.header.time, 1);
     } else if (event.taskType == RAW_TASK_PROCESS) {
@@ -231,7 +231,7 @@ int TesuBpfService::handleSched_SchedProcessFork(char* data, int64_t size) {
 }
 
 int TesuBpfService::handleSched_SchedProcessExit(char* data, int64_t size) {
-    const auto event = ReadRawEvent<RawTaskExitEvent>(data, size);
+    const auto event = ReadPrefix<RawTaskExitEvent>(data, size);
     if (event.taskType == RAW_TASK_THREAD) {
         CountThread(event.pid, event.header.time, -1);
     } else if (event.taskType == RAW_TASK_PROCESS) {
@@ -251,7 +251,7 @@ int TesuBpfService::handleSched_SchedProcessExit(char* data, int64_t size) {
 }
 
 int TesuBpfService::handleKmem_RssStat(char* data, int64_t size) {
-    const auto event = ReadRawEvent<RawRssStatEvent>(data, size);
+    const auto event = ReadPrefix<RawRssStatEvent>(data, size);
     if (event.size < 0 || event.member < 0 || event.member >= RSS_MEMBER_COUNT) {
         return 0;
     }

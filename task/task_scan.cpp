@@ -7,8 +7,8 @@
 #include <optional>
 
 #include "diag/tesu_bpf_state.h"
+#include "proc/proc_files.h"
 #include "service/tesu_bpf_service.h"
-#include "task/proc_files.h"
 #include "util/log.h"
 #include "util/time_util.h"
 

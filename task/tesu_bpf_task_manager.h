@@ -10,7 +10,7 @@
 #include <mutex>
 #include <string>
 
-#include "service/raw_event.h"
+#include "records/raw_event.h"
 #include "util/export.h"
 
 namespace Tesu::Bpf {
@@ -74,7 +74,7 @@ class TESU_API TesuTaskManager {
     // Replace the dump file by the table of this moment, largest processes first. IgnoreKernelTask
     // leaves out tasks without memory, Normal the columns of old figures. A file that cannot be
     // created is logged. Any thread, without the lock; not a signal handler (see
-    // diag/dump_requests.h).
+    // service/dump_requests.h).
     void DumpTesuTaskInfo(const std::string& path = TESUTASK_DUMP_TEMPLATE);
     void DumpTesuTaskIgnoreKernelTaskInfo(const std::string& path = TESUTASK_DUMP_TEMPLATE);
     void DumpTesuTaskInfoNormal(const std::string& path = TESUTASK_DUMP_TEMPLATE);

@@ -26,7 +26,7 @@
 #include <vector>
 
 #include "loader/kernel_peek.h"
-#include "loader/lost_records.h"
+#include "service/lost_records.h"
 #include "tests/support/pins.h"
 #include "tests/support/record_injector.h"
 #include "tests/support/sandbox_test.h"

@@ -21,11 +21,11 @@
 
 #include "client/dump_request.h"
 #include "client/dump_text.h"
-#include "client/termination_signals.h"
 #include "tests/support/child_process.h"
 #include "tests/support/emulator.h"
 #include "tests/support/test_service.h"
 #include "tests/support/wait_until.h"
+#include "util/termination_signals.h"
 
 namespace Tesu::Bpf {
 namespace {

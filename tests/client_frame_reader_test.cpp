@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "client/frame_reader.h"
+#include "ipc/frame_reader.h"
 #include "tests/support/wire_client.h"
 
 namespace Tesu::Bpf {

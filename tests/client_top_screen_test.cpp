@@ -21,12 +21,12 @@
 #include <string>
 #include <vector>
 
-#include "client/monotonic_clock.h"
-#include "service/raw_event.h"
+#include "records/raw_event.h"
 #include "tests/support/child_process.h"
 #include "tests/support/emulator.h"
 #include "tests/support/test_service.h"
 #include "tests/support/wait_until.h"
+#include "util/monotonic_clock.h"
 
 namespace Tesu::Bpf {
 namespace {

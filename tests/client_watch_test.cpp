@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "service/raw_event.h"
+#include "records/raw_event.h"
 #include "tests/support/child_process.h"
 #include "tests/support/test_service.h"
 #include "tests/support/wait_until.h"

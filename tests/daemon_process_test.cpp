@@ -12,8 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "client/service_socket.h"
 #include "daemon/host_files.h"
+#include "ipc/local_socket.h"
+#include "records/contract.h"
 #include "tests/support/child_process.h"
 #include "tests/support/dump_folders.h"
 #include "tests/support/sandbox_test.h"

@@ -21,8 +21,8 @@
 #include <utility>
 #include <vector>
 
-#include "diag/dump_requests.h"
 #include "diag/tesu_bpf_state.h"
+#include "service/dump_requests.h"
 #include "task/tesu_bpf_task_manager.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wait_until.h"

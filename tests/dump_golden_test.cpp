@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "diag/tesu_bpf_state.h"
-#include "service/raw_event.h"
+#include "records/raw_event.h"
 #include "service/tesu_bpf_service.h"
 #include "task/tesu_bpf_task_manager.h"
 #include "tests/support/event_capture.h"

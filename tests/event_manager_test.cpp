@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "service/raw_event.h"
+#include "records/raw_event.h"
 #include "service/tesu_bpf_service.h"
 #include "tests/support/wire_client.h"
 

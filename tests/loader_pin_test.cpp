@@ -12,6 +12,7 @@
 #include <sstream>
 
 #include "loader/kernel_peek.h"
+#include "records/contract.h"
 #include "tests/support/pins.h"
 #include "tests/support/sandbox_test.h"
 
@@ -39,7 +40,7 @@ class LoaderTest : public SandboxTest {
         return LoadSet(options, out, err);
     }
 
-    LoaderStatus unload(const std::string& dir = DEFAULT_PIN_DIR) {
+    LoaderStatus unload(const std::string& dir = PIN_DIR) {
         out.str("");
         err.str("");
         return UnloadSet(dir, out, err);
@@ -54,7 +55,7 @@ class LoaderTest : public SandboxTest {
     }
 
     static std::string pinPath(const std::string& name) {
-        return std::string(DEFAULT_PIN_DIR) + "/" + name;
+        return std::string(PIN_DIR) + "/" + name;
     }
 
     std::ostringstream out;
@@ -72,7 +73,7 @@ TEST_F(LoaderTest, PinsOnceAndUnloads) {
                                  HasSubstr("TesuBpfGplDefineset: 4 programs"),
                                  HasSubstr("ring buffer of 1048576 bytes")));
     const uint32_t first = ringMapId();
-    const std::vector<std::string> pins = ListPins(DEFAULT_PIN_DIR);
+    const std::vector<std::string> pins = ListPins(PIN_DIR);
     for (const char* pin :
          {"prog_TesuBpfDefineset_tracepoint_sched_sched_switch",
           "prog_TesuBpfDefineset_tracepoint_sched_sched_process_exit",
@@ -101,7 +102,7 @@ TEST_F(LoaderTest, PinsOnceAndUnloads) {
     EXPECT_EQ(ringMapId(), first);
 
     EXPECT_EQ(unload(), LOADER_DONE);
-    EXPECT_FALSE(std::filesystem::exists(DEFAULT_PIN_DIR));
+    EXPECT_FALSE(std::filesystem::exists(PIN_DIR));
 }
 
 TEST_F(LoaderTest, LoadsAnIncompleteSetAnew) {
@@ -112,13 +113,13 @@ TEST_F(LoaderTest, LoadsAnIncompleteSetAnew) {
     const uint32_t first = ringMapId();
     ASSERT_EQ(unlink(pinPath("prog_TesuBpfDefineset_tracepoint_kmem_rss_stat").c_str()), 0);
     // What a loader that was killed leaves behind.
-    ASSERT_EQ(mkdir((std::string(DEFAULT_PIN_DIR) + "_loading").c_str(), 0755), 0);
+    ASSERT_EQ(mkdir((std::string(PIN_DIR) + "_loading").c_str(), 0755), 0);
 
     ASSERT_EQ(load(), LOADER_DONE) << err.str();
     EXPECT_THAT(out.str(), AllOf(HasSubstr("incomplete set"), HasSubstr("kmem_rss_stat")));
     EXPECT_NE(ringMapId(), first);
     EXPECT_TRUE(OpenPin("prog_TesuBpfDefineset_tracepoint_kmem_rss_stat").ok());
-    EXPECT_FALSE(std::filesystem::exists(std::string(DEFAULT_PIN_DIR) + "_loading"));
+    EXPECT_FALSE(std::filesystem::exists(std::string(PIN_DIR) + "_loading"));
 }
 
 TEST_F(LoaderTest, LeavesOutWhatTheKernelCannotTake) {
@@ -159,7 +160,7 @@ TEST_F(LoaderTest, LeavesOutWhatTheKernelCannotTake) {
     EXPECT_EQ(load(options), LOADER_DONE);
     EXPECT_THAT(out.str(), HasSubstr("already loaded"));
     EXPECT_EQ(unload(), LOADER_DONE);
-    EXPECT_FALSE(std::filesystem::exists(DEFAULT_PIN_DIR));
+    EXPECT_FALSE(std::filesystem::exists(PIN_DIR));
 }
 
 TEST_F(LoaderTest, LeavesOutAProgramThatTheKernelRefuses) {
@@ -194,13 +195,13 @@ TEST_F(LoaderTest, FailsAsAWhole) {
     EXPECT_EQ(load(options), LOADER_FAILED);
     EXPECT_THAT(err.str(), AllOf(HasSubstr("TesuBpfGplDefineset: no program can be loaded"),
                                  HasSubstr("nothing is loaded")));
-    EXPECT_FALSE(std::filesystem::exists(DEFAULT_PIN_DIR));
+    EXPECT_FALSE(std::filesystem::exists(PIN_DIR));
 
     options.findLayout = nullptr;
     options.ringBytes = 0;  // the kernel refuses such a map
     EXPECT_EQ(load(options), LOADER_FAILED);
     EXPECT_THAT(err.str(), HasSubstr("ringbuf_map"));
-    EXPECT_FALSE(std::filesystem::exists(DEFAULT_PIN_DIR));
+    EXPECT_FALSE(std::filesystem::exists(PIN_DIR));
 
     options = BuiltObjects();
     options.objectDir = "/nonexistent";

@@ -18,9 +18,9 @@
 #include <thread>
 #include <vector>
 
-#include "loader/lost_records.h"
-#include "service/raw_event.h"
-#include "service/read_raw_event.h"
+#include "records/raw_event.h"
+#include "records/read_prefix.h"
+#include "service/lost_records.h"
 #include "tests/support/running_service.h"
 #include "tests/support/wait_until.h"
 #include "tests/support/wire_client.h"
@@ -33,7 +33,7 @@ using std::chrono::milliseconds;
 template <class T>
 T As(const WireClient::Package& package) {
     EXPECT_EQ(package.type, 3U);
-    return ReadRawEvent<T>(package.body.data(), static_cast<int64_t>(package.body.size()));
+    return ReadPrefix<T>(package.body.data(), static_cast<int64_t>(package.body.size()));
 }
 
 // A record that no handler takes, with a sequence number for a time.
@@ -139,7 +139,7 @@ TEST_F(ServiceStreamTest, EveryForkAndExitReachesAClientOnce) {
     }
     // Nothing more comes of them.
     while (const auto package = client.next(milliseconds(200))) {
-        EXPECT_EQ(seen.count(ReadRawEvent<int32_t>(package->body.data() + 16, 4)), 0U);
+        EXPECT_EQ(seen.count(ReadPrefix<int32_t>(package->body.data() + 16, 4)), 0U);
     }
     for (const auto& [child, told] : seen) {
         EXPECT_EQ(told, "created ended ") << child;

@@ -27,10 +27,10 @@
 #include "client/dump_text.h"
 #include "client/proc_snapshot.h"
 #include "diag/tesu_bpf_state.h"
-#include "loader/lost_records.h"
-#include "service/raw_event.h"
-#include "service/read_raw_event.h"
-#include "task/notification.h"
+#include "records/notification.h"
+#include "records/raw_event.h"
+#include "records/read_prefix.h"
+#include "service/lost_records.h"
 #include "task/tesu_bpf_task_manager.h"
 #include "tests/support/child_process.h"
 #include "tests/support/dump_folders.h"
@@ -71,7 +71,7 @@ std::vector<pid_t> ChildrenOf(pid_t parent) {
 
 template <class T>
 T As(const WireClient::Package& package) {
-    return ReadRawEvent<T>(package.body.data(), static_cast<int64_t>(package.body.size()));
+    return ReadPrefix<T>(package.body.data(), static_cast<int64_t>(package.body.size()));
 }
 
 class ServiceTableTest : public RunningServiceTest {

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "service/raw_event.h"
+#include "records/raw_event.h"
 #include "service/tesu_bpf_service.h"
 #include "task/tesu_bpf_task_manager.h"
 #include "tests/support/event_capture.h"

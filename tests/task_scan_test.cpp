@@ -15,9 +15,9 @@
 #include <vector>
 
 #include "diag/tesu_bpf_state.h"
+#include "proc/proc_text.h"
 #include "service/tesu_bpf_service.h"
 #include "task/map_seeding.h"
-#include "task/proc_text.h"
 #include "task/tesu_bpf_task_manager.h"
 #include "tests/support/event_capture.h"
 #include "tests/support/temp_dir.h"

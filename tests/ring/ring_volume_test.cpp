@@ -22,7 +22,7 @@
 #include <string>
 #include <thread>
 
-#include "service/raw_event.h"
+#include "records/raw_event.h"
 #include "service/ring_reader.h"
 #include "service/ring_replacement.h"
 #include "tests/bpf/inject.h"

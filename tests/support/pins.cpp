@@ -7,6 +7,8 @@
 
 #include <sstream>
 
+#include "records/contract.h"
+
 namespace Tesu::Bpf {
 
 namespace {
@@ -43,7 +45,7 @@ bool LoadPins(const LoadOptions& options, std::string* messages) {
 }
 
 unique_fd OpenPin(const std::string& name) {
-    return unique_fd(bpf_obj_get((std::string(DEFAULT_PIN_DIR) + "/" + name).c_str()));
+    return unique_fd(bpf_obj_get((std::string(PIN_DIR) + "/" + name).c_str()));
 }
 
 unique_fd OpenPinnedMap(PinnedRing ring, const std::string& map) {

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "loader/load_set.h"
-#include "service/raw_event.h"
+#include "records/raw_event.h"
 
 namespace Tesu::Bpf {
 

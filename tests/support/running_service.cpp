@@ -5,7 +5,7 @@
 
 #include <sstream>
 
-#include "service/raw_event.h"
+#include "records/raw_event.h"
 #include "tests/support/wait_until.h"
 
 namespace Tesu::Bpf {

@@ -7,7 +7,7 @@
 #include <atomic>
 #include <cstring>
 
-#include "client/service_socket.h"
+#include "ipc/local_socket.h"
 #include "tests/support/wait_until.h"
 #include "tests/support/wire_client.h"
 

@@ -16,7 +16,7 @@
 #include <map>
 #include <string>
 
-#include "service/raw_event.h"
+#include "records/raw_event.h"
 
 namespace {
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A printer for one record, for debugging; wired into nothing. Logs at DEBUG level.
+// A printer for one record, for debugging; for hosts: the service itself does not call it. Logs at
+// DEBUG level.
 #pragma once
 
 #include "util/export.h"

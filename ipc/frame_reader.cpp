@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/frame_reader.h"
+#include "ipc/frame_reader.h"
 
 #include <cstring>
 

@@ -8,7 +8,7 @@
 
 #include <cstdint>
 
-#include "service/raw_event.h"
+#include "records/raw_event.h"
 
 namespace Tesu::Bpf {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "task/proc_text.h"
+#include "proc/proc_text.h"
 
 #include <algorithm>
 #include <charconv>

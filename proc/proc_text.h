@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "service/raw_event.h"
+#include "records/raw_event.h"
 
 namespace Tesu::Bpf {
 

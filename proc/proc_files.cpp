@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "task/proc_files.h"
+#include "proc/proc_files.h"
 
 #include <android-base/unique_fd.h>
 #include <dirent.h>

@@ -4,7 +4,8 @@
 #include <cstdint>
 #include <cstring>
 
-#include "service/read_raw_event.h"
+#include "records/contract.h"
+#include "records/read_prefix.h"
 #include "service/tesu_bpf_service.h"
 #include "util/log.h"
 #include "util/string_util.h"
@@ -12,9 +13,6 @@
 namespace Tesu::Bpf {
 
 namespace {
-
-constexpr char REGISTER_COMMAND[] = "register-event-monitor";
-constexpr char UNREGISTER_COMMAND[] = "unregister-event-monitor";
 
 // A subscription request: the head of a request body, and the event type as its data.
 struct SubscriptionRequest {
@@ -84,7 +82,7 @@ int TesuBpfService::onClientLibWriteable(int fd, BufferState* writeBuffer) {
 
 int TesuBpfService::onEventProvideReqCallBack(int fd, char* body, long long length,
                                               BufferState* writeBuffer) {
-    const auto request = ReadRawEvent<SubscriptionRequest>(body, length);
+    const auto request = ReadPrefix<SubscriptionRequest>(body, length);
     SubscriptionReply reply{.requestId = request.requestId};
     const bool whole = length >= static_cast<long long>(sizeof(request));
     if (whole && IsCommand(request, REGISTER_COMMAND)) {

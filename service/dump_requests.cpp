@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "diag/dump_requests.h"
+#include "service/dump_requests.h"
 
 #include <pthread.h>
 #include <sys/eventfd.h>
@@ -20,6 +20,7 @@
 #include <utility>
 
 #include "diag/tesu_bpf_state.h"
+#include "records/contract.h"
 #include "task/tesu_bpf_task_manager.h"
 #include "util/log.h"
 
@@ -28,7 +29,7 @@ namespace Tesu::Bpf {
 namespace {
 
 constexpr const char* THREAD_NAME = "BpfServiceDump";
-constexpr int FIRST_SIGNAL = 50;
+constexpr int FIRST_SIGNAL = DUMP_SIGNAL_STATE;
 // By signal number from FIRST_SIGNAL on.
 constexpr std::array<void (*)(int), 5> DUMPS = {
     [](int signal) { DumpState(signal); }, HandleDumpSignal, HandleNonKernelDumpSignal,

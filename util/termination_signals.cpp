@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/termination_signals.h"
+#include "util/termination_signals.h"
 
 #include <poll.h>
 #include <sys/signalfd.h>

@@ -7,12 +7,12 @@
  * All integers are little-endian. Records are naturally aligned to 8 bytes in the ring buffer, but
  * not in a client's socket buffer: copy a record out before reading its fields there. A record may
  * be shorter or longer than its struct; a reader takes what `size` covers and treats the rest as 0
- * (see ReadRawEvent).
+ * (see ReadPrefix).
  *
  * Units: `time` is CLOCK_MONOTONIC in nanoseconds, sizes are bytes.
  */
-#ifndef TESUBPF_SERVICE_RAW_EVENT_H
-#define TESUBPF_SERVICE_RAW_EVENT_H
+#ifndef TESUBPF_RECORDS_RAW_EVENT_H
+#define TESUBPF_RECORDS_RAW_EVENT_H
 
 #ifdef __cplusplus
 #include <cstddef>

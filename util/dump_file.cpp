@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "diag/dump_file.h"
+#include "util/dump_file.h"
 
 #include <android-base/file.h>
 #include <android-base/unique_fd.h>

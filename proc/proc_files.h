@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "task/proc_text.h"
+#include "proc/proc_text.h"
 
 namespace Tesu::Bpf {
 

@@ -13,7 +13,7 @@ namespace Tesu::Bpf {
 // What `size` bytes at `data` hold of a T; the rest of it is 0, bytes past it are left alone.
 // `data` may be unaligned.
 template <class T>
-T ReadRawEvent(const void* data, int64_t size) {
+T ReadPrefix(const void* data, int64_t size) {
     static_assert(std::is_trivially_copyable_v<T>);
     T record{};
     if (size > 0) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/service_socket.h"
+#include "ipc/local_socket.h"
 
 #include <android-base/unique_fd.h>
 #include <cutils/sockets.h>

@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The names by which the service, the eBPF programs' loader, hosts and clients find each other. All
+// are fixed from outside; no other file spells one of them out.
+#pragma once
+
+#include <cstdint>
+
+namespace Tesu::Bpf {
+
+// Pins in the bpf file system: programs are prog_OBJECT_TYPE_EVENT, maps map_OBJECT_NAME.
+#define TESU_PIN_DIR "/sys/fs/bpf/tesu"
+#define TESU_CORE_OBJECT "TesuBpfDefineset"
+#define TESU_GPL_OBJECT "TesuBpfGplDefineset"
+#define TESU_CORE_MAP(name) "map_" TESU_CORE_OBJECT "_" name
+#define TESU_GPL_MAP(name) "map_" TESU_GPL_OBJECT "_" name
+
+inline constexpr const char* PIN_DIR = TESU_PIN_DIR;
+// File names below PIN_DIR. A ring buffer, the map that tells the programs which ring to write
+// into, and the ring's status map (RingStatusKey).
+inline constexpr const char* CORE_RING_MAP = TESU_CORE_MAP("ringbuf_map");
+inline constexpr const char* CORE_CURRENT_RING_MAP = TESU_CORE_MAP("ringbuf_current");
+inline constexpr const char* CORE_STATUS_MAP = TESU_CORE_MAP("ringbuf_status");
+inline constexpr const char* GPL_RING_MAP = TESU_GPL_MAP("ringbuf_map");
+inline constexpr const char* GPL_CURRENT_RING_MAP = TESU_GPL_MAP("ringbuf_current");
+inline constexpr const char* GPL_STATUS_MAP = TESU_GPL_MAP("ringbuf_status");
+// Maps that the service seeds; values are in records/raw_event.h.
+inline constexpr const char* OPEN_FD_MAP = TESU_CORE_MAP("open_fd_caller_map");
+inline constexpr const char* DMABUF_ALLOCATE_MAP = TESU_GPL_MAP("dmabuf_allocate_map");
+inline constexpr const char* DMABUF_SIZE_MAP = TESU_GPL_MAP("dmabuf_size_map");
+
+// Dumps, which the service writes when a signal asks for one.
+inline constexpr const char* DUMP_DIR = "/data/tesulog/stability/tesubpfframework";
+inline constexpr const char* TASK_DUMP_FILE = "DUMPTASK_INFO";
+inline constexpr const char* STATE_DUMP_FILE = "bpfservice_state.csv";
+enum DumpSignal : int {
+    DUMP_SIGNAL_STATE = 50,      // counters
+    DUMP_SIGNAL_TASKS = 51,      // all columns, all tasks
+    DUMP_SIGNAL_NO_KERNEL = 52,  // all columns, without kernel tasks
+    DUMP_SIGNAL_NORMAL = 53,     // without the columns of old figures
+    DUMP_SIGNAL_NORMAL_NO_KERNEL = 54,
+};
+
+// The service's stream socket, in the abstract namespace: no file of that name exists.
+inline constexpr const char* SERVICE_SOCKET_NAME = "/mnt/bpfframework/tesubpfdispatcher";
+// Requests on it; their data is the event type, 4 bytes.
+inline constexpr char REGISTER_COMMAND[] = "register-event-monitor";
+inline constexpr char UNREGISTER_COMMAND[] = "unregister-event-monitor";
+
+// System properties.
+inline constexpr const char* DISABLE_PROPERTY = "persist.sys.stability.bpfframework.disable";
+inline constexpr const char* READY_PROPERTY = "sys.tesu_bpf_ready";  // "0": nothing is pinned yet
+inline constexpr const char* KERNEL_VERSION_PROPERTY = "ro.kernel.version";  // "6.1": with GPL set
+
+}  // namespace Tesu::Bpf
