@@ -1,40 +1,29 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Keeps libbpf's log off the terminal and finds in it what the loader tells its user.
-//
-// libbpf has one log for the process: there is at most one LibbpfLog at a time, and libbpf is used
-// on one thread.
+// Keeps libbpf's log off the terminal.
 #pragma once
 
 #include <bpf/libbpf.h>
 
 #include <string>
-#include <string_view>
 
 namespace Tesu::Bpf {
 
+// libbpf has one log for the process: there is at most one LibbpfLog at a time, and while there is,
+// libbpf is used on one thread.
 class LibbpfLog {
   public:
-    // With `verbose` everything goes to the standard error as well.
+    // With `verbose` the log goes to the standard error.
     explicit LibbpfLog(bool verbose);
     ~LibbpfLog();
     LibbpfLog(const LibbpfLog&) = delete;
     LibbpfLog& operator=(const LibbpfLog&) = delete;
 
-    // The warnings since the last call, in lines.
-    std::string takeWarnings();
+    // The first warning since the last call, one line; empty where there was none.
+    static std::string TakeFirstWarning();
 
   private:
     libbpf_print_fn_t before;
 };
-
-struct RefusedProgram {
-    std::string name;    // empty: no program was refused, something else failed
-    std::string reason;  // one line
-};
-
-// What the warnings of a failed bpf_object__load say: which program the kernel refused, and why, or
-// what else went wrong.
-RefusedProgram FindRefusedProgram(std::string_view warnings);
 
 }  // namespace Tesu::Bpf

@@ -36,9 +36,8 @@ std::string PinPath(const std::string& dir, const std::string& pinName) {
     return std::string(dir).append("/").append(pinName);
 }
 
-bool Fail(const std::string& path, int errorNumber, std::string* error) {
-    *error = path + ": " + strerror(errorNumber);
-    return false;
+auto Fail(const std::string& path, int errorNumber) {
+    return Failure(path + ": " + strerror(errorNumber));
 }
 
 }  // namespace
@@ -85,45 +84,48 @@ std::vector<std::string> FindMissingPins(const std::string& dir, const std::stri
     return missing;
 }
 
-bool PinObject(const std::string& dir, const std::string& objectName, const LoadedObject& loaded,
-               std::string* error) {
+Result<> PinObject(const std::string& dir, const std::string& objectName, const bpf_object* object,
+                   const LeftOutPrograms& leftOut) {
     bpf_program* program = nullptr;
-    bpf_object__for_each_program(program, loaded.object.get()) {
+    bpf_object__for_each_program(program, object) {
         const char* const name = bpf_program__name(program);
-        const auto leftOut = loaded.leftOut.find(name);
-        if (leftOut != loaded.leftOut.end()) {
+        const auto reason = leftOut.find(name);
+        if (reason != leftOut.end()) {
             const std::string path = PinPath(dir, PinName(LEFT_OUT_PREFIX, objectName, name));
-            if (symlink(leftOut->second.c_str(), path.c_str()) != 0) {
-                return Fail(path, errno, error);
+            if (symlink(reason->second.c_str(), path.c_str()) != 0) {
+                return Fail(path, errno);
             }
             continue;
         }
         const std::string path = PinPath(dir, PinName(PROGRAM_PREFIX, objectName, name));
         if (const int result = bpf_program__pin(program, path.c_str()); result != 0) {
-            return Fail(path, -result, error);
+            return Fail(path, -result);
         }
     }
     bpf_map* map = nullptr;
-    bpf_object__for_each_map(map, loaded.object.get()) {
+    bpf_object__for_each_map(map, object) {
         if (!IsToBePinned(map)) {
             continue;
         }
         const std::string path = PinPath(dir, PinName(MAP_PREFIX, objectName, bpf_map__name(map)));
         if (const int result = bpf_map__pin(map, path.c_str()); result != 0) {
-            return Fail(path, -result, error);
+            return Fail(path, -result);
         }
     }
-    return true;
+    return {};
 }
 
-bool RemovePins(const std::string& dir, std::string* error) {
+Result<> RemovePins(const std::string& dir) {
     for (const std::string& name : ListPins(dir)) {
         const std::string path = PinPath(dir, name);
         if (unlink(path.c_str()) != 0) {
-            return Fail(path, errno, error);
+            return Fail(path, errno);
         }
     }
-    return rmdir(dir.c_str()) == 0 || errno == ENOENT || Fail(dir, errno, error);
+    if (rmdir(dir.c_str()) != 0 && errno != ENOENT) {
+        return Fail(dir, errno);
+    }
+    return {};
 }
 
 }  // namespace Tesu::Bpf

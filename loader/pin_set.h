@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "loader/load_object.h"
+#include "util/result.h"
 
 namespace Tesu::Bpf {
 
@@ -24,11 +25,11 @@ std::vector<std::string> FindMissingPins(const std::string& dir, const std::stri
                                          const bpf_object* object);
 
 // Pins all programs and maps of a loaded object in `dir`, which exists.
-bool PinObject(const std::string& dir, const std::string& objectName, const LoadedObject& loaded,
-               std::string* error);
+Result<> PinObject(const std::string& dir, const std::string& objectName, const bpf_object* object,
+                   const LeftOutPrograms& leftOut);
 
 // Removes what is pinned in `dir` and then the folder. Files that are not ours stay, and are an
 // error, since the folder stays with them. No folder is no error.
-bool RemovePins(const std::string& dir, std::string* error);
+Result<> RemovePins(const std::string& dir);
 
 }  // namespace Tesu::Bpf

@@ -16,6 +16,7 @@
 #include "service/dump_requests.h"
 #include "service/ring_reader.h"
 #include "service/ring_replacement.h"
+#include "service/stale_entries.h"
 #include "service/tesu_bpf_service.h"
 #include "util/log.h"
 
@@ -113,6 +114,7 @@ int TesuBpfService::runMonitor(const RingMonitor& monitor) {
     enableCoreBpf(monitor.which, false);
     enableNormalBpf(monitor.which, false);
     DiscardRecords(ringFd.get());
+    ClearStaleEntries(monitor.which);
     auto reader = RingReader::Open(ringFd.get(), onRingRecord);
     if (reader == nullptr) {
         return fail("[TesuBpfService][%s] TESUBPF: Set up ringbuf failed: %s, ringbufMap fd: %d",

@@ -1,26 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "loader/kernel_layout_finder.h"
+#include "loader/kernel_layout.h"
 
-#include <android-base/stringprintf.h>
 #include <sys/utsname.h>
 
 #include <algorithm>
-#include <memory>
-#include <random>
 #include <vector>
 
-#include "loader/file_probe.h"
-#include "loader/kernel_peek.h"
-#include "loader/observed_files.h"
-#include "loader/observed_task.h"
-#include "loader/task_probe.h"
+#include "loader/kernel_atomics.h"
+#include "loader/offset_guessing.h"
 
 namespace Tesu::Bpf {
 
 namespace {
-
-// To KernelPeek: the task_struct of this process.
-constexpr uint64_t OWN_TASK = 0;
 
 using LayoutOffset = uint32_t TesuKernelLayout::*;
 
@@ -28,7 +19,7 @@ struct NeededField {
     const char* name;
     LayoutOffset offset;
     std::vector<uint32_t> sizes;     // those that the program can read
-    LayoutOffset sizeOut = nullptr;  // where the program is told the size
+    LayoutOffset sizeOut = nullptr;  // where its size goes
     bool isLocated = false;
 };
 
@@ -78,12 +69,10 @@ bool TakeField(const TracepointFormat& format, const NeededField& needed,
     return true;
 }
 
-// The programs may be 32-bit on a 64-bit kernel; the size of a `long` field tells the kernel's.
+// The loader may be 32-bit on a 64-bit kernel: a `long` field has the kernel's size.
 uint32_t FindPointerSize(const std::string& tracefsRoot, const std::string& machine) {
-    TracepointFormat format;
-    std::string ignored;
-    if (ReadTracepointFormat(tracefsRoot, "sched/sched_switch", &format, &ignored)) {
-        const TracepointField* const state = FindField(format, "prev_state");
+    if (const auto format = ReadTracepointFormat(tracefsRoot, "sched/sched_switch")) {
+        const TracepointField* const state = FindField(*format, "prev_state");
         if (state != nullptr && state->type == "long") {
             return state->size;
         }
@@ -93,21 +82,20 @@ uint32_t FindPointerSize(const std::string& tracefsRoot, const std::string& mach
 
 void FindTracepointFields(const std::string& tracefsRoot, KernelLayout* result) {
     for (const TracepointProgram& needs : TracepointPrograms()) {
-        TracepointFormat format;
-        std::string error;
-        if (!ReadTracepointFormat(tracefsRoot, needs.tracepoint, &format, &error)) {
-            result->unusable[needs.program] = error;
+        const auto format = ReadTracepointFormat(tracefsRoot, needs.tracepoint);
+        if (!format) {
+            result->unusable[needs.program] = format.error();
             continue;
         }
         for (const NeededField& field : needs.fields) {
-            if (!TakeField(format, field, &result->values)) {
+            if (!TakeField(*format, field, &result->values)) {
                 result->unusable[needs.program] = std::string("tracepoint ") + needs.tracepoint +
                                                   " has no usable field " + field.name;
             }
         }
         // What the programs can do without.
-        TakeField(format, {"group_dead", &TesuKernelLayout::exitGroupDead, {1}}, &result->values);
-        TakeField(format, {"mm_id", &TesuKernelLayout::rssMemory, {4}}, &result->values);
+        TakeField(*format, {"group_dead", &TesuKernelLayout::exitGroupDead, {1}}, &result->values);
+        TakeField(*format, {"mm_id", &TesuKernelLayout::rssMmId, {4}}, &result->values);
     }
 }
 
@@ -127,56 +115,23 @@ void SetArguments(const std::string& machine, TesuKernelLayout* layout) {
     layout->registerSize = layout->pointerSize;
 }
 
-bool Probe(const std::string& peekObject, LibbpfLog* log, TesuKernelLayout* layout,
-           std::string* error) {
-    const std::unique_ptr<KernelPeek> peek = KernelPeek::Open(peekObject, log, error);
-    if (peek == nullptr) {
-        return false;
+void FindMembers(const LayoutSources& sources, KernelLayout* result) {
+    if (sources.members != MemberSource::GUESSING) {
+        if (const auto found = FindOffsetsInBtf(sources.btfPath, &result->values)) {
+            result->memberSource = "the kernel's type information";
+            return;
+        } else {
+            result->memberProblem = found.error();
+        }
     }
-    // The bytes behind a task_struct are often its neighbour's, which must not have the same name:
-    // another loader may run, or have run, beside this one.
-    std::random_device entropy;
-    const ObservedTask first(*peek, 3, android::base::StringPrintf("look-%08x", entropy()));
-    const ObservedTask second(*peek, 6, android::base::StringPrintf("look-%08x", entropy()));
-    if (!first.ok() || !second.ok()) {
-        *error = "cannot look at a thread";
-        return false;
-    }
-    const ReadKernelMemory read = [&](uint64_t address, uint32_t size) {
-        return peek->read(address, size);
-    };
-    if (!FindMembersInSamples({first.sample(), second.sample()}, read, layout, error)) {
-        return false;
-    }
-    // What only the dma-buf programs need; those are left out if it is not found.
-    const ObservedFiles files;
-    std::string ignored;
-    if (!files.samples().empty()) {
-        FindMembersInFiles(peek->read(OWN_TASK, TASK_PEEK_BYTES), files.samples(), read, layout,
-                           &ignored);
-    }
-    return true;
-}
-
-void FindMembers(const LayoutSources& sources, LibbpfLog* log, KernelLayout* result) {
-    std::string btfError;
-    if (sources.members != MemberSource::PROBE &&
-        FindMembersInBtf(sources.btfPath, &result->values, &btfError)) {
-        result->memberSource = "the kernel's type information";
-        return;
-    }
-    if (sources.members == MemberSource::BTF) {
-        result->memberProblem = btfError;
-        return;
-    }
-    std::string probeError;
-    if (Probe(sources.peekObject, log, &result->values, &probeError)) {
-        result->memberSource = "probing";
-        return;
-    }
-    result->memberProblem = "probing: " + probeError;
-    if (!btfError.empty()) {
-        result->memberProblem = btfError + "; " + result->memberProblem;
+    if (sources.members != MemberSource::BTF) {
+        if (const auto guessed = GuessOffsets(&result->values)) {
+            result->memberSource = "offset guessing";
+            result->memberProblem.clear();
+        } else {
+            result->memberProblem += result->memberProblem.empty() ? "" : "; ";
+            result->memberProblem += "offset guessing: " + guessed.error();
+        }
     }
 }
 
@@ -206,25 +161,23 @@ TesuKernelLayout UnknownLayout() {
     std::fill_n(reinterpret_cast<uint32_t*>(&layout), sizeof(layout) / sizeof(uint32_t),
                 TESU_UNKNOWN_OFFSET);
     layout.pointerSize = sizeof(uint64_t);
-    layout.hasAtomics = 1;
+    layout.hasAtomics = 0;
     layout.rssSizeBytes = sizeof(uint64_t);
     layout.cgroupIdBytes = sizeof(uint64_t);
     layout.registerSize = sizeof(uint64_t);
     return layout;
 }
 
-KernelLayout FindKernelLayout(const LayoutSources& sources, LibbpfLog* log) {
+KernelLayout FindKernelLayout(const LayoutSources& sources) {
     KernelLayout result = {
         .values = UnknownLayout(), .unusable = {}, .memberSource = {}, .memberProblem = {}};
-    std::string machine = sources.machine;
     utsname names = {};
-    if (machine.empty() && uname(&names) == 0) {
-        machine = names.machine;
-    }
-    result.values.pointerSize = FindPointerSize(sources.tracefsRoot, machine);
+    uname(&names);
+    result.values.pointerSize = FindPointerSize(sources.tracefsRoot, names.machine);
+    result.values.hasAtomics = HasAtomics() ? 1 : 0;
     FindTracepointFields(sources.tracefsRoot, &result);
-    FindMembers(sources, log, &result);
-    SetArguments(machine, &result.values);
+    FindMembers(sources, &result);
+    SetArguments(names.machine, &result.values);
     JudgePrograms(&result);
     return result;
 }

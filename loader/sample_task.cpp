@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "loader/observed_task.h"
+#include "loader/sample_task.h"
 
 #include <android-base/file.h>
 #include <android-base/strings.h>
@@ -20,14 +20,14 @@ namespace {
 
 using android::base::unique_fd;
 
-// What the child tells through its pipe.
+// What the child reports through its pipe.
 struct Facts {
-    TaskPeekRequest peeked;
+    KernelMemoryRequest request;
     uint32_t flags;
     int32_t threads;
 };
 
-// What /proc tells of the calling thread: task_struct.flags, and the threads of its process.
+// From /proc, of the calling thread: task_struct.flags, and the threads of its process.
 void ReadOwnStat(Facts* facts) {
     // Pieces behind the bracket that ends the name; the first is empty.
     constexpr size_t FLAGS = 7;
@@ -50,8 +50,8 @@ void WaitForEnd(int lifeline) {
     }
 }
 
-// The child's whole life. The thread that is looked at is started last, when all the others live.
-[[noreturn]] void LiveAsChild(const KernelPeek& peek, int threads, const std::string& comm,
+// The child's whole life. The sample is started last, when all the other threads live.
+[[noreturn]] void LiveAsChild(const KernelMemory& memory, int threads, const std::string& comm,
                               int factsPipe, int lifeline) {
     for (int i = 2; i < threads; ++i) {
         std::thread([lifeline] { WaitForEnd(lifeline); }).detach();
@@ -59,13 +59,13 @@ void WaitForEnd(int lifeline) {
     std::thread([&] {
         prctl(PR_SET_NAME, comm.c_str());
         Facts facts = {};
-        // Using a privilege for the first time sets a flag: it must be set before /proc is asked.
-        peek.run(&facts.peeked);
-        facts.peeked = {};
-        facts.peeked.bytes = TASK_PEEK_BYTES;
+        // Using a privilege for the first time sets a flag: it must be set before /proc is read.
+        memory.run(&facts.request);
+        facts.request = {};
+        facts.request.bytes = KERNEL_MEMORY_BYTES;
         ReadOwnStat(&facts);
-        if (!peek.run(&facts.peeked)) {
-            facts.peeked.bytes = 0;
+        if (!memory.run(&facts.request)) {
+            facts.request.bytes = 0;
         }
         android::base::WriteFully(factsPipe, &facts, sizeof(facts));
         WaitForEnd(lifeline);
@@ -86,36 +86,36 @@ bool MakePipe(unique_fd* readEnd, unique_fd* writeEnd) {
 
 }  // namespace
 
-ObservedTask::ObservedTask(const KernelPeek& peek, int threads, const std::string& comm) {
+SampleTask::SampleTask(const KernelMemory& memory, int threads, const std::string& comm) {
     unique_fd factsRead;
     unique_fd factsWrite;
     unique_fd lifelineRead;
-    TaskPeekRequest self = {};  // only for the ids, in the numbering of the kernel
+    KernelMemoryRequest self = {};  // for the ids alone
     if (!MakePipe(&factsRead, &factsWrite) || !MakePipe(&lifelineRead, &lifeline) ||
-        !peek.run(&self)) {
+        !memory.run(&self)) {
         return;
     }
     child = fork();
     if (child == 0) {
         factsRead.reset();
         lifeline.reset();
-        LiveAsChild(peek, threads, comm, factsWrite.get(), lifelineRead.get());
+        LiveAsChild(memory, threads, comm, factsWrite.get(), lifelineRead.get());
     }
     factsWrite.reset();
     Facts facts = {};
     if (child == -1 || !android::base::ReadFully(factsRead.get(), &facts, sizeof(facts))) {
         return;
     }
-    observed.bytes = peek.bytes(facts.peeked);
-    observed.pid = facts.peeked.pid;
-    observed.tid = facts.peeked.tid;
-    observed.parentPid = self.pid;
-    observed.flags = facts.flags;
-    observed.threads = facts.threads;
-    observed.comm = comm;
+    task.bytes = memory.bytes(facts.request);
+    task.pid = facts.request.pid;
+    task.tid = facts.request.tid;
+    task.parentPid = self.pid;
+    task.flags = facts.flags;
+    task.threads = facts.threads;
+    task.comm = comm;
 }
 
-ObservedTask::~ObservedTask() {
+SampleTask::~SampleTask() {
     if (child > 0) {
         kill(child, SIGKILL);
     }

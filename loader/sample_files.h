@@ -1,30 +1,30 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Files that this process opens to be looked at, under descriptor numbers that make a pattern.
+// Files that this process opens as samples, under descriptor numbers that make a pattern.
 #pragma once
 
 #include <android-base/unique_fd.h>
 
 #include <vector>
 
-#include "loader/file_probe.h"
+#include "loader/file_offsets.h"
 
 namespace Tesu::Bpf {
 
-class ObservedFiles {
+class SampleFiles {
   public:
-    ObservedFiles();
-    ObservedFiles(const ObservedFiles&) = delete;
-    ObservedFiles& operator=(const ObservedFiles&) = delete;
+    SampleFiles();
+    SampleFiles(const SampleFiles&) = delete;
+    SampleFiles& operator=(const SampleFiles&) = delete;
 
     // Empty when the files could not be opened.
-    const std::vector<FileSample>& samples() const { return observed; }
+    const std::vector<FileSample>& samples() const { return files; }
 
   private:
     // Opens the file again under the next number of the pattern.
     bool add(const android::base::unique_fd& file, size_t sample);
 
-    std::vector<FileSample> observed;
+    std::vector<FileSample> files;
     std::vector<android::base::unique_fd> descriptors;
 };
 

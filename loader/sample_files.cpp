@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "loader/observed_files.h"
+#include "loader/sample_files.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -12,12 +12,12 @@ namespace {
 
 using android::base::unique_fd;
 
-// So many entries of the array of open files are looked at.
+// So many entries of the array of open files are compared.
 constexpr int DESCRIPTOR_LIMIT = 1024;
 
 }  // namespace
 
-ObservedFiles::ObservedFiles() {
+SampleFiles::SampleFiles() {
     // Of two file systems, so that their inode numbers come from different counters.
     const unique_fd first(memfd_create("first", MFD_CLOEXEC));
     const unique_fd second(memfd_create("second", MFD_CLOEXEC));
@@ -27,21 +27,21 @@ ObservedFiles::ObservedFiles() {
     }
     const unique_fd third(ends[0]);
     const unique_fd writeEnd(ends[1]);
-    observed.resize(3);
+    files.resize(3);
     if (!add(first, 0) || !add(second, 1) || !add(first, 0) || !add(third, 2) || !add(second, 1) ||
         !add(first, 0)) {
-        observed.clear();
+        files.clear();
     }
 }
 
-bool ObservedFiles::add(const unique_fd& file, size_t sample) {
+bool SampleFiles::add(const unique_fd& file, size_t sample) {
     unique_fd copy(fcntl(file.get(), F_DUPFD_CLOEXEC, 0));
     struct stat status = {};
     if (!copy.ok() || copy.get() >= DESCRIPTOR_LIMIT || fstat(copy.get(), &status) != 0) {
         return false;
     }
-    observed[sample].descriptors.push_back(static_cast<uint32_t>(copy.get()));
-    observed[sample].inode = status.st_ino;
+    files[sample].descriptors.push_back(static_cast<uint32_t>(copy.get()));
+    files[sample].inode = status.st_ino;
     descriptors.push_back(std::move(copy));
     return true;
 }
