@@ -26,7 +26,7 @@
 #define FOREIGN_MMS 1024
 
 struct MmSizes {
-    int64_t bytes[RSS_MEMBERS];
+    int64_t bytes[RSS_MEMBER_COUNT];
 };
 
 struct {
@@ -60,18 +60,18 @@ static __always_inline uint32_t MmId(const void* rssRecord) {
     return IsKnown(kernelLayout.rssMmId) ? LoadInt(rssRecord, kernelLayout.rssMmId) : 0;
 }
 
-/* The same number, below RSS_MEMBERS already, in a form in which every verifier sees that it
+/* The same number, below RSS_MEMBER_COUNT already, in a form in which every verifier sees that it
  * is: that of 6.1 forgets a bound which was only compared. */
 static __always_inline uint32_t BoundedMember(uint32_t member) {
-    _Static_assert((RSS_MEMBERS & (RSS_MEMBERS - 1)) == 0, "a mask");
+    _Static_assert((RSS_MEMBER_COUNT & (RSS_MEMBER_COUNT - 1)) == 0, "a mask");
     asm volatile("" : "+r"(member));
-    return member & (RSS_MEMBERS - 1);
+    return member & (RSS_MEMBER_COUNT - 1);
 }
 
 /* The current task updated an mm that is not its own. A task that ends and a kernel thread fill no
  * mm: they only keep sizes true that are already recorded. */
 static __always_inline void RecordForeignMm(uint32_t mm, uint32_t member, int64_t size) {
-    if (mm == 0 || member >= RSS_MEMBERS) {
+    if (mm == 0 || member >= RSS_MEMBER_COUNT) {
         return;
     }
     struct MmSizes* sizes = bpf_map_lookup_elem(&foreign_mm_sizes, &mm);
@@ -103,7 +103,7 @@ static __always_inline void EmitNewMm(uint32_t pid, uint32_t mm, uint32_t member
         bpf_map_delete_elem(&foreign_mm_sizes, &mm);
     }
 #pragma unroll
-    for (uint32_t other = 0; other < RSS_MEMBERS; ++other) {
+    for (uint32_t other = 0; other < RSS_MEMBER_COUNT; ++other) {
         if (other != member && (isExec || sizes.bytes[other] != 0)) {
             WriteRssStat(pid, other, sizes.bytes[other]);
         }

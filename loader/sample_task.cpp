@@ -2,7 +2,6 @@
 #include "loader/sample_task.h"
 
 #include <android-base/file.h>
-#include <android-base/strings.h>
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -12,7 +11,8 @@
 #include <csignal>
 #include <cstdlib>
 #include <thread>
-#include <vector>
+
+#include "proc/proc_text.h"
 
 namespace Tesu::Bpf {
 
@@ -29,18 +29,13 @@ struct Facts {
 
 // From /proc, of the calling thread: task_struct.flags, and the threads of its process.
 void ReadOwnStat(Facts* facts) {
-    // Pieces behind the bracket that ends the name; the first is empty.
-    constexpr size_t FLAGS = 7;
-    constexpr size_t THREADS = 18;
-    std::string stat;
-    if (!android::base::ReadFileToString("/proc/thread-self/stat", &stat)) {
+    std::string text;
+    if (!android::base::ReadFileToString("/proc/thread-self/stat", &text)) {
         return;
     }
-    const std::vector<std::string> pieces =
-        android::base::Split(stat.substr(stat.rfind(')') + 1), " ");
-    if (pieces.size() > THREADS) {
-        facts->flags = static_cast<uint32_t>(std::strtoul(pieces[FLAGS].c_str(), nullptr, 10));
-        facts->threads = static_cast<int32_t>(std::strtol(pieces[THREADS].c_str(), nullptr, 10));
+    if (const auto stat = ParseProcStat(text)) {
+        facts->flags = stat->flags;
+        facts->threads = stat->threadNum;
     }
 }
 

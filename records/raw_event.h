@@ -39,14 +39,8 @@ enum RawEventType {
     RAW_EVENT_TYPE_COUNT = 7
 };
 
-/* Values of RawRssStatEvent::member, as the kernel counts them. */
-enum RssMember {
-    RSS_MEMBER_FILE = 0,
-    RSS_MEMBER_ANON = 1,
-    RSS_MEMBER_SWAP = 2,
-    RSS_MEMBER_SHMEM = 3,
-    RSS_MEMBERS = 4
-};
+/* Kinds of resident memory: values of member in RSS records, as the kernel numbers them. */
+enum RssMember { RSS_FILE = 0, RSS_ANON = 1, RSS_SWAP = 2, RSS_SHMEM = 3, RSS_MEMBER_COUNT = 4 };
 
 /* Values of taskType in create and exit records. */
 enum RawTaskType { RAW_TASK_PROCESS = 1, RAW_TASK_THREAD = 2 };
