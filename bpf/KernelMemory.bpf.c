@@ -5,10 +5,8 @@
 #include "bpf/kernel_memory.h"
 
 struct CopiedBytes {
-    uint8_t chunks[KERNEL_MEMORY_CHUNKS][KERNEL_MEMORY_CHUNK];
+    uint8_t chunks[KERNEL_MEMORY_BYTES / KERNEL_MEMORY_CHUNK][KERNEL_MEMORY_CHUNK];
 };
-
-_Static_assert(sizeof(struct CopiedBytes) == KERNEL_MEMORY_BYTES, "all chunks");
 
 struct {
     __uint(type, BPF_MAP_TYPE_ARRAY);
@@ -20,22 +18,21 @@ struct {
 SEC("syscall")
 int copy_kernel_memory(struct KernelMemoryRequest* request) {
     const uint64_t ids = bpf_get_current_pid_tgid();
-    const uint32_t wanted = request->bytes / KERNEL_MEMORY_CHUNK;
-    const uint64_t address = request->address != 0 ? request->address : bpf_get_current_task();
+    const uint64_t address = request->address;
+    const uint32_t wanted = request->bytes;
     const uint32_t key = 0;
-    struct CopiedBytes* bytes = bpf_map_lookup_elem(&copied_bytes, &key);
+    struct CopiedBytes* copied = bpf_map_lookup_elem(&copied_bytes, &key);
+    request->address = bpf_get_current_task();
     request->pid = ids >> 32;
     request->tid = (uint32_t)ids;
     request->bytes = 0;
-    if (bytes == NULL) {
-        return 0;
-    }
-    for (uint32_t i = 0; i < KERNEL_MEMORY_CHUNKS && i < wanted; ++i) {
-        if (bpf_probe_read_kernel(bytes->chunks[i], KERNEL_MEMORY_CHUNK,
-                                  (const void*)(address + i * KERNEL_MEMORY_CHUNK)) != 0) {
+    for (uint32_t done = 0; copied != NULL && done < wanted && done < KERNEL_MEMORY_BYTES;
+         done += KERNEL_MEMORY_CHUNK) {
+        if (bpf_probe_read_kernel(copied->chunks[done / KERNEL_MEMORY_CHUNK], KERNEL_MEMORY_CHUNK,
+                                  (const void*)(address + done)) != 0) {
             break;
         }
-        request->bytes = (i + 1) * KERNEL_MEMORY_CHUNK;
+        request->bytes = done + KERNEL_MEMORY_CHUNK;
     }
     return 0;
 }

@@ -14,13 +14,12 @@ namespace Tesu::Bpf {
 #endif
 
 /* Bytes are copied in chunks, so that memory that ends early still gives its beginning. */
-#define KERNEL_MEMORY_CHUNK 256
-#define KERNEL_MEMORY_CHUNKS 64
-#define KERNEL_MEMORY_BYTES 16384
+#define KERNEL_MEMORY_CHUNK 256u
+#define KERNEL_MEMORY_BYTES 16384u
 
 struct KernelMemoryRequest {
-    uint64_t address; /* in: what to read; 0: the calling task's task_struct */
-    uint32_t bytes;   /* in: how many, a multiple of KERNEL_MEMORY_CHUNK; out: how many were read */
+    uint64_t address; /* in: what to read; out: the calling task's task_struct */
+    uint32_t bytes;   /* in: how many; out: how many were read, in whole chunks */
     int32_t pid;      /* out: process id of the caller, in the kernel's own pid namespace */
     int32_t tid;      /* out: thread id of the caller, likewise */
     uint32_t padding;

@@ -29,31 +29,6 @@ struct TracepointProgram {
     std::vector<NeededField> fields;
 };
 
-const std::vector<TracepointProgram>& TracepointPrograms() {
-    using Layout = TesuKernelLayout;
-    static const std::vector<TracepointProgram> PROGRAMS = {
-        {"tracepoint_sched_sched_switch", "sched/sched_switch", {}},
-        {"tracepoint_sched_sched_process_fork",
-         "sched/sched_process_fork",
-         {{"child_pid", &Layout::forkChildPid, {4}}}},
-        {"tracepoint_sched_sched_process_exit", "sched/sched_process_exit", {}},
-        {"tracepoint_kmem_rss_stat",
-         "kmem/rss_stat",
-         {{"curr", &Layout::rssCurr, {4}},
-          {"member", &Layout::rssMember, {4}},
-          {"size", &Layout::rssSize, {4, 8}, &Layout::rssSizeBytes}}},
-        {"tracepoint_cgroup_cgroup_attach_task",
-         "cgroup/cgroup_attach_task",
-         {{"dst_root", &Layout::cgroupRoot, {4}},
-          {"dst_level", &Layout::cgroupLevel, {4}},
-          {"dst_id", &Layout::cgroupId, {4, 8}, &Layout::cgroupIdBytes},
-          {"pid", &Layout::cgroupPid, {4}},
-          {"comm", &Layout::cgroupComm, {4}, nullptr, true},
-          {"dst_path", &Layout::cgroupPath, {4}, nullptr, true}}},
-    };
-    return PROGRAMS;
-}
-
 // Sets what the field's place is; false when the program could not read it.
 bool TakeField(const TracepointFormat& format, const NeededField& needed,
                TesuKernelLayout* layout) {
@@ -81,7 +56,28 @@ uint32_t FindPointerSize(const std::string& tracefsRoot, const std::string& mach
 }
 
 void FindTracepointFields(const std::string& tracefsRoot, KernelLayout* result) {
-    for (const TracepointProgram& needs : TracepointPrograms()) {
+    using Layout = TesuKernelLayout;
+    static const std::vector<TracepointProgram> PROGRAMS = {
+        {"tracepoint_sched_sched_switch", "sched/sched_switch", {}},
+        {"tracepoint_sched_sched_process_fork",
+         "sched/sched_process_fork",
+         {{"child_pid", &Layout::forkChildPid, {4}}}},
+        {"tracepoint_sched_sched_process_exit", "sched/sched_process_exit", {}},
+        {"tracepoint_kmem_rss_stat",
+         "kmem/rss_stat",
+         {{"curr", &Layout::rssCurr, {4}},
+          {"member", &Layout::rssMember, {4}},
+          {"size", &Layout::rssSize, {4, 8}, &Layout::rssSizeBytes}}},
+        {"tracepoint_cgroup_cgroup_attach_task",
+         "cgroup/cgroup_attach_task",
+         {{"dst_root", &Layout::cgroupRoot, {4}},
+          {"dst_level", &Layout::cgroupLevel, {4}},
+          {"dst_id", &Layout::cgroupId, {4, 8}, &Layout::cgroupIdBytes},
+          {"pid", &Layout::cgroupPid, {4}},
+          {"comm", &Layout::cgroupComm, {4}, nullptr, true},
+          {"dst_path", &Layout::cgroupPath, {4}, nullptr, true}}},
+    };
+    for (const TracepointProgram& needs : PROGRAMS) {
         const auto format = ReadTracepointFormat(tracefsRoot, needs.tracepoint);
         if (!format) {
             result->unusable[needs.program] = format.error();

@@ -30,29 +30,17 @@ bool KernelMemory::run(KernelMemoryRequest* request) const {
     return bpf_prog_test_run_opts(programFd, &options) == 0;
 }
 
-std::vector<uint8_t> KernelMemory::bytes(const KernelMemoryRequest& finished) const {
-    std::vector<uint8_t> all(KERNEL_MEMORY_BYTES);
-    const uint32_t key = 0;
-    if (bpf_map_lookup_elem(mapFd, &key, all.data()) != 0) {
-        return {};
-    }
-    all.resize(std::min<size_t>(finished.bytes, all.size()));
-    return all;
-}
-
 std::vector<uint8_t> KernelMemory::read(uint64_t address, uint32_t size) const {
-    const uint32_t chunks = (size + KERNEL_MEMORY_CHUNK - 1) / KERNEL_MEMORY_CHUNK;
-    KernelMemoryRequest request = {.address = address,
-                                   .bytes = chunks * KERNEL_MEMORY_CHUNK,
-                                   .pid = 0,
-                                   .tid = 0,
-                                   .padding = 0};
-    if (!run(&request)) {
+    KernelMemoryRequest request = {};
+    request.address = address;
+    request.bytes = size;
+    std::vector<uint8_t> bytes(KERNEL_MEMORY_BYTES);
+    const uint32_t key = 0;
+    if (!run(&request) || bpf_map_lookup_elem(mapFd, &key, bytes.data()) != 0) {
         return {};
     }
-    std::vector<uint8_t> found = bytes(request);
-    found.resize(std::min<size_t>(found.size(), size));
-    return found;
+    bytes.resize(std::min({request.bytes, size, KERNEL_MEMORY_BYTES}));
+    return bytes;
 }
 
 }  // namespace Tesu::Bpf

@@ -18,13 +18,9 @@ class KernelMemory {
     // Loads the program.
     static Result<KernelMemory> Open();
 
-    // Runs the program; what it copied waits in the kernel for bytes(). False: errno says why.
+    // Runs the program. False: errno says why.
     bool run(KernelMemoryRequest* request) const;
-    // What the last run() of this process or one of its children copied.
-    std::vector<uint8_t> bytes(const KernelMemoryRequest& finished) const;
-
-    // At most `size` bytes from `address`, or of the own task_struct from the address 0; fewer, or
-    // none, where there are none.
+    // At most `size` bytes from `address`; fewer, or none, where there are none.
     std::vector<uint8_t> read(uint64_t address, uint32_t size) const;
 
   private:

@@ -8,7 +8,6 @@
 #include <functional>
 #include <vector>
 
-#include "loader/libbpf_log.h"
 #include "records/raw_event.h"
 
 namespace Tesu::Bpf {
@@ -127,16 +126,14 @@ Result<BpfObject> LoadObject(const ObjectImage& image, const TesuKernelLayout& l
         if (Choose(*object, [&](const auto& name) { return !leftOut->contains(name); }).empty()) {
             return Failure("no program can be loaded");
         }
-        LibbpfLog::TakeFirstWarning();
         if (bpf_object__load(object->get()) == 0) {
             return object;
         }
         const std::string error = strerror(errno);
-        const std::string warning = LibbpfLog::TakeFirstWarning();
         const size_t before = leftOut->size();
         LeaveOutRefused(open, leftOut);
         if (leftOut->size() == before) {
-            return Failure(warning.empty() ? error : warning);
+            return Failure(error + "; --verbose shows libbpf's log");
         }
     }
 }

@@ -10,12 +10,12 @@
 
 #include <bit>
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <vector>
 
-#include "loader/libbpf_log.h"
 #include "loader/pin_set.h"
 
 namespace Tesu::Bpf {
@@ -27,6 +27,10 @@ using android::base::unique_fd;
 // Dots are not allowed in names of a bpf file system.
 constexpr const char* STAGING_SUFFIX = "_loading";
 constexpr mode_t PIN_DIR_MODE = 0755;
+
+int PrintLog(libbpf_print_level /*level*/, const char* format, va_list arguments) {
+    return std::vfprintf(stderr, format, arguments);
+}
 
 LoaderStatus Fail(std::ostream& err, const std::string& what) {
     err << "tesubpfload: " << what << "\n";
@@ -117,8 +121,8 @@ void ReportLoaded(const char* name, const bpf_object* object, const LeftOutProgr
     }
 }
 
-bool LoadAndPin(const LoadOptions& options, const KernelLayout& layout, const std::string& staging,
-                std::ostream& out, std::ostream& err) {
+Result<> LoadAndPin(const LoadOptions& options, const KernelLayout& layout,
+                    const std::string& staging, std::ostream& out, std::ostream& err) {
     for (const ObjectImage& image : {CoreObject(), GplObject()}) {
         LeftOutPrograms leftOut = layout.unusable;
         const auto object = LoadObject(image, layout.values, options.ringBytes, &leftOut);
@@ -126,16 +130,14 @@ bool LoadAndPin(const LoadOptions& options, const KernelLayout& layout, const st
             for (const auto& [program, reason] : leftOut) {
                 err << "tesubpfload: program " << program << ": " << reason << "\n";
             }
-            err << "tesubpfload: " << image.name << ": " << object.error() << "\n";
-            return false;
+            return Failure(std::string(image.name) + ": " + object.error());
         }
         if (const auto pinned = PinObject(staging, image.name, object->get(), leftOut); !pinned) {
-            Fail(err, pinned.error());
-            return false;
+            return pinned;
         }
         ReportLoaded(image.name, object->get(), leftOut, out, err);
     }
-    return true;
+    return {};
 }
 
 // Removes the folders of the set.
@@ -159,13 +161,13 @@ LoaderStatus LoadAnew(const LoadOptions& options, std::ostream& out, std::ostrea
     if (mkdir(staging.c_str(), PIN_DIR_MODE) != 0) {
         return Fail(err, staging + ": " + strerror(errno));
     }
-    bool done = LoadAndPin(options, layout, staging, out, err);
+    Result<> done = LoadAndPin(options, layout, staging, out, err);
     if (done && rename(staging.c_str(), options.pinDir.c_str()) != 0) {
-        Fail(err, options.pinDir + ": " + strerror(errno));
-        done = false;
+        done = Failure(options.pinDir + ": " + strerror(errno));
     }
     if (!done) {
         (void)RemovePins(staging);
+        Fail(err, done.error());
         return Fail(err, "nothing is loaded");
     }
     out << "pinned in " << options.pinDir << "\n";
@@ -190,7 +192,7 @@ LoaderStatus LoadSet(const LoadOptions& asked, std::ostream& out, std::ostream& 
     if (!lock) {
         return Fail(err, lock.error());
     }
-    const LibbpfLog log(options.verbose);
+    libbpf_set_print(options.verbose ? PrintLog : nullptr);
     const auto missing = FindMissing(options.pinDir);
     if (!missing) {
         return Fail(err, missing.error());

@@ -7,6 +7,7 @@
 // nowhere and whose text is the reason. A folder with all of these is complete.
 #pragma once
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -18,7 +19,7 @@ namespace Tesu::Bpf {
 bool IsOnBpfFileSystem(const std::string& path);
 
 // The names of what is pinned in `dir`, other files not counted; empty where there is no folder.
-std::vector<std::string> ListPins(const std::string& dir);
+std::set<std::string> ListPins(const std::string& dir);
 
 // The pins of this object, opened or loaded, that `dir` does not have.
 std::vector<std::string> FindMissingPins(const std::string& dir, const std::string& objectName,

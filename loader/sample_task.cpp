@@ -2,7 +2,6 @@
 #include "loader/sample_task.h"
 
 #include <android-base/file.h>
-#include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -22,21 +21,23 @@ using android::base::unique_fd;
 
 // What the child reports through its pipe.
 struct Facts {
-    KernelMemoryRequest request;
+    KernelMemoryRequest self;
     uint32_t flags;
     int32_t threads;
 };
 
-// From /proc, of the calling thread: task_struct.flags, and the threads of its process.
-void ReadOwnStat(Facts* facts) {
+// Of the calling thread; without threads where something is not found.
+Facts FindFacts(const KernelMemory& memory) {
+    Facts facts = {};
+    // Using a privilege for the first time sets a flag: that must come before /proc is read.
+    const bool isRun = memory.run(&facts.self);
     std::string text;
-    if (!android::base::ReadFileToString("/proc/thread-self/stat", &text)) {
-        return;
+    android::base::ReadFileToString("/proc/thread-self/stat", &text);
+    if (const auto stat = ParseProcStat(text); stat && isRun) {
+        facts.flags = stat->flags;
+        facts.threads = stat->threadNum;
     }
-    if (const auto stat = ParseProcStat(text)) {
-        facts->flags = stat->flags;
-        facts->threads = stat->threadNum;
-    }
+    return facts;
 }
 
 void WaitForEnd(int lifeline) {
@@ -53,30 +54,12 @@ void WaitForEnd(int lifeline) {
     }
     std::thread([&] {
         prctl(PR_SET_NAME, comm.c_str());
-        Facts facts = {};
-        // Using a privilege for the first time sets a flag: it must be set before /proc is read.
-        memory.run(&facts.request);
-        facts.request = {};
-        facts.request.bytes = KERNEL_MEMORY_BYTES;
-        ReadOwnStat(&facts);
-        if (!memory.run(&facts.request)) {
-            facts.request.bytes = 0;
-        }
+        const Facts facts = FindFacts(memory);
         android::base::WriteFully(factsPipe, &facts, sizeof(facts));
         WaitForEnd(lifeline);
     }).detach();
     WaitForEnd(lifeline);
     _exit(EXIT_SUCCESS);
-}
-
-bool MakePipe(unique_fd* readEnd, unique_fd* writeEnd) {
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) {
-        return false;
-    }
-    readEnd->reset(ends[0]);
-    writeEnd->reset(ends[1]);
-    return true;
 }
 
 }  // namespace
@@ -85,9 +68,8 @@ SampleTask::SampleTask(const KernelMemory& memory, int threads, const std::strin
     unique_fd factsRead;
     unique_fd factsWrite;
     unique_fd lifelineRead;
-    KernelMemoryRequest self = {};  // for the ids alone
-    if (!MakePipe(&factsRead, &factsWrite) || !MakePipe(&lifelineRead, &lifeline) ||
-        !memory.run(&self)) {
+    KernelMemoryRequest self = {};
+    if (!Pipe(&factsRead, &factsWrite) || !Pipe(&lifelineRead, &lifeline) || !memory.run(&self)) {
         return;
     }
     child = fork();
@@ -98,12 +80,13 @@ SampleTask::SampleTask(const KernelMemory& memory, int threads, const std::strin
     }
     factsWrite.reset();
     Facts facts = {};
-    if (child == -1 || !android::base::ReadFully(factsRead.get(), &facts, sizeof(facts))) {
+    if (child == -1 || !android::base::ReadFully(factsRead.get(), &facts, sizeof(facts)) ||
+        facts.threads != threads) {
         return;
     }
-    task.bytes = memory.bytes(facts.request);
-    task.pid = facts.request.pid;
-    task.tid = facts.request.tid;
+    task.bytes = memory.read(facts.self.address, KERNEL_MEMORY_BYTES);
+    task.pid = facts.self.pid;
+    task.tid = facts.self.tid;
     task.parentPid = self.pid;
     task.flags = facts.flags;
     task.threads = facts.threads;

@@ -610,8 +610,7 @@ TEST_P(BpfProgramsTest, KeepsAccountOfDmaBufs) {
     std::string error;
     const auto memory = RecordInjector::Open(PinnedRing::GPL, &error);
     ASSERT_NE(memory, nullptr) << error;
-    LibbpfLog log(false);
-    const TesuKernelLayout layout = FindKernelLayout({}, &log).values;
+    const TesuKernelLayout layout = FindKernelLayout().values;
 
     // A dma_buf, its file and its inode in kernel memory; only what the programs read is set.
     constexpr size_t INODE = 8192;

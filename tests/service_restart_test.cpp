@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What the programs' maps hold of an earlier service is forgotten: tasks that became others, under
-// ids that are in use again, while no service ran.
+// What the programs' maps hold of an earlier service is forgotten: of tasks that went through an
+// exec, or whose ids are in use again, while no service ran.
 #include <bpf/bpf.h>
 #include <gtest/gtest.h>
 #include <linux/sched.h>
@@ -21,8 +21,7 @@ namespace {
 
 // Shell commands: to wait to be continued, and to take some megabytes.
 #define STOP "kill -STOP $$; "
-#define GROW \
-    "b=0123456789abcdef; for i in 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18; do b=$b$b; done; "
+#define GROW "b=0123456789abcdef; while [ ${#b} -lt 4000000 ]; do b=$b$b; done; "
 
 void AwaitStop(pid_t pid) {
     int status = 0;
@@ -31,7 +30,7 @@ void AwaitStop(pid_t pid) {
     ASSERT_TRUE(WIFSTOPPED(status));
 }
 
-// Starts a shell under this process id (0: any) and waits until it stops.
+// Starts a shell, under that process id where one is given, and waits until it stops.
 pid_t StartShell(const char* script, pid_t pid = 0) {
     clone_args args = {};
     args.exit_signal = SIGCHLD;
@@ -59,25 +58,27 @@ TEST_F(ServiceRestartTest, KnowsNothingOfWhatAnEarlierServiceSaw) {
     SetRingFlags(PinnedRing::CORE, FLAG_CORE_ENABLED);
     auto attached = AttachPinnedTracepoint(PinnedRing::CORE, "kmem_rss_stat");
     const pid_t execs = StartShell(STOP "exec sh -c '" STOP GROW STOP "'");
-    pid_t reused = StartShell(STOP);
+    const pid_t reused = StartShell(STOP);
     attached = AttachPinnedTracepoint(PinnedRing::CORE, "sched_sched_process_fork");
-    pid_t unborn = StartShell(STOP);  // its create record is pending
+    const pid_t unborn = StartShell(STOP);  // has not come to its create record
     attached.reset();
+
     uint64_t value[4] = {};
-    const auto pending = OpenPinnedMap(PinnedRing::CORE, "task_create_pending");
-    const auto mms = OpenPinnedMap(PinnedRing::CORE, "process_mm");
-    ASSERT_EQ(bpf_map_lookup_elem(pending.get(), &unborn, value), 0);
-    ASSERT_EQ(bpf_map_lookup_elem(mms.get(), &reused, value), 0);
     const auto exits = OpenPinnedMap(PinnedRing::CORE, "process_exit_written");
     const auto totals = OpenPinnedMap(PinnedRing::GPL, "dmabuf_size_map");
-    ASSERT_EQ(bpf_map_update_elem(exits.get(), &reused, value, BPF_ANY), 0);
-    ASSERT_EQ(bpf_map_update_elem(totals.get(), &reused, value, BPF_ANY), 0);
+    for (const auto* map : {&exits, &totals}) {
+        ASSERT_EQ(bpf_map_update_elem(map->get(), &reused, value, BPF_ANY), 0);
+    }
+    const auto pending = OpenPinnedMap(PinnedRing::CORE, "task_create_pending");
+    ASSERT_EQ(bpf_map_lookup_elem(pending.get(), &unborn, value), 0);
+    const auto mms = OpenPinnedMap(PinnedRing::CORE, "process_mm");
+    ASSERT_EQ(bpf_map_lookup_elem(mms.get(), &reused, value), 0);
 
     kill(execs, SIGCONT);
     AwaitStop(execs);
-    for (pid_t* pid : {&reused, &unborn}) {
-        End(*pid);
-        ASSERT_EQ(StartShell(STOP GROW STOP, *pid), *pid);
+    for (const pid_t pid : {reused, unborn}) {
+        End(pid);
+        ASSERT_EQ(StartShell(STOP GROW STOP, pid), pid);
     }
     ASSERT_NO_FATAL_FAILURE(startService({}, "6.1"));
     EXPECT_NE(bpf_map_lookup_elem(totals.get(), &reused, value), 0);
@@ -95,16 +96,15 @@ TEST_F(ServiceRestartTest, KnowsNothingOfWhatAnEarlierServiceSaw) {
     while (!living.empty()) {
         const auto package = client.next();
         ASSERT_TRUE(package.has_value()) << living.size() << " exits are missing";
-        const auto record = ReadPrefix<RawRssStatEvent>(package->body.data(),
-                                                        static_cast<int64_t>(package->body.size()));
-        if (record.header.type == RAW_EVENT_TASK_EXIT) {
-            living.erase(record.pid);
-        } else if (record.header.type == RAW_EVENT_RSS_STAT && living.contains(record.pid)) {
-            EXPECT_GT(record.size, 0) << "member " << record.member;
-        } else if (record.header.type == RAW_EVENT_TASK_CREATE) {
-            const auto create = ReadPrefix<RawTaskCreateEvent>(
-                package->body.data(), static_cast<int64_t>(package->body.size()));
+        const auto& body = package->body;
+        const auto rss = ReadPrefix<RawRssStatEvent>(body.data(), std::ssize(body));
+        const auto create = ReadPrefix<RawTaskCreateEvent>(body.data(), std::ssize(body));
+        if (rss.header.type == RAW_EVENT_TASK_CREATE) {
             EXPECT_FALSE(living.contains(create.pid));
+        } else if (rss.header.type == RAW_EVENT_TASK_EXIT) {
+            living.erase(rss.pid);
+        } else if (living.contains(rss.pid)) {
+            EXPECT_GT(rss.size, 0) << "member " << rss.member;
         }
     }
 }
