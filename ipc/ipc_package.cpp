@@ -5,8 +5,8 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <limits>
 
+#include "records/read_prefix.h"
 #include "util/log.h"
 
 static_assert(sizeof(unsigned) == 4, "words on the wire are 32-bit");
@@ -15,25 +15,13 @@ bool CheckIpcPackageComplete(const BufferState* buffer, long long* headerLength,
                              long long* packageLength) {
     *headerLength = IPC_FRAME_HEADER_SIZE;
     const long long available = static_cast<long long>(buffer->length) - buffer->cursor;
-    if (available < static_cast<long long>(IPC_FRAME_HEADER_SIZE)) {
+    if (available < *headerLength) {
         return false;
     }
-    const char* frame = buffer->data + buffer->cursor;
-    uint32_t length = 0;
-    std::memcpy(&length, frame, sizeof(length));
-    *packageLength = length;
-    // A frame too short for a type word has none; the bytes behind it belong to the next frame.
-    if (length >= sizeof(uint32_t)) {
-        uint32_t type = 0;
-        if (available < *headerLength + static_cast<long long>(sizeof(type))) {
-            return false;
-        }
-        std::memcpy(&type, frame + IPC_FRAME_HEADER_SIZE, sizeof(type));
-        if (type != IPC_PACKAGE_REQUEST) {
-            return false;
-        }
-    }
-    return available >= *headerLength + *packageLength;
+    *packageLength = Tesu::Bpf::ReadPrefix<int64_t>(buffer->data + buffer->cursor, available);
+    // A type word with its top bit set makes the number negative.
+    return available >= static_cast<long long>(sizeof(int64_t)) && *packageLength >= 0 &&
+           available - *headerLength >= *packageLength;
 }
 
 int SaveUnuseBuffer(BufferState* buffer) {

@@ -70,9 +70,9 @@ using IpcBlock = std::unique_ptr<char, FreeDeleter>;
 using TesuIpcPackage = std::pair<unsigned, IpcBlock>;
 
 // Whether a complete package waits at the read buffer's cursor. headerLength becomes 4. When the
-// length word is there packageLength is the frame's length as a signed 64-bit number. Only a
-// type-0 package is ever complete: this is the service's side, and clients send requests alone.
-// Reads nothing past `length`.
+// length word is there packageLength is it and the type word behind it as one 64-bit number (bytes
+// past `length` count as 0), so that only a type-0 package is ever complete: this is the service's
+// side, and clients send requests alone.
 TESU_API bool CheckIpcPackageComplete(const BufferState* buffer, long long* headerLength,
                                       long long* packageLength);
 

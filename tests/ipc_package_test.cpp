@@ -69,12 +69,18 @@ TEST(IpcFrame, HostileLengthsAreNeverCompleteNorReadBeyondTheBuffer) {
         << "a type with its top bit set";
 }
 
-TEST(IpcFrame, FramesShorterThanATypeWordDoNotBorrowTheNextFrame) {
-    // Whatever follows, and however the stream was cut.
-    EXPECT_TRUE(IsComplete(Word(0)));
-    EXPECT_TRUE(IsComplete(Word(0) + Word(20)));
-    EXPECT_TRUE(IsComplete(Word(3) + "abc"));
-    EXPECT_FALSE(IsComplete(Word(3) + "ab"));
+TEST(IpcFrame, ThePackageLengthIsTheFirstEightBytes) {
+    const std::string response = WireClient::frame(1, "body");
+    for (const size_t length : {size_t{6}, response.size()}) {
+        ExactBuffer buffer(response.substr(0, length));
+        long long headerLength = 0;
+        long long packageLength = 0;
+        EXPECT_FALSE(CheckIpcPackageComplete(buffer.get(), &headerLength, &packageLength));
+        EXPECT_EQ(packageLength, (1LL << 32) + 12);
+    }
+    EXPECT_FALSE(IsComplete(Word(0)));
+    EXPECT_FALSE(IsComplete(Word(0) + Word(20)));
+    EXPECT_TRUE(IsComplete(Word(0) + Word(0)));
 }
 
 TEST(IpcFrame, SaveUnuseBufferKeepsTheUnconsumedTail) {
