@@ -9,6 +9,8 @@
 #include "records/read_prefix.h"
 #include "util/log.h"
 
+using Tesu::Bpf::MutexLock;
+
 static_assert(sizeof(unsigned) == 4, "words on the wire are 32-bit");
 
 bool CheckIpcPackageComplete(const BufferState* buffer, long long* headerLength,
@@ -36,7 +38,7 @@ int SaveUnuseBuffer(BufferState* buffer) {
 
 bool IpcPackageManager::refuse(uint64_t size) {
     {
-        std::lock_guard lock(mutex);
+        MutexLock lock(mutex);
         ++refused;
     }
     TESU_LOGE(TESU_LOG_UTILS,
@@ -65,7 +67,7 @@ IpcBlock IpcPackageManager::newPackage(unsigned type, uint64_t bodyLength) {
 }
 
 void IpcPackageManager::append(IpcBlock block, unsigned size) {
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     packages.emplace_back(size, std::move(block));
     ready.notify_all();
 }
@@ -137,7 +139,6 @@ bool IpcPackageManager::buildAndAppendIpcPackage(const char* bytes, unsigned siz
     return true;
 }
 
-// Needs `mutex`, and room for the front package and its length word.
 void IpcPackageManager::moveFrontToBuffer(BufferState* writeBuffer) {
     const auto& [size, block] = packages.front();
     char* end = writeBuffer->data + writeBuffer->length;
@@ -150,7 +151,7 @@ void IpcPackageManager::moveFrontToBuffer(BufferState* writeBuffer) {
 }
 
 bool IpcPackageManager::fillNextIpcPackageToBuffer(BufferState* writeBuffer) {
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     const long long space = static_cast<long long>(writeBuffer->capacity) - writeBuffer->length;
     if (packages.empty() ||
         static_cast<long long>(packages.front().first) + IPC_FRAME_HEADER_SIZE >= space) {
@@ -161,7 +162,7 @@ bool IpcPackageManager::fillNextIpcPackageToBuffer(BufferState* writeBuffer) {
 }
 
 bool IpcPackageManager::fillIpcPackageToBuffer(BufferState* writeBuffer) {
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     const bool any = !packages.empty();
     while (!packages.empty() &&
            static_cast<long long>(packages.front().first) + IPC_FRAME_HEADER_SIZE <=
@@ -172,10 +173,9 @@ bool IpcPackageManager::fillIpcPackageToBuffer(BufferState* writeBuffer) {
 }
 
 void IpcPackageManager::waitEventReady(int milliseconds) {
-    const auto deadline =
-        std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
-    std::unique_lock lock(mutex);
-    ready.wait_until(lock, deadline, [this] { return !packages.empty(); });
+    MutexLock lock(mutex);
+    mutex.waitFor(ready, std::chrono::milliseconds(milliseconds),
+                  [this]() REQUIRES(mutex) { return !packages.empty(); });
 }
 
 void IpcPackageManager::notifyEventReady() {
@@ -183,11 +183,11 @@ void IpcPackageManager::notifyEventReady() {
 }
 
 unsigned IpcPackageManager::getIpcPackageCount() const {
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     return static_cast<unsigned>(packages.size());
 }
 
 unsigned IpcPackageManager::getRefusedPackageCount() const {
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     return refused;
 }
