@@ -17,6 +17,7 @@
 
 #include "client/dump.h"
 #include "client/event_names.h"
+#include "client/text/terminal_text.h"
 #include "client/top.h"
 #include "client/watch.h"
 #include "ipc/local_socket.h"
@@ -199,6 +200,7 @@ int Main(int argc, char** argv) {
             return EXIT_FAILURE;
         }
     }
+    Tesu::Bpf::ChooseCharacterSet();
     const Tesu::Bpf::TerminationSignals signals;
     std::signal(SIGPIPE, SIG_IGN);
     // What the transport would log is said in plainer words here.
