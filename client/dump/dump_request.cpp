@@ -29,7 +29,8 @@ constexpr std::chrono::seconds PATIENCE{5};
 // Between two looks at the file.
 constexpr std::chrono::milliseconds STEP{20};
 
-// Whether the process has a handler for the signal; without one a real-time signal ends it.
+// Whether the process has a handler for the signal; without one a real-time signal ends it. One that
+// has ended has none.
 bool Catches(pid_t process, int signal) {
     std::string status;
     return ReadProcFile(ProcPath("/proc", std::to_string(process), "status"), &status) &&
@@ -68,7 +69,7 @@ Result<std::optional<std::string>> AwaitFile(pid_t service, DumpSignal kind,
     const auto end = std::chrono::steady_clock::now() + PATIENCE;
     do {
         // In this order: a daemon that ends may have written the file before.
-        const bool hasEnded = kill(service, 0) == -1 && errno == ESRCH;
+        const bool hasEnded = !Catches(service, kind);
         unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
         std::string text;
         if (fd.ok() && !IsSameFile(fd.get(), old.get())) {

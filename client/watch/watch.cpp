@@ -88,10 +88,9 @@ int Watch::run() {
                         {.fd = STDOUT_FILENO, .events = 0, .revents = 0},
                         {.fd = connection.descriptor(), .events = POLLIN, .revents = 0}};
     while (!isEnded) {
-        const int ready = poll(entries, 3, -1);
-        isEnded = ready > 0 && (entries[0].revents | entries[1].revents) != 0;
-        if (ready > 0 && !isEnded) {
+        if (poll(entries, 3, -1) > 0) {
             takeItems();
+            isEnded = isEnded || (entries[0].revents | entries[1].revents) != 0;
         }
     }
     if (hasOutputFailed) {
