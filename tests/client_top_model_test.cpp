@@ -17,7 +17,7 @@
 #include "client/young_exits.h"
 #include "proc/proc_text.h"
 #include "proc/process_snapshot.h"
-#include "tests/support/emulator.h"
+#include "tests/support/child_process.h"
 
 namespace Tesu::Bpf {
 namespace {

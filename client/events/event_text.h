@@ -16,7 +16,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "client/event_decoder.h"
+#include "records/event_table.h"
 
 namespace Tesu::Bpf {
 
@@ -37,7 +37,7 @@ class TextFormatter {
     void forgetProcesses() { forkTimes.clear(); }
 
   private:
-    void noteFork(const RawTaskCreateEvent& event);
+    void rememberFork(const RawTaskCreateEvent& event);
     std::string lifetime(const RawTaskExitEvent& event);
 
     // Exits may not be watched, so the table has a limit.

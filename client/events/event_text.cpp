@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/event_text.h"
+#include "client/events/event_text.h"
 
 #include <optional>
+#include <string_view>
 #include <variant>
 
-#include "client/event_names.h"
-#include "client/text_format.h"
+#include "client/text/terminal_text.h"
+#include "client/text/units.h"
 #include "util/string_util.h"
 
 namespace Tesu::Bpf {
@@ -22,14 +23,14 @@ constexpr const char* YELLOW = "\033[33m";
 constexpr const char* DIM = "\033[2m";
 constexpr const char* RESET = "\033[0m";
 
-// The columns of one line, before they are aligned.
+// One line, before its columns are aligned.
 struct Line {
     const char* word = "";
     const char* paint = PLAIN;
-    std::optional<int64_t> time;  // none: the event carries none
-    std::optional<int32_t> pid;
-    std::string name;  // as received, not yet escaped
-    std::string details;
+    std::string details = {};
+    std::optional<int64_t> time = {};  // none: the event carries none
+    std::optional<int32_t> pid = {};
+    std::string_view name = {};  // as received, not yet escaped
 };
 
 std::string ParentAndUser(int32_t ppid, int32_t uid) {
@@ -45,112 +46,79 @@ int64_t Difference(int64_t a, int64_t b) {
     return static_cast<int64_t>(static_cast<uint64_t>(a) - static_cast<uint64_t>(b));
 }
 
-std::string Sizes(int64_t anon, int64_t file, int64_t shmem, int64_t swap) {
-    return "anon " + FormatBytes(anon) + " file " + FormatBytes(file) + " shmem " +
-           FormatBytes(shmem) + " swap " + FormatBytes(swap);
-}
-
 // What did not change is left out.
-void AppendChange(const char* kind, int64_t before, int64_t now, std::string* details) {
-    if (now != before) {
-        *details += std::string(kind) + " " + FormatBytes(before) + " -> " + FormatBytes(now) + " ";
-    }
+std::string Change(const char* kind, int64_t before, int64_t now) {
+    return now == before ? ""
+                         : StringPrintf("%s %s -> %s ", kind, FormatBytes(before).c_str(),
+                                        FormatBytes(now).c_str());
 }
 
 Line Describe(const RawTesuTaskInitEvent& event) {
-    return {"init",
-            DIM,
-            event.header.time,
-            event.pid,
-            std::string(FieldText(event.comm)),
-            ParentAndUser(event.ppid, event.uid) + StringPrintf(" threads %d ", event.threadNum) +
-                Sizes(event.rssAnonSize, event.rssFileSize, event.rssShmemSize, event.rssSwapSize)};
+    return {"init", DIM,
+            ParentAndUser(event.ppid, event.uid) + StringPrintf(" threads %d", event.threadNum) +
+                " anon " + FormatBytes(event.rssAnonSize) + " file " +
+                FormatBytes(event.rssFileSize) + " shmem " + FormatBytes(event.rssShmemSize) +
+                " swap " + FormatBytes(event.rssSwapSize)};
 }
 
 Line Describe(const RawRssStatEvent& event) {
     const char* const member = RssMemberName(event.member);
-    const std::string kind = member != nullptr ? member : StringPrintf("member %d", event.member);
-    return {"rss", PLAIN, event.header.time, event.pid, "", kind + " " + FormatBytes(event.size)};
+    return {"rss", PLAIN,
+            (member != nullptr ? member : StringPrintf("member %d", event.member)) + " " +
+                FormatBytes(event.size)};
 }
 
 Line Describe(const RawTaskCreateEvent& event) {
-    Line line{"create?",
-              PLAIN,
-              event.header.time,
-              event.pid,
-              std::string(FieldText(event.comm)),
-              ParentAndUser(event.ppid, event.uid)};
-    if (event.taskType == RAW_TASK_PROCESS) {
-        line.word = "fork";
-        line.paint = GREEN;
-    } else if (event.taskType == RAW_TASK_THREAD) {
-        line.word = "thread+";
-        line.paint = DIM;
-        line.details = StringPrintf("uid %d", event.uid);
-    } else {
-        line.details += StringPrintf(" task type %d", event.taskType);
+    switch (event.taskType) {
+        case RAW_TASK_PROCESS:
+            return {"fork", GREEN, ParentAndUser(event.ppid, event.uid)};
+        case RAW_TASK_THREAD:
+            return {"thread+", DIM, StringPrintf("uid %d", event.uid)};
+        default:
+            return {"create?", PLAIN,
+                    ParentAndUser(event.ppid, event.uid) +
+                        StringPrintf(" task type %d", event.taskType)};
     }
-    return line;
 }
 
 Line Describe(const RawTaskExitEvent& event) {
-    Line line{"exit?", PLAIN, event.header.time, event.pid, std::string(FieldText(event.comm)), ""};
-    if (event.taskType == RAW_TASK_PROCESS) {
-        line.word = "exit";
-        line.paint = RED;
-    } else if (event.taskType == RAW_TASK_THREAD) {
-        line.word = "thread-";
-        line.paint = DIM;
-    } else {
-        line.details = StringPrintf("task type %d", event.taskType);
+    switch (event.taskType) {
+        case RAW_TASK_PROCESS:
+            return {"exit", RED};
+        case RAW_TASK_THREAD:
+            return {"thread-", DIM};
+        default:
+            return {"exit?", PLAIN, StringPrintf("task type %d", event.taskType)};
     }
-    return line;
 }
 
 Line Describe(const RawDmabufAllocEvent& event) {
-    return {"dmabuf", YELLOW, event.header.time, event.pid, "", FormatBytes(event.size) + " held"};
+    return {"dmabuf", YELLOW, FormatBytes(event.size) + " held"};
 }
 
 Line Describe(const RawCgroupAttachEvent& event) {
-    return {"cgroup",
-            PLAIN,
-            event.header.time,
-            event.pid,
-            std::string(FieldText(event.comm)),
+    return {"cgroup", PLAIN,
             EscapeForTerminal(FieldText(event.path)) +
                 StringPrintf(" level %d id %llu hierarchy %d", event.level,
                              static_cast<unsigned long long>(event.cgroupId), event.rootId)};
 }
 
 Line Describe(const RawFdUpdateEvent& event) {
-    return {"fds",
-            PLAIN,
-            event.header.time,
-            event.pid,
-            std::string(FieldText(event.comm)),
+    return {"fds", PLAIN,
             StringPrintf("%lld open, was %lld, uid %d", static_cast<long long>(event.openFds),
                          static_cast<long long>(event.reportedFds), event.uid)};
 }
 
 Line Describe(const ProcessCreatedNotification& event) {
-    return {"created",
-            GREEN,
-            std::nullopt,
-            event.pid,
-            std::string(FieldText(event.comm)),
-            ParentAndUser(event.ppid, event.uid)};
+    return {"created", GREEN, ParentAndUser(event.ppid, event.uid)};
 }
 
-Line Describe(const ProcessExitedNotification& event) {
-    return {"exited", RED, std::nullopt, event.pid, std::string(FieldText(event.comm)), ""};
+Line Describe(const ProcessExitedNotification& /*event*/) {
+    return {"exited", RED};
 }
 
 Line Describe(const ThreadCountNotification& event) {
-    return {"threads",
-            YELLOW,
-            std::nullopt,
-            event.pid,
-            "",
+    return {"threads", YELLOW,
             StringPrintf("%d -> %d (%+lld) ", event.oldThreadNum, event.threadNum,
                          static_cast<long long>(event.threadNum) - event.oldThreadNum) +
                 ParentAndUser(event.ppid, event.uid)};
@@ -161,26 +129,35 @@ Line Describe(const MemoryNotification& event) {
         Sum(Sum(event.rssFileSize, event.rssAnonSize), Sum(event.rssSwapSize, event.rssShmemSize));
     const int64_t before = Sum(Sum(event.rssFileOldSize, event.rssAnonOldSize),
                                Sum(event.rssSwapOldSize, event.rssShmemOldSize));
-    std::string details =
-        FormatSignedBytes(Difference(now, before)) + " to " + FormatBytes(now) + ": ";
-    AppendChange("anon", event.rssAnonOldSize, event.rssAnonSize, &details);
-    AppendChange("file", event.rssFileOldSize, event.rssFileSize, &details);
-    AppendChange("shmem", event.rssShmemOldSize, event.rssShmemSize, &details);
-    AppendChange("swap", event.rssSwapOldSize, event.rssSwapSize, &details);
-    return {"memory",
-            YELLOW,
-            std::nullopt,
-            event.pid,
-            std::string(FieldText(event.comm)),
-            details + ParentAndUser(event.ppid, event.uid)};
+    return {"memory", YELLOW,
+            FormatSignedBytes(Difference(now, before)) + " to " + FormatBytes(now) + ": " +
+                Change("anon", event.rssAnonOldSize, event.rssAnonSize) +
+                Change("file", event.rssFileOldSize, event.rssFileSize) +
+                Change("shmem", event.rssShmemOldSize, event.rssShmemSize) +
+                Change("swap", event.rssSwapOldSize, event.rssSwapSize) +
+                ParentAndUser(event.ppid, event.uid)};
 }
 
 Line Describe(const UnknownEvent& event) {
-    Line line;
-    line.word = "?";
-    line.details = event.type ? StringPrintf("type %u, ", *event.type) : "no type, ";
-    line.details += StringPrintf("%u bytes: ", event.size) +
-                    ConvertToHexString(event.start.data(), static_cast<int>(event.start.size()));
+    return {"?", PLAIN,
+            (event.type ? StringPrintf("type %u, ", *event.type) : "no type, ") +
+                StringPrintf("%u bytes: ", event.size) +
+                ConvertToHexString(event.start.data(), static_cast<int>(event.start.size()))};
+}
+
+// Adds what records have in common.
+template <class Record>
+Line MakeLine(const Record& record) {
+    Line line = Describe(record);
+    if constexpr (requires { record.header; }) {
+        line.time = record.header.time;
+    }
+    if constexpr (requires { record.pid; }) {
+        line.pid = record.pid;
+    }
+    if constexpr (requires { record.comm; }) {
+        line.name = FieldText(record.comm);
+    }
     return line;
 }
 
@@ -207,16 +184,16 @@ std::string TextFormatter::header() {
 }
 
 void TextFormatter::append(const Event& event, int64_t receivedTime, std::string* out) {
-    Line line = std::visit([](const auto& known) { return Describe(known); }, event);
+    Line line = std::visit([](const auto& record) { return MakeLine(record); }, event);
     if (const auto* const fork = std::get_if<RawTaskCreateEvent>(&event)) {
-        noteFork(*fork);
+        rememberFork(*fork);
     } else if (const auto* const exit = std::get_if<RawTaskExitEvent>(&event)) {
         line.details += lifetime(*exit);
     }
     *out += Render(line, receivedTime, colour);
 }
 
-void TextFormatter::noteFork(const RawTaskCreateEvent& event) {
+void TextFormatter::rememberFork(const RawTaskCreateEvent& event) {
     if (event.taskType != RAW_TASK_PROCESS) {
         return;
     }

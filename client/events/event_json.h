@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-#include "client/event_decoder.h"
+#include "records/event_table.h"
 
 namespace Tesu::Bpf {
 

@@ -5,14 +5,14 @@
 
 #include <string>
 
-#include "client/dump_text.h"
+#include "records/contract.h"
 #include "util/termination_signals.h"
 
 namespace Tesu::Bpf {
 
 struct DumpOptions {
     std::string socketName;
-    DumpKind kind = DumpKind::COUNTERS;
+    DumpSignal kind = DUMP_SIGNAL_STATE;
     bool isTerminal = false;  // standard output is one: nothing printed may act on it
 };
 
