@@ -25,8 +25,8 @@
 #include <vector>
 
 #include "client/dump_text.h"
-#include "client/proc_snapshot.h"
 #include "diag/tesu_bpf_state.h"
+#include "proc/process_snapshot.h"
 #include "records/notification.h"
 #include "records/raw_event.h"
 #include "records/read_prefix.h"
@@ -87,7 +87,7 @@ class ServiceTableTest : public RunningServiceTest {
     void expectTableEqualsProc(const KnownProcesses& known) {
         std::string differences;
         EXPECT_TRUE(WaitUntil([&] {
-            differences = CompareTableWithProc(temp.path("table"), known);
+            differences = CompareTableWithProc(known);
             return differences.empty();
         })) << differences;
         const auto status = OpenPinnedMap(PinnedRing::CORE, "ringbuf_status");

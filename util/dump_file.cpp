@@ -8,14 +8,15 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <mutex>
+
+#include "util/mutex.h"
 
 namespace Tesu::Bpf {
 
 bool ReplaceDumpFile(const std::string& path, const std::string& text) {
-    static std::mutex fileLock;
+    static Mutex fileLock;
     const std::string folder = std::filesystem::path(path).parent_path();
-    std::lock_guard lock(fileLock);
+    MutexLock lock(fileLock);
     mkdir(folder.c_str(), 0775);
     unlink(path.c_str());
     const android::base::unique_fd fd(

@@ -9,7 +9,7 @@
 #include <sstream>
 #include <vector>
 
-#include "client/proc_snapshot.h"
+#include "proc/process_snapshot.h"
 #include "task/tesu_bpf_task_manager.h"
 
 namespace Tesu::Bpf {
@@ -61,9 +61,9 @@ int64_t OwedByTheKernel() {
 
 }  // namespace
 
-std::string CompareTableWithProc(const std::string& path, const KnownProcesses& known) {
-    TesuTaskManager::GetInstance()->DumpTesuTaskInfo(path);
-    const std::map<pid_t, TableRow> table = ReadTable(path);
+std::string CompareTableWithProc(const KnownProcesses& known) {
+    TesuTaskManager::GetInstance()->DumpTesuTaskInfo();
+    const std::map<pid_t, TableRow> table = ReadTable(TesuTaskManager::TESUTASK_DUMP_TEMPLATE);
     std::vector<ProcessSnapshot> processes;
     ProcReader().readAll(&processes);
     std::map<pid_t, ProcessSnapshot> present;
