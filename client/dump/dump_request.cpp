@@ -29,12 +29,14 @@ constexpr std::chrono::seconds PATIENCE{5};
 // Between two looks at the file.
 constexpr std::chrono::milliseconds STEP{20};
 
-// Whether the process has a handler for the signal; without one a real-time signal ends it. One that
-// has ended has none.
+// Whether the process lives and has a handler for the signal; without one a real-time signal ends it.
 bool Catches(pid_t process, int signal) {
-    std::string status;
-    return ReadProcFile(ProcPath("/proc", std::to_string(process), "status"), &status) &&
-           (ParseProcStatus(status).caughtSignals >> (signal - 1) & 1) != 0;
+    std::string text;
+    if (!ReadProcFile(ProcPath("/proc", std::to_string(process), "status"), &text)) {
+        return false;
+    }
+    const ProcStatus status = ParseProcStatus(text);
+    return !status.isZombie && (status.caughtSignals >> (signal - 1) & 1) != 0;
 }
 
 bool IsSameFile(int first, int second) {
