@@ -86,7 +86,7 @@ class ServiceTableTest : public RunningServiceTest {
     void expectTableEqualsProc(const KnownProcesses& known) {
         std::string differences;
         EXPECT_TRUE(WaitUntil([&] {
-            differences = CompareTableWithProc(temp.path("table"), known);
+            differences = CompareTableWithProc(known);
             return differences.empty();
         })) << differences;
         const auto status = OpenPinnedMap(PinnedRing::CORE, "ringbuf_status");

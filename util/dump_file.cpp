@@ -10,15 +10,16 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
-#include <mutex>
+
+#include "util/mutex.h"
 
 namespace Tesu::Bpf {
 
 bool ReplaceDumpFile(const std::string& path, const std::string& text) {
-    static std::mutex fileLock;
+    static Mutex fileLock;
     const std::string folder = std::filesystem::path(path).parent_path();
     const std::string beside = path + ".new";
-    std::lock_guard lock(fileLock);
+    MutexLock lock(fileLock);
     mkdir(folder.c_str(), 0775);
     unlink(path.c_str());
     unlink(beside.c_str());

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Finds members of task_struct and signal_struct in the bytes of tasks about which everything is
-// known. Pure: kernel memory comes in through a function.
+// Guesses offsets in task_struct and signal_struct from the bytes of tasks about which everything
+// is known. Pure: kernel memory comes in through a function.
 #pragma once
 
 #include <cstdint>
@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "bpf/kernel_layout.h"
+#include "util/result.h"
 
 namespace Tesu::Bpf {
 
@@ -30,9 +31,9 @@ using ReadKernelMemory = std::function<std::vector<uint8_t>(uint64_t address, ui
 
 // Sets the members of task_struct and signal_struct in `layout`, whose pointerSize is known. Only
 // what holds for every sample counts, and only when one place remains: with samples of different
-// names, ids and numbers of threads no chance match survives. False, with a reason, when a member
-// is not found; taskFlags alone may stay unknown.
-bool FindMembersInSamples(const std::vector<TaskSample>& samples, const ReadKernelMemory& read,
-                          TesuKernelLayout* layout, std::string* error);
+// names, ids and numbers of threads no chance match survives. A failure where a member is not
+// found; taskFlags alone may stay unknown.
+Result<> GuessTaskOffsets(const std::vector<TaskSample>& samples, const ReadKernelMemory& read,
+                          TesuKernelLayout* layout);
 
 }  // namespace Tesu::Bpf

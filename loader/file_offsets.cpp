@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "loader/file_probe.h"
+#include "loader/file_offsets.h"
 
 #include <algorithm>
 
@@ -109,13 +109,11 @@ std::vector<Places> FindPlaces(uint64_t file, uint64_t number, const ReadKernelM
 
 }  // namespace
 
-bool FindMembersInFiles(const std::vector<uint8_t>& task, const std::vector<FileSample>& files,
-                        const ReadKernelMemory& read, TesuKernelLayout* layout,
-                        std::string* error) {
+Result<> GuessFileOffsets(const std::vector<uint8_t>& task, const std::vector<FileSample>& files,
+                          const ReadKernelMemory& read, TesuKernelLayout* layout) {
     const std::vector<uint64_t> addresses = FindFiles(task, files, read, *layout);
     if (addresses.empty()) {
-        *error = "task_struct.files: no place matches";
-        return false;
+        return Failure("task_struct.files: no place matches");
     }
     const uint32_t pointerSize = layout->pointerSize;
     std::vector<Places> places = FindPlaces(addresses[0], files[0].inode, read, pointerSize);
@@ -128,13 +126,12 @@ bool FindMembersInFiles(const std::vector<uint8_t>& task, const std::vector<File
         });
     }
     if (places.size() != 1) {
-        *error = "file.f_inode: " + std::to_string(places.size()) + " places match";
-        return false;
+        return Failure("file.f_inode: " + std::to_string(places.size()) + " places match");
     }
     layout->fileInode = places[0].fileInode;
     layout->inodeIno = places[0].inodeIno;
     layout->dmaBufSize = DMA_BUF_SIZE;
-    return true;
+    return {};
 }
 
 }  // namespace Tesu::Bpf

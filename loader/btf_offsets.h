@@ -6,13 +6,14 @@
 #include <string>
 
 #include "bpf/kernel_layout.h"
+#include "util/result.h"
 
 namespace Tesu::Bpf {
 
 inline constexpr const char* KERNEL_BTF_PATH = "/sys/kernel/btf/vmlinux";
 
 // Sets the members of kernel structures in `layout`; what the kernel does not have stays as it is.
-// False, with a reason, when the type information cannot be read.
-bool FindMembersInBtf(const std::string& btfPath, TesuKernelLayout* layout, std::string* error);
+// A failure where the type information cannot be read.
+Result<> FindOffsetsInBtf(const std::string& btfPath, TesuKernelLayout* layout);
 
 }  // namespace Tesu::Bpf

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "loader/kernel_btf.h"
+#include "loader/btf_offsets.h"
 
 #include <bpf/btf.h>
 
@@ -50,11 +50,10 @@ void SetMember(const ::btf* types, const char* structName, const char* memberNam
 
 }  // namespace
 
-bool FindMembersInBtf(const std::string& btfPath, TesuKernelLayout* layout, std::string* error) {
+Result<> FindOffsetsInBtf(const std::string& btfPath, TesuKernelLayout* layout) {
     const BtfPointer types(btf__parse(btfPath.c_str(), nullptr), &btf__free);
     if (types == nullptr) {
-        *error = btfPath + ": " + strerror(errno);
-        return false;
+        return Failure(btfPath + ": " + strerror(errno));
     }
     const ::btf* const t = types.get();
     SetMember(t, "task_struct", "flags", &layout->taskFlags);
@@ -67,7 +66,7 @@ bool FindMembersInBtf(const std::string& btfPath, TesuKernelLayout* layout, std:
     SetMember(t, "inode", "i_ino", &layout->inodeIno);
     SetMember(t, "file", "f_inode", &layout->fileInode);
     SetMember(t, "dma_buf", "size", &layout->dmaBufSize);
-    return true;
+    return {};
 }
 
 }  // namespace Tesu::Bpf
