@@ -2,8 +2,13 @@
 //
 // Members of the public interface that nothing in the product calls, limits that no machine meets,
 // and a race that no machine shows.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -14,10 +19,43 @@
 
 #include "ipc/ipc_package_handler.h"
 #include "ipc/unix_ipc_manager.h"
+#include "ipc/unix_socket.h"
+#include "service/bpf_program.h"
 #include "task/tesu_bpf_task_manager.h"
 #include "tests/support/wait_until.h"
 #include "tests/support/wire_client.h"
 #include "util/time_util.h"
+
+namespace {
+
+// A system call that fails with `error`, unless that is 0, and how often it has.
+struct FailingCall {
+    std::atomic<int> error{0};
+    std::atomic<int> count{0};
+
+    template <class... Arguments>
+    int make(long number, Arguments... arguments) {
+        if ((errno = error) != 0) {
+            ++count;
+            return -1;
+        }
+        return static_cast<int>(syscall(number, arguments...));
+    }
+} accepting, timing, watching;
+
+}  // namespace
+
+extern "C" int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
+    return accepting.make(SYS_accept4, fd, address, length, flags);
+}
+extern "C" int timerfd_create(int clock, int flags) noexcept {
+    return timing.make(SYS_timerfd_create, clock, flags);
+}
+extern "C" int epoll_ctl(int epollFd, int operation, int fd, epoll_event* event) noexcept {
+    static FailingCall others;
+    return (operation == EPOLL_CTL_ADD ? watching : others)
+        .make(SYS_epoll_ctl, epollFd, operation, fd, event);
+}
 
 namespace Tesu::Bpf {
 namespace {
@@ -67,6 +105,7 @@ TEST(InterfaceTest, MembersThatNobodyCalls) {
     EXPECT_EQ(table.DelMmidIndex(3), -1);
     EXPECT_EQ(table.DelRssTempTask(3), 0) << "a miss shows in errno alone";
     EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(AttachAllTesuBpfProgram("/nowhere"), 0) << "nothing failed";
 }
 
 TEST(InterfaceTest, LimitsOfTimesAndDifferences) {
@@ -119,6 +158,47 @@ TEST(InterfaceTest, WritingNowMeetsConnectionsThatComeAndGo) {
         ASSERT_TRUE(client.connectTo(name));
         EXPECT_EQ(client.next().value_or(WireClient::Package()).body, text);
     }
+}
+
+TEST(InterfaceTest, AServerTriesAgainWhateverFailsAndDoesNotSpin) {
+    const std::string name = "/tesubpf-test/" + std::to_string(getpid());
+    std::atomic<int> connections{0};
+    IpcHandlerState handlers;
+    handlers.connection = [&](int) { ++connections; };
+    android::base::unique_fd holder(CreateNonblockingServerSocket(name.c_str()));
+    UnixIpcManager server(true, IPC_BUFFER_SIZE, name, handlers, "IpcTest", 10, 32);
+    timing.error = EMFILE;
+    server.start();
+    EXPECT_TRUE(WaitUntil([] { return timing.count > 1; }));
+    holder.reset();
+    WireClient clients[2];
+    ASSERT_TRUE(clients[0].connectTo(name)) << "a taken name, and no timer to wait with";
+    EXPECT_TRUE(WaitUntil([&] { return connections == 1; }));
+    timing.error = 0;
+    accepting.error = EPERM;
+    ASSERT_TRUE(clients[1].connectTo(name));
+    EXPECT_TRUE(WaitUntil([] { return accepting.count > 1; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_LT(accepting.count, 100) << "a busy machine makes it fewer calls yet";
+    watching.error = ENOSPC;
+    EXPECT_TRUE(WaitUntil([] { return watching.count > 1; }));
+    accepting.error = 0;
+    watching.error = 0;
+    EXPECT_TRUE(WaitUntil([&] { return connections == 2; }));
+}
+
+TEST(InterfaceTest, AHangUpThatComesAfterStopClosesNothing) {
+    UnixIpcManager server(true, IPC_BUFFER_SIZE, "/tesubpf-test/hang-up", {}, 10, 32);
+    const int timer = dup(STDIN_FILENO);
+    close(timer);
+    server.createServer();  // its timer, then its socket
+    server.stop();
+    const android::base::unique_fd heir(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, timer + 1));
+    ASSERT_EQ(heir.get(), timer + 1);
+    epoll_event hangUp{};
+    hangUp.data.fd = heir.get();
+    server.onServerCloseCallback(hangUp);
+    EXPECT_NE(fcntl(heir.get(), F_GETFD), -1);
 }
 
 }  // namespace
