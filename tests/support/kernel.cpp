@@ -25,8 +25,6 @@ using android::base::unique_fd;
 
 namespace {
 
-constexpr uint64_t BOTH_CLASSES = FLAG_CORE_ENABLED | FLAG_NORMAL_ENABLED;
-
 unique_fd OpenStatus(RingIndex ring) {
     return OpenPin(ring == RING_CORE ? CORE_STATUS_MAP : GPL_STATUS_MAP);
 }
@@ -46,6 +44,11 @@ uint64_t ReadRingStatus(RingIndex ring, uint32_t key) {
     uint64_t value = 0;
     bpf_map_lookup_elem(OpenStatus(ring).get(), &key, &value);
     return value;
+}
+
+bool IsEnabled(RingIndex ring) {
+    constexpr uint64_t BOTH_CLASSES = FLAG_CORE_ENABLED | FLAG_NORMAL_ENABLED;
+    return (ReadRingStatus(ring, RING_STATUS_FLAGS) & BOTH_CLASSES) == BOTH_CLASSES;
 }
 
 void SetRingFlags(RingIndex ring, uint64_t flags) {
@@ -142,11 +145,8 @@ void ServiceTest::startService(std::optional<uint32_t> ringBytes,
     ASSERT_TRUE(BpfServiceMain());
     service = TesuBpfService::GetInstance();
     supervisor = std::thread([this] { service->Wait(); });
-    const auto isEnabled = [](RingIndex ring) {
-        return (ReadRingStatus(ring, RING_STATUS_FLAGS) & BOTH_CLASSES) == BOTH_CLASSES;
-    };
     ASSERT_TRUE(WaitUntil(
-        [&] { return isEnabled(RING_CORE) && (kernelVersion != "6.1" || isEnabled(RING_GPL)); }));
+        [&] { return IsEnabled(RING_CORE) && (kernelVersion != "6.1" || IsEnabled(RING_GPL)); }));
 }
 
 void ServiceTest::stopService() {

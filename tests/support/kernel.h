@@ -27,6 +27,8 @@ uint64_t Scaled(uint64_t count);
 // The map or program of that pin name; invalid where there is none.
 android::base::unique_fd OpenPin(const std::string& name);
 uint64_t ReadRingStatus(RingIndex ring, uint32_t key);
+// Whether every class of events is on.
+bool IsEnabled(RingIndex ring);
 void SetRingFlags(RingIndex ring, uint64_t flags);
 uint64_t LostRecords(RingIndex ring);
 
