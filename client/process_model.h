@@ -24,9 +24,9 @@
 #include <vector>
 
 #include "client/event_decoder.h"
-#include "client/proc_snapshot.h"
 #include "client/sample_history.h"
 #include "client/young_exits.h"
+#include "proc/process_snapshot.h"
 
 namespace Tesu::Bpf {
 

@@ -12,10 +12,11 @@
 #include <string>
 #include <vector>
 
-#include "client/proc_snapshot.h"
 #include "client/process_model.h"
 #include "client/sample_history.h"
 #include "client/young_exits.h"
+#include "proc/proc_text.h"
+#include "proc/process_snapshot.h"
 #include "tests/support/child_process.h"
 
 namespace Tesu::Bpf {
@@ -401,37 +402,16 @@ TEST(YoungExits, CountsWithinItsWindowAndStaysBounded) {
 TEST(ProcSnapshot, ReadsStatWhateverTheName) {
     const std::string rest =
         " S 12 7 7 0 -1 4194560 1 2 3 4 5 6 7 8 20 0 33 0 12345 99 88 rest of it\n";
-    for (const std::string name :
-         {"bash", "a b", "x) S 1 (y", "line\nend", "", ")", "(", "sixteen-letters!"}) {
-        ProcessSnapshot process;
-        uint64_t ticks = 0;
-        std::string text = "4711 (";
-        text.append(name).append(")").append(rest);
-        ASSERT_TRUE(ParseProcStat(text, &process, &ticks)) << name;
-        EXPECT_EQ(process.name, name);
-        EXPECT_EQ(process.pid, 4711);
-        EXPECT_EQ(process.ppid, 12);
-        EXPECT_EQ(process.threads, 33);
-        EXPECT_EQ(ticks, 12345U);
-        EXPECT_FALSE(process.isEnding);
-        EXPECT_FALSE(process.isKernelThread);
+    for (const std::string name : {"a b", "x) S 1 (y", "line\nend", "", ")", "("}) {
+        const std::string text = "4711 (" + name + ")" + rest;
+        const auto stat = ParseProcStat(text);
+        ASSERT_TRUE(stat) << name;
+        EXPECT_EQ(stat->name, name);
+        EXPECT_THAT(
+            (std::vector<int64_t>{stat->pid, stat->ppid, stat->threadNum, stat->startTicks}),
+            ElementsAre(4711, 12, 33, 12345));
     }
-    const std::string whole = "4711 (bash)" + rest;
-    for (size_t size = 0; size < whole.find("12345"); ++size) {
-        ProcessSnapshot process;
-        uint64_t ticks = 0;
-        EXPECT_FALSE(ParseProcStat(whole.substr(0, size), &process, &ticks)) << size;
-    }
-}
-
-TEST(ProcSnapshot, ReadsStatusAndTakesNoNonsense) {
-    ProcessSnapshot process;
-    ParseProcStatus(
-        "Name:\tRssAnon:\\n1 kB\nUid:\t1000\t0\t0\t0\nRssAnon:\t    2048 kB\nRssFile:\t1 kB\n"
-        "RssShmem:\t-5 kB\nVmSwap:\t99999999999999999999 kB\nRssAnonymous:\t7 kB\nRssAnon",
-        &process);
-    EXPECT_EQ(process.uid, 1000);
-    EXPECT_THAT(process.memory, ElementsAre(1024, 2048 * 1024, 0, 0));
+    EXPECT_FALSE(ParseProcStat("4711 (bash) S 12 7 7 0 -1 4194560 1 2 3 4 5 6 7 8 20 0 33 0 "));
 }
 
 class FakeProc : public testing::Test {

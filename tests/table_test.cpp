@@ -29,8 +29,8 @@
 #include <vector>
 
 #include "client/event_decoder.h"
-#include "client/proc_snapshot.h"
 #include "client/process_model.h"
+#include "proc/process_snapshot.h"
 #include "records/contract.h"
 #include "records/read_prefix.h"
 #include "task/tesu_bpf_task_manager.h"
@@ -55,7 +55,7 @@ struct Row {
     std::string name;
     int ppid = 0;
     int threads = 0;
-    std::array<int64_t, MEMORY_KINDS> memory{};  // bytes
+    std::array<int64_t, RSS_MEMBER_COUNT> memory{};  // bytes
 };
 using Rows = std::map<pid_t, Row>;
 
@@ -83,9 +83,9 @@ Rows ReadTable(const std::string& path) {
         pid_t pid = 0;
         std::string ignored;
         fields >> pid >> row.ppid >> row.threads >> ignored >> ignored;
-        for (const MemoryKind kind : {MEMORY_ANON, MEMORY_FILE, MEMORY_SHMEM, MEMORY_SWAP}) {
-            fields >> row.memory[kind] >> ignored >> ignored >> ignored;
-            row.memory[kind] *= 1024;
+        for (const RssMember member : {RSS_ANON, RSS_FILE, RSS_SHMEM, RSS_SWAP}) {
+            fields >> row.memory[member] >> ignored >> ignored >> ignored;
+            row.memory[member] *= 1024;
         }
         table[pid] = row;
     }
@@ -154,7 +154,7 @@ std::string CompareWithProc(const Rows& rows, const std::map<pid_t, std::string>
             differences << process.pid << ": " << row.name << ", threads " << row.threads
                         << ", not " << process.threads << "\n";
         }
-        for (int kind = 0; kind < MEMORY_KINDS; ++kind) {
+        for (int kind = 0; kind < RSS_MEMBER_COUNT; ++kind) {
             if (std::llabs(row.memory[kind] - process.memory[kind]) > owed) {
                 differences << process.pid << ": size " << kind << " is " << row.memory[kind]
                             << ", not " << process.memory[kind] << "\n";
