@@ -190,24 +190,6 @@ TEST_F(EventsTest, ParentAndUserAreThoseOfTheFork) {
     EXPECT_EQ(lives[made[1]].created.ppid, getpid());
 }
 
-TEST_F(EventsTest, EveryThreadIsToldOnce) {
-    constexpr size_t THREADS = 1000;
-    constexpr size_t AT_ONCE = 20;
-    ASSERT_NO_FATAL_FAILURE(start());
-    const Life& many = live([] {
-        for (size_t started = 0; started < THREADS; started += AT_ONCE) {
-            std::vector<std::thread> threads;
-            for (size_t i = 0; i < AT_ONCE; ++i) {
-                threads.emplace_back([] {});
-            }
-            for (std::thread& thread : threads) {
-                thread.join();
-            }
-        }
-    });
-    EXPECT_EQ(Sorted(many.told), "P" + std::string(THREADS, 'e') + std::string(THREADS, 't') + "E");
-}
-
 TEST_F(EventsTest, AProcessEndsWithItsLastThread) {
     ASSERT_NO_FATAL_FAILURE(start());
     const Life& firstEndsFirst = live([] {

@@ -18,6 +18,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -46,9 +47,15 @@ namespace {
 
 using android::base::unique_fd;
 using std::chrono::milliseconds;
+using testing::IsEmpty;
 
 // A service under a sanitizer needs a larger ring to keep up.
 constexpr uint32_t RING_BYTES = uint32_t{TESUBPF_STORM_RING_MIB} << 20;
+
+template <class T>
+T As(const WireClient::Package& package) {
+    return ReadPrefix<T>(package.body.data(), static_cast<int64_t>(package.body.size()));
+}
 
 // Of a process, as /proc, the service and the client's model have it.
 struct Row {
@@ -95,13 +102,12 @@ Rows ReadTable(const std::string& path) {
 // What `tesubpf top` has of the machine.
 class TopModel {
   public:
-    void start(WireClient* events) {
-        client = events;
+    void start() {
         model.beginSnapshot(MonotonicNanoseconds());
         model.finishSnapshot(ReadProc());
     }
     void readEvents() {
-        while (const auto package = client->next(milliseconds(0))) {
+        while (const auto package = client.next(milliseconds(0))) {
             model.apply(
                 DecodeEvent(package->body.data(), static_cast<uint32_t>(package->body.size())));
         }
@@ -119,52 +125,56 @@ class TopModel {
         return rows;
     }
 
+    WireClient client;
+
   private:
-    WireClient* client = nullptr;
     ProcessModel model;
 };
 
-// The differences, a line each, between /proc and the rows: processes that one of the two lacks;
-// another parent, while the one in the row lives; and of the known processes, which are those with
-// the names that their rows are to have, other names, thread counts and sizes. Differences that
-// pass, of processes that come and go just now, are among them.
-std::string CompareWithProc(const Rows& rows, const std::map<pid_t, std::string>& known) {
+// The differences between /proc and the rows: processes that one of the two lacks; another parent,
+// while the one in the row lives; and of the known processes, which are those with the names that
+// their rows are to have, other names, thread counts and sizes. Those that pass, of processes that
+// come and go just now, are among them.
+std::set<std::string> CompareWithProc(const Rows& rows, const std::map<pid_t, std::string>& known) {
     // The kernel adds up what each CPU counted in batches of at most 64 pages.
     const int64_t owed = 64 * sysconf(_SC_PAGESIZE) * sysconf(_SC_NPROCESSORS_ONLN);
-    std::ostringstream differences;
-    Rows missing = rows;
-    std::vector<ProcessSnapshot> present = ReadProc();
-    std::erase_if(present, [](const ProcessSnapshot& process) { return process.isEnding; });
-    for (const ProcessSnapshot& process : present) {
-        missing.erase(process.pid);
-        const auto found = rows.find(process.pid);
-        if (found == rows.end()) {
-            differences << process.pid << " (" << process.name << ") is not there\n";
+    std::set<std::string> differences;
+    Rows gone = rows;
+    for (const ProcessSnapshot& process : ReadProc()) {
+        if (process.isEnding) {
             continue;
         }
-        const Row& row = found->second;
-        if (row.ppid != process.ppid && rows.contains(row.ppid)) {
-            differences << process.pid << ": parent " << row.ppid << "\n";
+        gone.erase(process.pid);
+        const std::string pid = std::to_string(process.pid) + " (" + process.name + ")";
+        const auto row = rows.find(process.pid);
+        if (row == rows.end()) {
+            differences.insert(pid + " is not there");
+            continue;
+        }
+        const auto& [name, ppid, threads, memory] = row->second;
+        if (ppid != process.ppid && rows.contains(ppid)) {
+            differences.insert(pid + " has parent " + std::to_string(ppid));
         }
         const auto expected = known.find(process.pid);
         if (expected == known.end()) {
             continue;
         }
-        if (row.name != expected->second || row.threads != process.threads) {
-            differences << process.pid << ": " << row.name << ", threads " << row.threads
-                        << ", not " << process.threads << "\n";
+        if (name != expected->second) {
+            differences.insert(pid + " is called " + name);
         }
-        for (int kind = 0; kind < RSS_MEMBER_COUNT; ++kind) {
-            if (std::llabs(row.memory[kind] - process.memory[kind]) > owed) {
-                differences << process.pid << ": size " << kind << " is " << row.memory[kind]
-                            << ", not " << process.memory[kind] << "\n";
+        if (threads != process.threads) {
+            differences.insert(pid + " has other threads");
+        }
+        for (size_t member = 0; member < memory.size(); ++member) {
+            if (std::llabs(memory[member] - process.memory[member]) > owed) {
+                differences.insert(pid + " has another size " + std::to_string(member));
             }
         }
     }
-    for (const auto& [pid, row] : missing) {
-        differences << pid << " (" << row.name << ") does not live\n";
+    for (const auto& [pid, row] : gone) {
+        differences.insert(std::to_string(pid) + " (" + row.name + ") does not live");
     }
-    return differences.str();
+    return differences;
 }
 
 // A dump of tasks says how many there are, and its rows are of one length; names have no line ends
@@ -196,34 +206,37 @@ class TableTest : public ServiceTest {
             std::vector<std::string>{TESUBPF_WORKLOAD_PATH, kind, std::to_string(number)});
     }
 
-    // Takes events until the work is done.
-    void finish(ChildProcess* workload) {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(150);
-        while (!workload->waitForOutput("done", milliseconds(20)) &&
-               std::chrono::steady_clock::now() < end) {
-            top.readEvents();
-        }
-        EXPECT_TRUE(workload->waitForOutput("done")) << workload->error;
+    static void finish(ChildProcess* workload, const std::function<void()>& meanwhile) {
+        EXPECT_TRUE(WaitUntil(
+            [&] {
+                meanwhile();
+                return workload->waitForOutput("done", milliseconds(20));
+            },
+            std::chrono::seconds(150)))
+            << workload->error;
     }
 
-    // Whether both come to equal /proc; what comes and goes meanwhile is given time. Names in the
-    // service's table are those of the fork, in the model today's.
+    // Differences that pass are none. Names in the service's table are those of the fork, in the
+    // model today's.
     void expectEqualProc(const std::map<pid_t, std::string>& known) {
-        std::string differences;
-        EXPECT_TRUE(WaitUntil([&] {
-            differences = CompareWithProc(ReadTable(temp.path("table")), known);
-            return differences.empty();
-        })) << "the service's table: "
-            << differences;
         std::map<pid_t, std::string> today;
         for (const auto& [pid, name] : known) {
             today[pid] = ProcReader().read(pid)->name;
         }
-        EXPECT_TRUE(WaitUntil([&] {
-            differences = CompareWithProc(top.rows(), today);
-            return differences.empty();
-        })) << "the client's model: "
-            << differences;
+        const auto lasting = [](const auto& compare) {
+            std::set<std::string> differences = compare();
+            WaitUntil([&] {
+                const std::set<std::string> now = compare();
+                std::erase_if(differences, [&](const auto& line) { return !now.contains(line); });
+                return differences.empty();
+            });
+            return differences;
+        };
+        EXPECT_THAT(lasting([&] { return CompareWithProc(ReadTable(temp.path("table")), known); }),
+                    IsEmpty())
+            << "of the service's table";
+        EXPECT_THAT(lasting([&] { return CompareWithProc(top.rows(), today); }), IsEmpty())
+            << "of the client's model";
         EXPECT_EQ(LostRecords(RING_CORE), 0U);
     }
 
@@ -245,24 +258,25 @@ TEST_F(TableTest, EqualsProcBeforeDuringAndAfterStorms) {
     // The service begins while processes come and go.
     const auto early = work("processes", processes / 2);
     ASSERT_NO_FATAL_FAILURE(startService(RING_BYTES));
-    subscribe(&client, {RAW_EVENT_TASK_CREATE, RAW_EVENT_TASK_EXIT, RAW_EVENT_RSS_STAT,
-                        RAW_EVENT_FD_UPDATE});
-    top.start(&client);
-    finish(early.get());
+    subscribe(&top.client, {RAW_EVENT_TASK_CREATE, RAW_EVENT_TASK_EXIT, RAW_EVENT_RSS_STAT,
+                            RAW_EVENT_FD_UPDATE});
+    top.start();
+    const auto readEvents = [&] { top.readEvents(); };
+    finish(early.get(), readEvents);
     expectEqualProc(known);
 
     const auto late = work("processes", processes / 2);
-    finish(late.get());
+    finish(late.get(), readEvents);
     expectEqualProc(known);
 
     const auto threads = work("threads", processes / 2);
-    finish(threads.get());
+    finish(threads.get(), readEvents);
     const std::string ownName = ProcReader().read(getpid())->name;
     known[threads->pid()] = ownName;
     expectEqualProc(known);
 
     const auto parent = work("children", children);
-    finish(parent.get());
+    finish(parent.get(), readEvents);
     known[parent->pid()] = ownName;
     for (const ProcessSnapshot& process : ReadProc()) {
         if (process.ppid == parent->pid()) {
@@ -311,8 +325,7 @@ TEST_F(TableTest, KnowsTheDmaBufsThatWereThereBefore) {
         buffers.pop_front();
         const auto package = client.next();
         ASSERT_TRUE(package.has_value());
-        const auto event = ReadPrefix<RawDmabufAllocEvent>(
-            package->body.data(), static_cast<int64_t>(package->body.size()));
+        const auto event = As<RawDmabufAllocEvent>(*package);
         EXPECT_EQ(event.pid, getpid());
         EXPECT_EQ(event.size, left * page);
     }
@@ -322,6 +335,10 @@ TEST_F(TableTest, KnowsTheDmaBufsThatWereThereBefore) {
 TEST_F(TableTest, DumpsDuringAStormAreWholeAndCostNoEvent) {
     ASSERT_NO_FATAL_FAILURE(startService(RING_BYTES));
     subscribe(&client, {RAW_EVENT_TASK_CREATE, RAW_EVENT_TASK_EXIT});
+    // The service's threads take the signals; here they would end waits.
+    sigset_t signals;
+    sigfillset(&signals);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     std::thread([] {
         for (int i = 0;; ++i) {
             kill(getpid(), DUMP_SIGNAL_STATE + i % 5);
@@ -346,34 +363,43 @@ TEST_F(TableTest, DumpsDuringAStormAreWholeAndCostNoEvent) {
         }
     });
 
-    const auto storm = work("processes", Scaled(20000));
+    const size_t count = Scaled(20000);
+    const auto storm = work("processes", count);
     // Of the storm's children; ids come again.
     std::set<pid_t> living;
     size_t created = 0;
     size_t ended = 0;
-    bool isDone = false;
-    while (!isDone || created + ended < 2 * Scaled(20000)) {
-        isDone = storm->waitForOutput("done", milliseconds(10));
-        auto package = client.next(milliseconds(isDone ? 5000 : 20));
-        if (isDone && !package) {
+    pid_t exited = 0;
+    const auto take = [&](const WireClient::Package& package) {
+        const auto create = As<RawTaskCreateEvent>(package);
+        const auto exit = As<RawTaskExitEvent>(package);
+        if (exit.header.type == RAW_EVENT_TASK_EXIT && exit.taskType == RAW_TASK_PROCESS) {
+            exited = exit.pid;
+            ended += living.erase(exited);
+        } else if (create.header.type == RAW_EVENT_TASK_CREATE && create.ppid == storm->pid()) {
+            EXPECT_TRUE(living.insert(create.pid).second) << create.pid;
+            ++created;
+        }
+    };
+    finish(storm.get(), [&] {
+        while (const auto package = client.next(milliseconds(0))) {
+            take(*package);
+        }
+    });
+    ChildProcess last({"/bin/true"});
+    last.waitForExit();
+    while (exited != last.pid()) {
+        const auto package = client.next();
+        if (!package) {
+            ADD_FAILURE() << "the stream ended";
             break;
         }
-        for (; package; package = client.next(milliseconds(0))) {
-            const auto size = static_cast<int64_t>(package->body.size());
-            const auto create = ReadPrefix<RawTaskCreateEvent>(package->body.data(), size);
-            const auto exit = ReadPrefix<RawTaskExitEvent>(package->body.data(), size);
-            if (create.header.type == RAW_EVENT_TASK_EXIT) {
-                ended += exit.taskType == RAW_TASK_PROCESS ? living.erase(exit.pid) : 0;
-            } else if (create.ppid == storm->pid() && create.taskType == RAW_TASK_PROCESS) {
-                EXPECT_TRUE(living.insert(create.pid).second) << create.pid;
-                ++created;
-            }
-        }
+        take(*package);
     }
     isOver = true;
     reader.join();
-    EXPECT_EQ(created, Scaled(20000));
-    EXPECT_EQ(ended, Scaled(20000));
+    EXPECT_EQ(created, count);
+    EXPECT_EQ(ended, count);
     EXPECT_EQ(LostRecords(RING_CORE), 0U);
 }
 

@@ -161,7 +161,7 @@ void CrossInPortions() {
 
 template <class Ring>
 void CrossWithAWriterMeanwhile() {
-    constexpr uint64_t COUNT = 40000;
+    constexpr uint64_t COUNT = 5000;
     Ring ring(WRAP - 4 * RING_BYTES);
     Reader<Ring> reader(&ring);
     // Neither side waits for ever for the other.
