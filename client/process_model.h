@@ -23,7 +23,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "client/event_decoder.h"
+#include "records/event_table.h"
 #include "client/sample_history.h"
 #include "client/young_exits.h"
 #include "proc/process_snapshot.h"

@@ -368,7 +368,6 @@ std::optional<SortKey> ParseSortKey(const std::string& name) {
 }
 
 int RunTop(const TopOptions& options, const TerminationSignals& signals) {
-    ChooseCharacterSet();
     if (options.isBatch) {
         return Top(options, signals).runBatch();
     }

@@ -5,8 +5,9 @@
 #include <array>
 #include <utility>
 
-#include "client/cell_text.h"
-#include "client/text_format.h"
+#include "client/text/terminal_text.h"
+#include "client/text/units.h"
+#include "client/top/sparkline.h"
 #include "client/top_layout.h"
 #include "util/monotonic_clock.h"
 #include "util/string_util.h"

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What `tesubpf top` shows, as lines of styled text: the terminal paints them, a batch run prints
-// them. Depends on the chosen character set (see client/cell_text.h); otherwise pure.
+// them. Depends on the chosen character set (see client/text/terminal_text.h); otherwise pure.
 #pragma once
 
 #include <cstddef>

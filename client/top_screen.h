@@ -13,9 +13,6 @@
 
 namespace Tesu::Bpf {
 
-// Takes the character set of the user's locale; where none is set, UTF-8. Before any thread.
-void ChooseCharacterSet();
-
 // The keys that are no character.
 enum ScreenKey {
     SCREEN_KEY_UP = 0x110000,  // behind the last character

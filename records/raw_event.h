@@ -81,7 +81,8 @@ struct RawRssStatEvent {
 static_assert(sizeof(struct RawRssStatEvent) == 32, "wire layout");
 static_assert(offsetof(struct RawRssStatEvent, size) == 24, "wire layout");
 
-/* A process or a thread was made. Comes before any other record of that task. */
+/* A process or a thread was made. Comes before any other record of that task from the same ring;
+ * between the two rings there is no order. */
 struct RawTaskCreateEvent {
     struct RawEventHeader header; /* time of the fork */
     int32_t ppid;                 /* process id of the parent; for a thread, of its own process */
@@ -174,7 +175,7 @@ struct OpenFdCaller {
     uint32_t pid;
     uint32_t reserved;
     uint64_t openFds;     /* descriptors open now */
-    uint64_t reportedFds; /* openFds as last told in a RawFdUpdateEvent */
+    uint64_t reportedFds; /* openFds in the last RawFdUpdateEvent */
     uint64_t reserved2;
     char comm[TESU_COMM_LEN]; /* NUL-terminated */
 };

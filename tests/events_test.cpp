@@ -27,7 +27,7 @@
 #include <utility>
 #include <vector>
 
-#include "loader/kernel_layout_finder.h"
+#include "loader/kernel_layout.h"
 #include "records/contract.h"
 #include "records/read_prefix.h"
 #include "tests/support/kernel.h"
@@ -325,8 +325,7 @@ TEST_F(EventsTest, OpenDescriptorsAreToldInStepsOfEight) {
 }
 
 TEST_F(EventsTest, DmaBufsAreOnTheAccountOfTheirMaker) {
-    LibbpfLog log(false);
-    const TesuKernelLayout layout = FindKernelLayout({}, &log).values;
+    const TesuKernelLayout layout = FindKernelLayout().values;
     if (layout.dmaBufSize == TESU_UNKNOWN_OFFSET) {
         GTEST_SKIP() << "needs offsets that only type information tells";
     }

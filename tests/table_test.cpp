@@ -29,10 +29,10 @@
 #include <utility>
 #include <vector>
 
-#include "client/event_decoder.h"
 #include "client/process_model.h"
 #include "proc/process_snapshot.h"
 #include "records/contract.h"
+#include "records/event_table.h"
 #include "records/read_prefix.h"
 #include "task/tesu_bpf_task_manager.h"
 #include "tests/support/child_process.h"

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "bpf/kernel_layout.h"
+#include "loader/kernel_atomics.h"
 #include "loader/load_set.h"
 #include "records/contract.h"
 #include "service/lost_records.h"
@@ -74,15 +75,6 @@ unique_fd AttachToFunction(const std::string& program, const void* function) {
 }
 
 RecordInjector::RecordInjector(RingIndex ring) : object(nullptr, &bpf_object__close) {
-    // The kernel is asked whether it has atomics.
-    if (load(ring, 1) != 0) {
-        EXPECT_EQ(load(ring, 0), 0);
-    }
-    programFd = bpf_program__fd(bpf_object__find_program_by_name(object.get(), "inject"));
-    recordMapFd = bpf_object__find_map_fd_by_name(object.get(), "injected_record");
-}
-
-int RecordInjector::load(RingIndex ring, uint32_t hasAtomics) {
     object.reset(bpf_object__open_file(TESUBPF_INJECT_OBJECT, nullptr));
     const auto map = [this](const std::string& name) {
         return bpf_object__find_map_by_name(object.get(), name.c_str());
@@ -93,9 +85,11 @@ int RecordInjector::load(RingIndex ring, uint32_t hasAtomics) {
         EXPECT_EQ(bpf_map__reuse_fd(map(name), pinned.get()), 0) << name;
     }
     TesuKernelLayout layout = {};
-    layout.hasAtomics = hasAtomics;
+    layout.hasAtomics = HasAtomics() ? 1 : 0;
     EXPECT_EQ(bpf_map__set_initial_value(map(TESU_LAYOUT_SECTION), &layout, sizeof(layout)), 0);
-    return bpf_object__load(object.get());
+    EXPECT_EQ(bpf_object__load(object.get()), 0) << strerror(errno);
+    programFd = bpf_program__fd(bpf_object__find_program_by_name(object.get(), "inject"));
+    recordMapFd = bpf_object__find_map_fd_by_name(object.get(), "injected_record");
 }
 
 RecordInjector::Result RecordInjector::inject(const void* record, uint32_t size, uint64_t count) {
@@ -126,7 +120,6 @@ ServiceTest::~ServiceTest() {
 
 void ServiceTest::load(std::optional<uint32_t> ringBytes) {
     LoadOptions options;
-    options.objectDir = TESUBPF_OBJECT_DIR;
     options.ringBytes = ringBytes;
     std::ostringstream out;
     std::ostringstream err;

@@ -57,8 +57,6 @@ class RecordInjector {
     uint64_t address() const { return recordAddress; }
 
   private:
-    int load(RingIndex ring, uint32_t hasAtomics);
-
     std::unique_ptr<bpf_object, decltype(&bpf_object__close)> object;
     int programFd = -1;  // these belong to the object
     int recordMapFd = -1;
