@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "client/process_model.h"
 #include "client/text/terminal_text.h"
 #include "client/top/sparkline.h"
-#include "client/process_model.h"
 #include "client/top_frame.h"
 #include "client/top_layout.h"
 
