@@ -1,14 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/top_screen.h"
+#include "client/top/screen.h"
 
 #include <ncurses.h>
 #include <sys/ioctl.h>
+#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <clocale>
 #include <csignal>
 #include <cstdlib>
+
+#include "client/top/controls.h"
 
 namespace Tesu::Bpf {
 
@@ -59,21 +62,26 @@ void ChooseCharacterSet() {
     }
 }
 
-std::unique_ptr<TopScreen> TopScreen::open(bool colour, std::string* error) {
+Result<std::unique_ptr<TopScreen>> TopScreen::open(bool colour) {
     if (isatty(STDIN_FILENO) != 1 || isatty(STDOUT_FILENO) != 1) {
-        *error = "standard input and output are no terminal; --batch needs none";
-        return nullptr;
+        return Failure("standard input and output are no terminal; --batch needs none");
     }
     if (newterm(nullptr, stdout, stdin) == nullptr) {
         const char* const terminal = std::getenv("TERM");
-        *error = std::string("the terminal \"") + (terminal != nullptr ? terminal : "") +
-                 "\" is not known here; set TERM, or use --batch";
-        return nullptr;
+        return Failure(std::string("the terminal \"") + (terminal != nullptr ? terminal : "") +
+                       "\" is not known here; set TERM, or use --batch");
     }
     return std::unique_ptr<TopScreen>(new TopScreen(colour));
 }
 
 TopScreen::TopScreen(bool colour) : colour(colour && has_colors()) {
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    for (const int signal : {SIGWINCH, SIGTSTP, SIGHUP, SIGQUIT}) {
+        sigaddset(&blocked, signal);
+    }
+    pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+    signals.reset(signalfd(-1, &blocked, SFD_CLOEXEC | SFD_NONBLOCK));
     cbreak();
     noecho();
     nonl();
@@ -102,7 +110,7 @@ size_t TopScreen::height() const {
     return static_cast<size_t>(std::max(getmaxy(stdscr), 0));
 }
 
-void TopScreen::draw(const std::vector<FrameLine>& lines) {
+void TopScreen::draw(const std::vector<StyledLine>& lines) {
     erase();
     const size_t count = std::min(lines.size(), height());
     for (size_t row = 0; row < count; ++row) {
@@ -143,6 +151,20 @@ std::optional<int> TopScreen::readKey() {
         default:
             return key > 0xff ? SCREEN_KEY_OTHER : key;
     }
+}
+
+bool TopScreen::handleSignals() {
+    signalfd_siginfo info{};
+    while (TEMP_FAILURE_RETRY(read(signals.get(), &info, sizeof(info))) == sizeof(info)) {
+        if (info.ssi_signo == SIGWINCH) {
+            resize();
+        } else if (info.ssi_signo == SIGTSTP) {
+            suspend();
+        } else {
+            return false;
+        }
+    }
+    return true;
 }
 
 void TopScreen::resize() {
