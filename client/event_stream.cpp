@@ -141,14 +141,13 @@ int EventStream::onWriteable(BufferState* writeBuffer) {
 }
 
 int EventStream::onReadable(BufferState* readBuffer) {
-    std::string error;
-    const bool inStep = ReadFrames(
-        readBuffer,
-        [this](uint32_t type, char* body, uint32_t length) { onPackage(type, body, length); },
-        &error);
+    Result<std::optional<Package>> package = TakePackage(readBuffer);
+    for (; package && *package; package = TakePackage(readBuffer)) {
+        onPackage((*package)->type, const_cast<char*>((*package)->body), (*package)->length);
+    }
     Call(listener.batchEnd);
-    if (!inStep) {
-        Call(listener.malformed, error);
+    if (!package) {
+        Call(listener.malformed, package.error());
         return EPOLL_RESULT_ERROR;
     }
     return EPOLL_RESULT_OK;

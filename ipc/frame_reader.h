@@ -5,23 +5,25 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
-#include <string>
+#include <optional>
 
 #include "ipc/buffer_state.h"
+#include "util/result.h"
 
 namespace Tesu::Bpf {
 
-// (package type, body, its length in bytes). The body may be unaligned, is valid only during the
-// call.
-using PackageConsumer = std::function<void(uint32_t, char*, uint32_t)>;
+struct Package {
+    uint32_t type = 0;
+    // In the buffer; may be unaligned, valid until bytes in the buffer are moved or replaced.
+    const char* body = nullptr;
+    uint32_t length = 0;  // bytes
+};
 
-// Hands every complete package from the cursor on to `consume`, and moves the cursor past it; the
-// incomplete tail is left for the next receive.
+// The package at the buffer's cursor, which moves past it; none while it is incomplete.
 //
-// False, with the reason in `error`, when the stream is out of step and no later byte of it can be
-// trusted: a frame without room for its package header, one that could never fit the buffer, or one
-// whose two lengths contradict each other. The cursor then stays at that frame.
-bool ReadFrames(BufferState* buffer, const PackageConsumer& consume, std::string* error);
+// Fails when the stream is out of step and no later byte of it can be trusted: at a frame without
+// room for its package header, one that could never fit the buffer, or one whose two lengths
+// contradict each other. The cursor then stays at that frame.
+Result<std::optional<Package>> TakePackage(BufferState* buffer);
 
 }  // namespace Tesu::Bpf

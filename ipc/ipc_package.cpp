@@ -19,17 +19,14 @@ bool CheckIpcPackageComplete(const BufferState* buffer, long long* headerLength,
         return false;
     }
     const char* frame = buffer->data + buffer->cursor;
-    uint32_t length = 0;
-    std::memcpy(&length, frame, sizeof(length));
+    const uint32_t length = ReadWord(frame);
     *packageLength = length;
     // A frame too short for a type word has none; the bytes behind it belong to the next frame.
     if (length >= sizeof(uint32_t)) {
-        uint32_t type = 0;
-        if (available < *headerLength + static_cast<long long>(sizeof(type))) {
+        if (available < *headerLength + static_cast<long long>(sizeof(uint32_t))) {
             return false;
         }
-        std::memcpy(&type, frame + IPC_FRAME_HEADER_SIZE, sizeof(type));
-        if (type != IPC_PACKAGE_REQUEST) {
+        if (ReadWord(frame + IPC_FRAME_HEADER_SIZE) != IPC_PACKAGE_REQUEST) {
             return false;
         }
     }

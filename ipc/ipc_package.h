@@ -16,6 +16,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -42,6 +43,13 @@ inline constexpr int IPC_BUFFER_SIZE = 32768;
 // The largest package that fits an empty write buffer of that size: its length word goes in front
 // and fillNextIpcPackageToBuffer leaves one byte of slack.
 inline constexpr unsigned IPC_MAX_PACKAGE_SIZE = IPC_BUFFER_SIZE - IPC_FRAME_HEADER_SIZE - 1;
+
+// The word at `bytes`, which may be unaligned.
+inline uint32_t ReadWord(const char* bytes) {
+    uint32_t word = 0;
+    std::memcpy(&word, bytes, sizeof(word));
+    return word;
+}
 
 // A request; its first 40 bytes are the head of a request body. `data` is borrowed.
 struct TesuReqIpcPackage {

@@ -2,20 +2,9 @@
 #include "ipc/ipc_package_handler.h"
 
 #include <cstdint>
-#include <cstring>
 #include <utility>
 
 #include "util/log.h"
-
-namespace {
-
-uint32_t ReadWord(const char* bytes) {
-    uint32_t word = 0;
-    std::memcpy(&word, bytes, sizeof(word));
-    return word;
-}
-
-}  // namespace
 
 IpcPackageHandler::IpcPackageHandler(const std::map<unsigned int, IpcHandlerFunction>& handlers)
     : handlers(handlers) {}

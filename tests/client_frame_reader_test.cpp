@@ -44,12 +44,13 @@ class Buffer {
     }
 
     bool read() {
-        return ReadFrames(
-            &state,
-            [this](uint32_t type, const char* body, uint32_t length) {
-                packages.emplace_back(type, std::string(body, length));
-            },
-            &error);
+        auto package = TakePackage(&state);
+        for (; package && *package; package = TakePackage(&state)) {
+            packages.emplace_back((*package)->type,
+                                  std::string((*package)->body, (*package)->length));
+        }
+        error = package ? "" : package.error();
+        return package.ok();
     }
 
     BufferState state;
