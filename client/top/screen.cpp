@@ -10,6 +10,7 @@
 #include <clocale>
 #include <csignal>
 #include <cstdlib>
+#include <utility>
 
 #include "client/top/controls.h"
 
@@ -53,6 +54,16 @@ attr_t AttributesOf(Style style, bool colour) {
     return A_NORMAL;
 }
 
+android::base::unique_fd BlockTerminalSignals() {
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    for (const int signal : {SIGWINCH, SIGTSTP, SIGHUP, SIGQUIT}) {
+        sigaddset(&blocked, signal);
+    }
+    pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+    return android::base::unique_fd(signalfd(-1, &blocked, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
 }  // namespace
 
 void ChooseCharacterSet() {
@@ -66,22 +77,18 @@ Result<std::unique_ptr<TopScreen>> TopScreen::open(bool colour) {
     if (isatty(STDIN_FILENO) != 1 || isatty(STDOUT_FILENO) != 1) {
         return Failure("standard input and output are no terminal; --batch needs none");
     }
+    // Before the screen is taken: from then on no signal may end or stop the process.
+    android::base::unique_fd signals = BlockTerminalSignals();
     if (newterm(nullptr, stdout, stdin) == nullptr) {
         const char* const terminal = std::getenv("TERM");
         return Failure(std::string("the terminal \"") + (terminal != nullptr ? terminal : "") +
                        "\" is not known here; set TERM, or use --batch");
     }
-    return std::unique_ptr<TopScreen>(new TopScreen(colour));
+    return std::unique_ptr<TopScreen>(new TopScreen(colour, std::move(signals)));
 }
 
-TopScreen::TopScreen(bool colour) : colour(colour && has_colors()) {
-    sigset_t blocked;
-    sigemptyset(&blocked);
-    for (const int signal : {SIGWINCH, SIGTSTP, SIGHUP, SIGQUIT}) {
-        sigaddset(&blocked, signal);
-    }
-    pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
-    signals.reset(signalfd(-1, &blocked, SFD_CLOEXEC | SFD_NONBLOCK));
+TopScreen::TopScreen(bool colour, android::base::unique_fd signals)
+    : colour(colour && has_colors()), signals(std::move(signals)) {
     cbreak();
     noecho();
     nonl();

@@ -47,7 +47,7 @@ class TopScreen {
     bool handleSignals();
 
   private:
-    explicit TopScreen(bool colour);
+    TopScreen(bool colour, android::base::unique_fd signals);
 
     void resize();
     void suspend();
