@@ -2,7 +2,7 @@
 find_package(GTest REQUIRED)
 include(GoogleTest)
 
-# Names the emulator to tests that start programs (support/emulator.h). It is the only variable set
+# Names the emulator to tests that start programs (support/child_process.h). It is the only variable set
 # here, because gtest_discover_tests() loses all but the first of a list; the others are the presets'.
 list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " TEST_EMULATOR)
 

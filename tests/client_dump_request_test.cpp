@@ -22,7 +22,6 @@
 #include "client/dump_request.h"
 #include "client/dump_text.h"
 #include "tests/support/child_process.h"
-#include "tests/support/emulator.h"
 #include "tests/support/test_service.h"
 #include "tests/support/wait_until.h"
 #include "util/termination_signals.h"

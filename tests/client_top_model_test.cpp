@@ -16,7 +16,7 @@
 #include "client/process_model.h"
 #include "client/sample_history.h"
 #include "client/young_exits.h"
-#include "tests/support/emulator.h"
+#include "tests/support/child_process.h"
 
 namespace Tesu::Bpf {
 namespace {

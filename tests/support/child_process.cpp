@@ -2,15 +2,18 @@
 #include "tests/support/child_process.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
+#include <pty.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utmp.h>
 
 #include <csignal>
+#include <cstdlib>
+#include <sstream>
 #include <thread>
-
-#include "tests/support/emulator.h"
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
@@ -32,30 +35,52 @@ void Drain(android::base::unique_fd& fd, std::string& text) {
 
 }  // namespace
 
-ChildProcess::ChildProcess(const std::vector<std::string>& arguments) {
-    int outputPipe[2];
-    int errorPipe[2];
-    if (pipe2(outputPipe, O_CLOEXEC) != 0 || pipe2(errorPipe, O_CLOEXEC) != 0) {
-        return;
+std::vector<std::string> EmulatorCommand() {
+    const char* const command = std::getenv("TESUBPF_EMULATOR");
+    std::istringstream words(command != nullptr ? command : "");
+    return {std::istream_iterator<std::string>(words), {}};
+}
+
+ChildProcess::ChildProcess(const std::vector<std::string>& arguments,
+                           const std::optional<Terminal>& terminal) {
+    int outputs[2] = {-1, -1};  // our end, the program's
+    int errors[2] = {-1, -1};
+    if (terminal) {
+        const winsize size{terminal->height, terminal->width, 0, 0};
+        EXPECT_EQ(openpty(&outputs[0], &outputs[1], nullptr, nullptr, &size), 0);
+        terminalFd.reset(fcntl(outputs[0], F_DUPFD_CLOEXEC, 0));
+        tcgetattr(outputs[0], &modesBefore);
+    } else {
+        EXPECT_EQ(pipe2(outputs, O_CLOEXEC) + pipe2(errors, O_CLOEXEC), 0);
     }
-    const std::vector<std::string> command = CommandLine(arguments);
+    // What is the machine's own runs without the emulator.
+    std::vector<std::string> command =
+        arguments[0].starts_with("/bin/") ? std::vector<std::string>() : EmulatorCommand();
+    command.insert(command.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
-    argv.reserve(command.size() + 1);
-    for (const std::string& argument : command) {
-        argv.push_back(const_cast<char*>(argument.c_str()));
+    for (std::string& argument : command) {
+        argv.push_back(argument.data());
     }
     argv.push_back(nullptr);
     child = fork();
     if (child == 0) {
-        dup2(outputPipe[1], STDOUT_FILENO);
-        dup2(errorPipe[1], STDERR_FILENO);
+        if (terminal) {
+            close(outputs[0]);
+            login_tty(outputs[1]);
+            setenv("TERM", terminal->kind, 1);
+            setenv("LC_ALL", "C.UTF-8", 1);
+        } else {
+            dup2(outputs[1], STDOUT_FILENO);
+            dup2(errors[1], STDERR_FILENO);
+        }
         execvp(argv[0], argv.data());
         _exit(127);
     }
-    outputFd.reset(outputPipe[0]);
-    errorFd.reset(errorPipe[0]);
-    close(outputPipe[1]);
-    close(errorPipe[1]);
+    close(outputs[1]);
+    close(errors[1]);
+    outputFd.reset(outputs[0]);
+    errorFd.reset(errors[0]);
+    fcntl(outputs[0], F_SETFD, FD_CLOEXEC);
 }
 
 ChildProcess::~ChildProcess() {
@@ -79,41 +104,29 @@ int ChildProcess::heldOutput() const {
 
 bool ChildProcess::readSome(milliseconds duration) {
     // poll() passes over negative descriptors.
-    pollfd entries[] = {
-        {.fd = outputHeld ? -1 : outputFd.get(), .events = POLLIN, .revents = 0},
-        {.fd = errorFd.get(), .events = POLLIN, .revents = 0},
-    };
+    pollfd entries[] = {{outputHeld ? -1 : outputFd.get(), POLLIN, 0}, {errorFd.get(), POLLIN, 0}};
     if (entries[0].fd == -1 && entries[1].fd == -1) {
         return false;
     }
-    if (poll(entries, 2, static_cast<int>(duration.count())) > 0) {
-        if (entries[0].revents != 0) {
-            Drain(outputFd, output);
-        }
-        if (entries[1].revents != 0) {
-            Drain(errorFd, error);
-        }
+    poll(entries, 2, static_cast<int>(duration.count()));
+    if (entries[0].revents != 0) {
+        Drain(outputFd, output);
+    }
+    if (entries[1].revents != 0) {
+        Drain(errorFd, error);
     }
     return true;
 }
 
-bool ChildProcess::waitFor(const std::string& stream, const std::string& text,
+bool ChildProcess::waitFor(const std::string& stream, size_t start, const std::string& text,
                            milliseconds patience) {
     const auto limit = steady_clock::now() + patience;
-    while (stream.find(text) == std::string::npos) {
+    while (stream.find(text, start) == std::string::npos) {
         if (steady_clock::now() >= limit || !readSome(STEP)) {
             return false;
         }
     }
     return true;
-}
-
-bool ChildProcess::waitForOutput(const std::string& text, milliseconds patience) {
-    return waitFor(output, text, patience);
-}
-
-bool ChildProcess::waitForError(const std::string& text) {
-    return waitFor(error, text, TEST_PATIENCE);
 }
 
 std::optional<int> ChildProcess::waitForExit() {
@@ -131,4 +144,20 @@ std::optional<int> ChildProcess::waitForExit() {
     while (status && steady_clock::now() < limit && readSome(STEP)) {
     }
     return status;
+}
+
+void ChildProcess::type(const std::string& keys) const {
+    EXPECT_EQ(write(terminalFd.get(), keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
+}
+
+void ChildProcess::resize(unsigned short width, unsigned short height) const {
+    const winsize size{height, width, 0, 0};
+    ioctl(terminalFd.get(), TIOCSWINSZ, &size);
+}
+
+bool ChildProcess::hasTerminalModesOfBefore() const {
+    termios now{};
+    tcgetattr(terminalFd.get(), &now);  // tells those of the program's side
+    return now.c_iflag == modesBefore.c_iflag && now.c_oflag == modesBefore.c_oflag &&
+           now.c_lflag == modesBefore.c_lflag && now.c_cc[VMIN] == modesBefore.c_cc[VMIN];
 }

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A program started by a test, with its output and error output read through pipes. Killed and
-// reaped at the latest by the destructor.
+// A program started by a test, its output and error output read through pipes, or on a terminal of
+// its own. Killed and reaped at the latest by the destructor.
 #pragma once
 
 #include <android-base/unique_fd.h>
 #include <sys/types.h>
+#include <termios.h>
 
 #include <chrono>
 #include <optional>
@@ -14,11 +15,24 @@
 
 #include "tests/support/wait_until.h"
 
+// A build for another machine runs in a user-mode emulator, which the environment names with its
+// options. It translates the program, not the kernel: what /proc tells about the program is about
+// the emulator. Empty where there is none.
+std::vector<std::string> EmulatorCommand();
+
+// The size of a terminal when the program starts, and its kind.
+struct Terminal {
+    unsigned short width = 80;
+    unsigned short height = 24;
+    const char* kind = "xterm";
+};
+
 // Used by one thread.
 class ChildProcess {
   public:
-    // arguments[0] is the program's path.
-    explicit ChildProcess(const std::vector<std::string>& arguments);
+    // arguments[0] is the program's path. On a terminal, output and error output are one.
+    explicit ChildProcess(const std::vector<std::string>& arguments,
+                          const std::optional<Terminal>& terminal = {});
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
@@ -29,24 +43,35 @@ class ChildProcess {
     void closeOutput() { outputFd.reset(); }
     // From now on the program's output is left in its pipe, until the program has ended.
     void holdOutput() { outputHeld = true; }
-
     // Bytes of output that wait in the pipe.
     int heldOutput() const;
 
     // Whether the text appears, before the patience runs out, in what the program writes.
-    bool waitForOutput(const std::string& text, std::chrono::milliseconds patience = TEST_PATIENCE);
-    bool waitForError(const std::string& text);
+    bool waitForOutput(const std::string& text,
+                       std::chrono::milliseconds patience = TEST_PATIENCE) {
+        return waitFor(output, 0, text, patience);
+    }
+    bool waitForError(const std::string& text) { return waitFor(error, 0, text, TEST_PATIENCE); }
+    // The same for what is read of the program from now on.
+    bool waitForNewOutput(const std::string& text) {
+        return waitFor(output, output.size(), text, TEST_PATIENCE);
+    }
     // Exit status, or 128 + signal number; none when it still runs after the patience.
     std::optional<int> waitForExit();
+
+    // On a terminal only; the last also when the program has ended.
+    void type(const std::string& keys) const;
+    void resize(unsigned short width, unsigned short height) const;
+    bool hasTerminalModesOfBefore() const;
 
     // What has been read so far.
     std::string output;
     std::string error;
 
   private:
-    // Reads what comes within `duration`; false when both pipes have ended.
+    // Reads what comes within `duration`; false when both outputs have ended.
     bool readSome(std::chrono::milliseconds duration);
-    bool waitFor(const std::string& stream, const std::string& text,
+    bool waitFor(const std::string& stream, size_t start, const std::string& text,
                  std::chrono::milliseconds patience);
 
     pid_t child = -1;
@@ -54,4 +79,6 @@ class ChildProcess {
     bool outputHeld = false;
     android::base::unique_fd outputFd;
     android::base::unique_fd errorFd;
+    android::base::unique_fd terminalFd;  // our side of it
+    termios modesBefore{};
 };
