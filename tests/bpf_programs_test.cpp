@@ -29,7 +29,7 @@
 #include "service/lost_records.h"
 #include "tests/support/pins.h"
 #include "tests/support/record_injector.h"
-#include "tests/support/sandbox_test.h"
+#include "tests/support/sandbox.h"
 #include "tests/support/wait_until.h"
 
 namespace Tesu::Bpf {
@@ -78,7 +78,7 @@ void WriteByte(const Pipe& pipe) {
     ASSERT_EQ(write(pipe.writeEnd.get(), "x", 1), 1);
 }
 
-class BpfTest : public SandboxTest {
+class BpfTest : public KernelTest {
   protected:
     void loadAndAttach(LoadOptions options) {
         std::string messages;

@@ -17,7 +17,7 @@
 #include "records/contract.h"
 #include "tests/support/child_process.h"
 #include "tests/support/dump_folders.h"
-#include "tests/support/sandbox_test.h"
+#include "tests/support/sandbox.h"
 #include "tests/support/wait_until.h"
 
 namespace Tesu::Bpf {
@@ -27,7 +27,7 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-class DaemonTest : public SandboxTest {
+class DaemonTest : public KernelTest {
     const DumpFolders folders{DUMP_DIR};
 };
 

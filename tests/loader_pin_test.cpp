@@ -14,7 +14,7 @@
 #include "loader/kernel_peek.h"
 #include "records/contract.h"
 #include "tests/support/pins.h"
-#include "tests/support/sandbox_test.h"
+#include "tests/support/sandbox.h"
 
 namespace Tesu::Bpf {
 namespace {
@@ -30,7 +30,7 @@ LayoutSources BuiltSources() {
     return sources;
 }
 
-class LoaderTest : public SandboxTest {
+class LoaderTest : public KernelTest {
   protected:
     void TearDown() override { unload(); }
 

@@ -12,7 +12,7 @@
 #include <thread>
 
 #include "service/tesu_bpf_service.h"
-#include "tests/support/sandbox_test.h"
+#include "tests/support/sandbox.h"
 #include "tests/support/wait_until.h"
 #include "tests/support/wire_client.h"
 
@@ -37,7 +37,7 @@ bool HasThread(const char* name) {
     return ThreadNames().count(name) > 0;
 }
 
-using ServiceLifecycleTest = SandboxTest;
+using ServiceLifecycleTest = KernelTest;
 
 TEST_F(ServiceLifecycleTest, DisabledOnlyByExactlyOne) {
     android::base::SetProperty("persist.sys.stability.bpfframework.disable", "1");

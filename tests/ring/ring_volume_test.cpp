@@ -26,7 +26,7 @@
 #include "service/ring_reader.h"
 #include "service/ring_replacement.h"
 #include "tests/bpf/inject.h"
-#include "tests/support/sandbox_test.h"
+#include "tests/support/sandbox.h"
 
 namespace Tesu::Bpf {
 namespace {
@@ -60,10 +60,10 @@ int OnRecord(void* /*ctx*/, void* data, size_t size) {
     return 0;
 }
 
-class RingVolumeTest : public SandboxTest {
+class RingVolumeTest : public KernelTest {
   protected:
     void SetUp() override {
-        SandboxTest::SetUp();
+        KernelTest::SetUp();
         if (IsSkipped()) {
             return;
         }

@@ -12,11 +12,11 @@
 #include "service/tesu_bpf_service.h"
 #include "tests/support/pins.h"
 #include "tests/support/record_injector.h"
-#include "tests/support/sandbox_test.h"
+#include "tests/support/sandbox.h"
 
 namespace Tesu::Bpf {
 
-class RunningServiceTest : public SandboxTest {
+class RunningServiceTest : public KernelTest {
   protected:
     static constexpr const char* SOCKET = "/mnt/bpfframework/tesubpfdispatcher";
 

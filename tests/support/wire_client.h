@@ -4,158 +4,143 @@
 // written from the format alone understands. Blocking; one thread at a time.
 #pragma once
 
+#include <android-base/unique_fd.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <deque>
 #include <optional>
 #include <string>
-#include <vector>
+#include <utility>
 
 class WireClient {
   public:
+    using Milliseconds = std::chrono::milliseconds;
+    static constexpr Milliseconds PATIENCE{20000};
+
+    enum : uint32_t { REQUEST = 0, RESPONSE = 1, EVENT = 3 };
     struct Package {
-        uint32_t type = 0;
+        uint32_t type = 0;  // of these
         std::string body;
     };
 
-    WireClient() = default;
-    ~WireClient() { disconnect(); }
-    WireClient(const WireClient&) = delete;
-    WireClient& operator=(const WireClient&) = delete;
-    WireClient(WireClient&& other) noexcept : fd(other.fd), received(std::move(other.received)) {
-        other.fd = -1;
-    }
-
     // Tries until the server is there or the patience is over.
-    bool connectTo(const std::string& name,
-                   std::chrono::milliseconds patience = std::chrono::seconds(20)) {
-        const auto end = std::chrono::steady_clock::now() + patience;
-        do {
-            if (tryConnect(name)) {
-                return true;
-            }
+    bool connectTo(const std::string& name) {
+        const auto end = Clock::now() + PATIENCE;
+        bool connected = tryConnect(name);
+        while (!connected && Clock::now() < end) {
             usleep(10000);
-        } while (std::chrono::steady_clock::now() < end);
-        return false;
+            connected = tryConnect(name);
+        }
+        return connected;
     }
 
+    // The name is one of the abstract namespace: a NUL stands in front of it.
     bool tryConnect(const std::string& name) {
         disconnect();
-        fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         std::memcpy(address.sun_path + 1, name.data(), name.size());
         const auto length =
             static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-        if (connect(fd, reinterpret_cast<const sockaddr*>(&address), length) == 0) {
-            return true;
-        }
-        disconnect();
-        return false;
+        fd.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        return connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), length) == 0;
     }
 
-    void disconnect() {
-        if (fd != -1) {
-            close(fd);
-            fd = -1;
-        }
-        received.clear();
-    }
+    void disconnect() { *this = WireClient(); }
 
-    int descriptor() const { return fd; }
+    int descriptor() const { return fd.get(); }
 
+    // Waits for room. False when the connection is closed.
     bool sendBytes(const std::string& bytes) const {
-        size_t sent = 0;
-        while (sent < bytes.size()) {
-            const ssize_t count = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-            if (count <= 0) {
-                return false;
-            }
-            sent += static_cast<size_t>(count);
-        }
-        return true;
+        return send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
+               static_cast<ssize_t>(bytes.size());
     }
 
+    // All integers of the format are 32 bits, little-endian.
     static std::string word(uint32_t value) {
         return {reinterpret_cast<const char*>(&value), sizeof(value)};
     }
-
-    static std::string frame(uint32_t type, const std::string& body) {
-        return word(static_cast<uint32_t>(body.size()) + 8) + word(type) +
-               word(static_cast<uint32_t>(body.size())) + body;
-    }
-
-    static std::string request(uint32_t id, std::string command, const std::string& data) {
-        command.resize(32);
-        return frame(0, word(id) + command + word(static_cast<uint32_t>(data.size())) + data);
-    }
-
-    static std::string subscription(uint32_t id, int32_t eventType) {
-        return request(id, "register-event-monitor", word(static_cast<uint32_t>(eventType)));
-    }
-
-    // The next package; nothing when the patience is over or the server hung up.
-    std::optional<Package> next(
-        std::chrono::milliseconds patience = std::chrono::milliseconds(20000)) {
-        const auto end = std::chrono::steady_clock::now() + patience;
-        while (true) {
-            if (auto package = takePackage()) {
-                return package;
-            }
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                end - std::chrono::steady_clock::now());
-            pollfd readable{.fd = fd, .events = POLLIN, .revents = 0};
-            if (poll(&readable, 1, left.count() > 0 ? static_cast<int>(left.count()) : 0) <= 0 ||
-                !receiveMore()) {
-                return std::nullopt;
-            }
-        }
-    }
-
-    // Whether the server closes the connection within the patience; what it sends is dropped.
-    bool isClosedByServer(std::chrono::milliseconds patience = std::chrono::milliseconds(20000)) {
-        const auto end = std::chrono::steady_clock::now() + patience;
-        while (std::chrono::steady_clock::now() < end) {
-            pollfd readable{.fd = fd, .events = POLLIN, .revents = 0};
-            if (poll(&readable, 1, 50) > 0 && !receiveMore()) {
-                return true;
-            }
-        }
-        return false;
-    }
-
-    // Subscribes and waits for the reply: its result, or nothing.
-    std::optional<int32_t> subscribe(int32_t eventType, uint32_t id = 1) {
-        if (!sendBytes(subscription(id, eventType))) {
-            return std::nullopt;
-        }
-        const auto reply = next();
-        if (!reply || reply->type != 1 || reply->body.size() != 12 ||
-            wordAt(reply->body, 0) != id || wordAt(reply->body, 8) != 0) {
-            return std::nullopt;
-        }
-        return static_cast<int32_t>(wordAt(reply->body, 4));
-    }
-
     static uint32_t wordAt(const std::string& bytes, size_t offset) {
         uint32_t value = 0;
         std::memcpy(&value, bytes.data() + offset, sizeof(value));
         return value;
     }
 
-  private:
-    std::optional<Package> takePackage() {
-        if (received.size() - consumed < 4) {
-            return std::nullopt;
+    // Length of what follows, then the package: type, length of the body, body.
+    static std::string frame(uint32_t type, const std::string& body) {
+        const auto length = static_cast<uint32_t>(body.size());
+        return word(length + 8) + word(type) + word(length) + body;
+    }
+    static std::string request(uint32_t id, std::string command, const std::string& data) {
+        command.resize(32);
+        const std::string head = word(id) + command + word(static_cast<uint32_t>(data.size()));
+        return frame(REQUEST, head + data);
+    }
+    static std::string subscription(uint32_t id, int32_t eventType) {
+        return request(id, "register-event-monitor", word(static_cast<uint32_t>(eventType)));
+    }
+
+    // Subscribes and waits for the reply: 0 accepted, -1 refused; nothing when none came.
+    std::optional<int32_t> subscribe(int32_t eventType, uint32_t id = 1) {
+        return sendBytes(subscription(id, eventType)) ? reply(id) : std::nullopt;
+    }
+
+    // The result in the reply to a request. Events of earlier subscriptions may come before it:
+    // they are kept for next(). Replies come in the order of their requests.
+    std::optional<int32_t> reply(uint32_t id) {
+        const auto end = Clock::now() + PATIENCE;
+        while (auto package = receive(end)) {
+            const std::string& body = package->body;
+            if (package->type == RESPONSE && body.size() >= 12 && wordAt(body, 0) == id) {
+                return static_cast<int32_t>(wordAt(body, 4));
+            }
+            kept.push_back(std::move(*package));
         }
-        const uint32_t length = wordAt(received, consumed);
-        if (length < 8 || received.size() - consumed < 4 + size_t{length}) {
+        return std::nullopt;
+    }
+
+    // The next package; nothing when the patience is over or the server hung up.
+    std::optional<Package> next(Milliseconds patience = PATIENCE) {
+        if (kept.empty()) {
+            return receive(Clock::now() + patience);
+        }
+        std::optional<Package> package = std::move(kept.front());
+        kept.pop_front();
+        return package;
+    }
+
+    // Whether the server closes the connection within the patience; what it sends is dropped.
+    bool isClosedByServer() {
+        const auto end = Clock::now() + PATIENCE;
+        while (receiveMore(end)) {
+        }
+        return closed;
+    }
+
+  private:
+    using Clock = std::chrono::steady_clock;
+
+    std::optional<Package> receive(Clock::time_point end) {
+        std::optional<Package> package = takePackage();
+        while (!package && receiveMore(end)) {
+            package = takePackage();
+        }
+        return package;
+    }
+
+    // Nothing when no whole package is there.
+    std::optional<Package> takePackage() {
+        const size_t available = received.size() - consumed;
+        const uint32_t length = available < 4 ? 0 : wordAt(received, consumed);
+        if (length < 8 || available < 4 + size_t{length}) {
             return std::nullopt;
         }
         Package package{.type = wordAt(received, consumed + 4),
@@ -164,19 +149,24 @@ class WireClient {
         return package;
     }
 
-    bool receiveMore() {
-        received.erase(0, consumed);
-        consumed = 0;
-        char bytes[65536];
-        const ssize_t count = recv(fd, bytes, sizeof(bytes), 0);
-        if (count <= 0) {
+    // False when nothing came in time or the connection is closed.
+    bool receiveMore(Clock::time_point end) {
+        const auto left = std::chrono::duration_cast<Milliseconds>(end - Clock::now());
+        pollfd readable{.fd = fd.get(), .events = POLLIN, .revents = 0};
+        if (poll(&readable, 1, std::max(0, static_cast<int>(left.count()))) <= 0) {
             return false;
         }
-        received.append(bytes, static_cast<size_t>(count));
-        return true;
+        received.erase(0, std::exchange(consumed, 0));
+        char bytes[65536];
+        const ssize_t count = recv(fd.get(), bytes, sizeof(bytes), 0);
+        closed = count <= 0;
+        received.append(bytes, closed ? 0 : static_cast<size_t>(count));
+        return !closed;
     }
 
-    int fd = -1;
-    std::string received;
+    android::base::unique_fd fd;
+    bool closed = false;   // by the server
+    std::string received;  // the part before `consumed` has been taken
     size_t consumed = 0;
+    std::deque<Package> kept;
 };
