@@ -4,12 +4,13 @@
 #include <android-base/unique_fd.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <memory>
 
-#include "service/tesu_bpf_service.h"
 #include "util/string_util.h"
 
 namespace Tesu::Bpf {
@@ -37,10 +38,8 @@ bool ForEachEntry(const std::string& folder, Visit visit) {
 
 }  // namespace
 
-std::string ProcPath(const std::string& procRoot, const std::string& pathTemplate,
-                     const std::string& pid) {
-    const char* const tail = pathTemplate.c_str() + TesuBpfService::PROC_FS_PATH.size();
-    return procRoot + StringPrintf(tail, pid.c_str());
+std::string ProcPath(const std::string& procRoot, const std::string& pid, const char* entry) {
+    return procRoot + "/" + pid + "/" + entry;
 }
 
 bool ReadProcFile(const std::string& path, std::string* text) {
@@ -63,25 +62,21 @@ bool ReadProcFile(const std::string& path, std::string* text) {
     }
 }
 
-std::optional<ProcStatus> ReadProcStatus(const std::string& path, std::string* buffer) {
-    if (!ReadProcFile(path, buffer)) {
-        return std::nullopt;
-    }
-    if (buffer->empty()) {
-        errno = ESRCH;
-        return std::nullopt;
-    }
-    return ParseProcStatus(*buffer);
-}
-
 bool ForEachProcess(const std::string& procRoot,
                     const std::function<bool(const std::string& pid)>& visit) {
     return ForEachEntry(procRoot,
                         [&](const std::string& name) { return !IsDigits(name) || visit(name); });
 }
 
-std::optional<uint64_t> CountEntries(const std::string& folder) {
-    uint64_t count = 0;
+std::optional<int64_t> CountEntries(const std::string& folder) {
+    // Kernels since 6.2 give the number of descriptors as the size of /proc/PID/fd.
+    struct stat status {};
+    struct statfs fileSystem {};
+    if (stat(folder.c_str(), &status) == 0 && status.st_size > 0 &&
+        statfs(folder.c_str(), &fileSystem) == 0 && fileSystem.f_type == PROC_SUPER_MAGIC) {
+        return status.st_size;
+    }
+    int64_t count = 0;
     const bool opened = ForEachEntry(folder, [&](const char* name) {
         count += name[0] != '.' ? 1 : 0;
         return true;

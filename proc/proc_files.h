@@ -12,24 +12,20 @@
 
 namespace Tesu::Bpf {
 
-// A path below `procRoot` from one of the service's templates, which are written for /proc.
-std::string ProcPath(const std::string& procRoot, const std::string& pathTemplate,
-                     const std::string& pid);
+// PROCROOT/PID/ENTRY.
+std::string ProcPath(const std::string& procRoot, const std::string& pid, const char* entry);
 
 // The whole file into `text`, whose memory is reused from file to file. False when it cannot be
 // opened or, its process having gone since, cannot be read; errno says why.
 bool ReadProcFile(const std::string& path, std::string* text);
-
-// Nothing, with errno, when the process has gone. `buffer` is for ReadProcFile.
-std::optional<ProcStatus> ReadProcStatus(const std::string& path, std::string* buffer);
 
 // Calls `visit` with the name of each process (its id in decimal) below `procRoot`, in the order of
 // the folder, until it answers false. False when the folder cannot be read.
 bool ForEachProcess(const std::string& procRoot,
                     const std::function<bool(const std::string& pid)>& visit);
 
-// Number of entries of a folder whose name does not begin with a dot; nothing when it cannot be
-// opened.
-std::optional<uint64_t> CountEntries(const std::string& folder);
+// Number of entries of a folder whose name does not begin with a dot: of /proc/PID/fd, the open
+// descriptors. Nothing when it cannot be opened.
+std::optional<int64_t> CountEntries(const std::string& folder);
 
 }  // namespace Tesu::Bpf

@@ -8,29 +8,27 @@
 #include <system_error>
 #include <vector>
 
-#include "service/tesu_bpf_service.h"
 #include "util/string_util.h"
 
 namespace Tesu::Bpf {
 
 namespace {
 
-constexpr size_t STAT_FIELD_COUNT = 22;
+// Fields of /proc/PID/stat, counted from 0: the process id, its name, its state, ...
 constexpr size_t STAT_THREAD_NUM = 19;
 constexpr size_t STAT_START_TICKS = 21;
+constexpr size_t STAT_FIELD_COUNT = 22;
+// The same, counted from the state.
+constexpr size_t STATE = 0;
+constexpr size_t PPID = 1;
+constexpr size_t FLAGS = 6;
+constexpr size_t THREADS = STAT_THREAD_NUM - 2;
+constexpr size_t START_TICKS = STAT_START_TICKS - 2;
 
 constexpr size_t MAPS_FIELD_COUNT = 6;
 constexpr size_t MAPS_RANGE = 0;
 constexpr size_t MAPS_INODE = 4;
 constexpr size_t MAPS_PATH = 5;
-
-// The line's text behind a prefix of that length, when the line contains the prefix.
-std::optional<std::string_view> ValueOf(std::string_view line, const std::string& prefix) {
-    if (line.find(prefix) == std::string_view::npos) {
-        return std::nullopt;
-    }
-    return line.substr(prefix.size());
-}
 
 int64_t ParseKilobytes(std::string_view text) {
     return static_cast<int64_t>(static_cast<uint64_t>(ParseNumber(text)) << 10);
@@ -41,21 +39,35 @@ void CopyName(std::string_view name, char (&comm)[TESU_COMM_LEN]) {
     std::memcpy(comm, name.data(), std::min(name.size(), sizeof(comm) - 1));
 }
 
+// The first prefix that the line contains decides; the value stands behind a prefix's length.
 void ParseStatusLine(std::string_view line, ProcStatus* status) {
-    using Service = TesuBpfService;
-    if (const auto value = ValueOf(line, Service::TASK_COMM_PREFIX)) {
+    static constexpr struct {
+        std::string_view prefix;
+        RssMember member;
+    } SIZES[] = {{STATUS_RSS_ANON, RSS_ANON},
+                 {STATUS_RSS_FILE, RSS_FILE},
+                 {STATUS_RSS_SHMEM, RSS_SHMEM},
+                 {STATUS_SWAP, RSS_SWAP}};
+    const auto valueOf = [line](std::string_view prefix) {
+        return line.find(prefix) == std::string_view::npos
+                   ? std::optional<std::string_view>()
+                   : std::optional(line.substr(prefix.size()));
+    };
+    if (const auto value = valueOf(STATUS_NAME)) {
         CopyName(*value, status->comm);
-    } else if (const auto value = ValueOf(line, Service::TASK_PPID_PREFIX)) {
+        return;
+    }
+    if (const auto value = valueOf(STATUS_PPID)) {
         status->ppid = static_cast<int32_t>(ParseNumber(*value));
-    } else if (const auto value = ValueOf(line, Service::TASK_RSS_ANON_PREFIX)) {
-        status->rssAnonSize = ParseKilobytes(*value);
-    } else if (const auto value = ValueOf(line, Service::TASK_RSS_FILE_PREFIX)) {
-        status->rssFileSize = ParseKilobytes(*value);
-    } else if (const auto value = ValueOf(line, Service::TASK_RSS_SHMEM_PREFIX)) {
-        status->rssShmemSize = ParseKilobytes(*value);
-    } else if (const auto value = ValueOf(line, Service::TASK_VM_SWAP_PREFIX)) {
-        status->swapSize = ParseKilobytes(*value);
-    } else if (const auto value = ValueOf(line, Service::TASK_PROC_UID_PREFIX)) {
+        return;
+    }
+    for (const auto& size : SIZES) {
+        if (const auto value = valueOf(size.prefix)) {
+            status->rss[size.member] = ParseKilobytes(*value);
+            return;
+        }
+    }
+    if (const auto value = valueOf(STATUS_UID)) {
         status->uid = static_cast<int32_t>(ParseNumber(*value));
     }
 }
@@ -78,17 +90,21 @@ int64_t ParseNumber(std::string_view text, int base) {
 }
 
 ProcStatus ParseProcStatus(std::string_view text) {
-    constexpr std::string_view STATE = "State:\t";
-    constexpr std::string_view THREADS = "Threads:\t";
+    constexpr std::string_view STATE_LINE = "State:\t";
+    constexpr std::string_view THREADS_LINE = "Threads:\t";
+    constexpr std::string_view CAUGHT_LINE = "SigCgt:\t";
     ProcStatus status;
     bool hasEnded = false;  // the first thread
     int64_t threads = 0;    // the first thread included
     ForEachLine(text, [&](std::string_view line) {
         ParseStatusLine(line, &status);
-        if (line.starts_with(STATE)) {
-            hasEnded = line.find_first_of("ZX", STATE.size()) == STATE.size();
-        } else if (line.starts_with(THREADS)) {
-            threads = ParseNumber(line.substr(THREADS.size()));
+        if (line.starts_with(STATE_LINE)) {
+            hasEnded = line.find_first_of("ZX", STATE_LINE.size()) == STATE_LINE.size();
+        } else if (line.starts_with(THREADS_LINE)) {
+            threads = ParseNumber(line.substr(THREADS_LINE.size()));
+        } else if (line.starts_with(CAUGHT_LINE)) {
+            std::from_chars(line.data() + CAUGHT_LINE.size(), line.data() + line.size(),
+                            status.caughtSignals, 16);
         }
     });
     status.isZombie = hasEnded && threads <= 1;
@@ -96,23 +112,46 @@ ProcStatus ParseProcStatus(std::string_view text) {
 }
 
 std::optional<ProcStat> ParseProcStat(std::string_view text) {
+    // A name may hold blanks, brackets and line ends; it ends at the last bracket.
+    const size_t nameStart = text.find('(');
+    const size_t nameEnd = text.rfind(')');
+    if (nameStart == std::string_view::npos || nameEnd == std::string_view::npos ||
+        nameEnd < nameStart) {
+        return std::nullopt;
+    }
+    const std::vector<std::string> fields = Split(std::string(text.substr(nameEnd + 1)), " ");
+    if (fields.size() <= START_TICKS) {
+        return std::nullopt;
+    }
+    return ProcStat{.pid = static_cast<int32_t>(ParseNumber(text)),
+                    .name = text.substr(nameStart + 1, nameEnd - nameStart - 1),
+                    .state = fields[STATE].front(),
+                    .ppid = static_cast<int32_t>(ParseNumber(fields[PPID])),
+                    .flags = static_cast<uint32_t>(ParseNumber(fields[FLAGS])),
+                    .threadNum = static_cast<int32_t>(ParseNumber(fields[THREADS])),
+                    .startTicks = ParseNumber(fields[START_TICKS])};
+}
+
+std::optional<ProcStat> ParseProcStatAtBlanks(std::string_view text) {
     const std::vector<std::string> fields =
         Split(std::string(text.substr(0, text.find('\n'))), " ");
     if (fields.size() < STAT_FIELD_COUNT) {
         return std::nullopt;
     }
-    return ProcStat{.threadNum = static_cast<int32_t>(ParseNumber(fields[STAT_THREAD_NUM])),
-                    .startTicks = ParseNumber(fields[STAT_START_TICKS])};
+    ProcStat stat;
+    stat.threadNum = static_cast<int32_t>(ParseNumber(fields[STAT_THREAD_NUM]));
+    stat.startTicks = ParseNumber(fields[STAT_START_TICKS]);
+    return stat;
 }
 
 std::optional<DmabufMapping> ParseDmabufMapping(std::string_view mapsLine) {
-    const std::string& prefix = TesuBpfService::TASK_DMABUF_PREFIX;
     // Nearly every line ends here, before it is taken apart.
-    if (mapsLine.find(prefix) == std::string_view::npos) {
+    if (mapsLine.find(MAPS_DMABUF) == std::string_view::npos) {
         return std::nullopt;
     }
     const std::vector<std::string> fields = Split(std::string(mapsLine), " ");
-    if (fields.size() != MAPS_FIELD_COUNT || fields[MAPS_PATH].find(prefix) == std::string::npos) {
+    if (fields.size() != MAPS_FIELD_COUNT ||
+        fields[MAPS_PATH].find(MAPS_DMABUF) == std::string::npos) {
         return std::nullopt;
     }
     const std::vector<std::string> range = Split(fields[MAPS_RANGE], "-");

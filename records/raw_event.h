@@ -39,6 +39,9 @@ enum RawEventType {
     RAW_EVENT_TYPE_COUNT = 7
 };
 
+/* Kinds of resident memory: values of member in RSS records, as the kernel numbers them. */
+enum RssMember { RSS_FILE = 0, RSS_ANON = 1, RSS_SWAP = 2, RSS_SHMEM = 3, RSS_MEMBER_COUNT = 4 };
+
 /* Values of taskType in create and exit records. */
 enum RawTaskType { RAW_TASK_PROCESS = 1, RAW_TASK_THREAD = 2 };
 
@@ -72,7 +75,7 @@ static_assert(offsetof(struct RawTesuTaskInitEvent, startTime) == 80, "wire layo
 struct RawRssStatEvent {
     struct RawEventHeader header;
     int32_t pid;    /* process id */
-    int32_t member; /* 0 file, 1 anonymous, 2 swap, 3 shared memory, as the kernel counts them */
+    int32_t member; /* RssMember */
     int64_t size;   /* bytes of that kind now */
 };
 static_assert(sizeof(struct RawRssStatEvent) == 32, "wire layout");

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The service's paths, prefixes and program tables. One file, so that they are built in this order.
+#include "proc/proc_text.h"
 #include "records/contract.h"
 #include "service/tesu_bpf_service.h"
 
@@ -13,14 +14,14 @@ const std::string TesuBpfService::TASK_STATUS_PID_TEMPLATE = PROC_FS_PATH + "/%d
 const std::string TesuBpfService::TASK_STAT_TEMPLATE = PROC_FS_PATH + "/%s/stat";
 const std::string TesuBpfService::TASK_MAPS_TEMPLATE = PROC_FS_PATH + "/%s/maps";
 const std::string TesuBpfService::TASK_FD_TEMPLATE = PROC_FS_PATH + "/%s/fd";
-const std::string TesuBpfService::TASK_COMM_PREFIX = "Name:\t";
-const std::string TesuBpfService::TASK_PPID_PREFIX = "PPid:\t";
-const std::string TesuBpfService::TASK_RSS_ANON_PREFIX = "RssAnon:\t";
-const std::string TesuBpfService::TASK_RSS_FILE_PREFIX = "RssFile:\t";
-const std::string TesuBpfService::TASK_RSS_SHMEM_PREFIX = "RssShmem:\t";
-const std::string TesuBpfService::TASK_VM_SWAP_PREFIX = "VmSwap:\t";
-const std::string TesuBpfService::TASK_PROC_UID_PREFIX = "Uid:\t";
-const std::string TesuBpfService::TASK_DMABUF_PREFIX = "/dmabuf";
+const std::string TesuBpfService::TASK_COMM_PREFIX = STATUS_NAME;
+const std::string TesuBpfService::TASK_PPID_PREFIX = STATUS_PPID;
+const std::string TesuBpfService::TASK_RSS_ANON_PREFIX = STATUS_RSS_ANON;
+const std::string TesuBpfService::TASK_RSS_FILE_PREFIX = STATUS_RSS_FILE;
+const std::string TesuBpfService::TASK_RSS_SHMEM_PREFIX = STATUS_RSS_SHMEM;
+const std::string TesuBpfService::TASK_VM_SWAP_PREFIX = STATUS_SWAP;
+const std::string TesuBpfService::TASK_PROC_UID_PREFIX = STATUS_UID;
+const std::string TesuBpfService::TASK_DMABUF_PREFIX = MAPS_DMABUF;
 const std::string TesuBpfService::BPF_FS_PATH = TESU_PIN_DIR "/";
 const std::string TesuBpfService::TESU_BPF_READY = READY_PROPERTY;
 const std::string TesuBpfService::KERNEL_VERSION_PROP = KERNEL_VERSION_PROPERTY;

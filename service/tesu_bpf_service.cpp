@@ -53,7 +53,15 @@ TesuBpfService* TesuBpfService::GetInstance() {
 }
 
 TesuBpfService::TesuBpfService()
-    : refreshNames{"main", "re-initialized>"}, stopFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+    : refreshNames{"main", "re-initialized>"},
+      taskHandlers(
+          TesuTaskManager::GetInstance(), &refreshNames,
+          [](const void* notification, uint32_t size) {
+              EventManager::GetInstance()->AppendEvent(static_cast<const char*>(notification),
+                                                       size);
+          },
+          getProcessInfo),
+      stopFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
     IpcHandlerState callbacks;
     callbacks.saveUnuseBuffer = true;
     callbacks.closeOnError = true;

@@ -10,8 +10,7 @@
 // A service that was stopped is not started again, and the object is never destroyed.
 //
 // Threads: "BpfServicePoll" runs eventProduceThread, "BpfServicePGpl" gpleventProduceThread,
-// "BpfServiceTr" (the socket loop) the client callbacks. The class is declared here once; its
-// members are defined in the folder of their subsystem: service/, task/, events/.
+// "BpfServiceTr" (the socket loop) the client callbacks.
 //
 // Host properties that are read: "persist.sys.stability.bpfframework.disable" ("1" disables the
 // service), "sys.tesu_bpf_ready" ("0": programs are not pinned yet), "ro.kernel.version" ("6.1"
@@ -40,6 +39,7 @@
 #include "ipc/ipc_package_handler.h"
 #include "ipc/unix_ipc_manager.h"
 #include "service/bpf_program.h"
+#include "task/task_event_handlers.h"
 #include "util/export.h"
 
 namespace Tesu::Bpf {
@@ -53,13 +53,6 @@ TESU_API bool BpfServiceMain();
 
 // Index of a ring buffer in the service's arrays.
 enum RingIndex { RING_CORE = 0, RING_GPL = 1, RING_COUNT = 2 };
-
-// What getProcessInfo reads from /proc/PID/status.
-struct UpdateProcessExdata {
-    int32_t pid = 0;
-    int32_t ppid = 0;
-    char comm[16] = {};  // NUL-terminated
-};
 
 class TESU_API TesuBpfService {
   public:
@@ -187,6 +180,7 @@ class TESU_API TesuBpfService {
     // construction, so refreshLock is taken by nobody.
     std::set<std::string> refreshNames;
     std::mutex refreshLock;
+    TaskEventHandlers taskHandlers;
     // Handles are guarded by servicelock.
     std::thread eventThread;
     std::thread gplEventThread;

@@ -8,8 +8,8 @@
 #include <cstring>
 
 #include "proc/proc_files.h"
+#include "proc/proc_text.h"
 #include "records/contract.h"
-#include "service/tesu_bpf_service.h"
 #include "util/log.h"
 
 namespace Tesu::Bpf {
@@ -42,19 +42,17 @@ class PinnedMap {
 
 void ScanOpenFds(const std::string& procRoot, const KeepScanning& keepScanning,
                  const std::function<void(const OpenFdCaller&)>& take) {
-    std::string buffer;
+    std::string text;
     ForEachProcess(procRoot, [&](const std::string& pid) {
         if (!keepScanning()) {
             return false;
         }
-        const auto status =
-            ReadProcStatus(ProcPath(procRoot, TesuBpfService::TASK_STATUS_TEMPLATE, pid), &buffer);
-        if (!status) {
+        if (!ReadProcFile(ProcPath(procRoot, pid, "status"), &text)) {
             TESU_LOGD(TESU_LOG_SERVICE,
                       "[TESUBPFDEBUG] [TesuBpfService][INIT] FdINFO not exists, so we skip it");
             return true;
         }
-        const std::string folder = ProcPath(procRoot, TesuBpfService::TASK_FD_TEMPLATE, pid);
+        const std::string folder = ProcPath(procRoot, pid, "fd");
         const auto count = CountEntries(folder);
         if (!count) {
             TESU_LOGD(TESU_LOG_SERVICE,
@@ -65,9 +63,8 @@ void ScanOpenFds(const std::string& procRoot, const KeepScanning& keepScanning,
         }
         OpenFdCaller caller{};
         caller.pid = static_cast<uint32_t>(ParseNumber(pid));
-        caller.openFds = *count;
-        caller.reportedFds = *count;
-        std::memcpy(caller.comm, status->comm, sizeof(caller.comm));
+        caller.openFds = caller.reportedFds = static_cast<uint64_t>(*count);
+        std::memcpy(caller.comm, ParseProcStatus(text).comm, sizeof(caller.comm));
         take(caller);
         return true;
     });
@@ -75,13 +72,13 @@ void ScanOpenFds(const std::string& procRoot, const KeepScanning& keepScanning,
 
 void ScanDmabufs(const std::string& procRoot, const KeepScanning& keepScanning,
                  const DmabufSink& sink) {
-    std::string buffer;
+    std::string text;
     ForEachProcess(procRoot, [&](const std::string& name) {
         if (!keepScanning()) {
             return false;
         }
-        const std::string path = ProcPath(procRoot, TesuBpfService::TASK_MAPS_TEMPLATE, name);
-        if (!ReadProcFile(path, &buffer)) {
+        const std::string path = ProcPath(procRoot, name, "maps");
+        if (!ReadProcFile(path, &text)) {
             TESU_LOGD(TESU_LOG_SERVICE,
                       "[TESUBPFDEBUG] [TesuBpfService][INIT-DMA] Task not exists, so we skip it "
                       "(%s)",
@@ -90,7 +87,7 @@ void ScanDmabufs(const std::string& procRoot, const KeepScanning& keepScanning,
         }
         const auto pid = static_cast<int32_t>(ParseNumber(name));
         uint64_t total = 0;
-        ForEachLine(buffer, [&](std::string_view line) {
+        ForEachLine(text, [&](std::string_view line) {
             if (const auto mapping = ParseDmabufMapping(line)) {
                 sink.takeMapping(mapping->inode,
                                  {.pid = pid, .reserved = 0, .size = mapping->size});
@@ -104,7 +101,7 @@ void ScanDmabufs(const std::string& procRoot, const KeepScanning& keepScanning,
     });
 }
 
-int TesuBpfService::initFdBpfProg() {
+int SeedOpenFdMap(const std::string& procRoot, const KeepScanning& keepScanning) {
     TESU_LOGE(TESU_LOG_SERVICE, "[TesuBpfService][INIT] update open_fd_caller_map !");
     const PinnedMap<uint32_t, OpenFdCaller> openFds(OPEN_FD_MAP);
     if (!openFds.ok()) {
@@ -114,16 +111,14 @@ int TesuBpfService::initFdBpfProg() {
                   openFds.descriptor(), strerror(errno));
         return -1;
     }
-    ScanOpenFds(
-        PROC_FS_PATH, [this] { return !stopped; },
-        [&](const OpenFdCaller& caller) {
-            openFds.update(caller.pid, caller,
-                           "[TesuBpfService][INIT] update open_fd_caller_map failed! %s");
-        });
+    ScanOpenFds(procRoot, keepScanning, [&](const OpenFdCaller& caller) {
+        openFds.update(caller.pid, caller,
+                       "[TesuBpfService][INIT] update open_fd_caller_map failed! %s");
+    });
     return 0;
 }
 
-int TesuBpfService::initDmabufBpfProg() {
+int SeedDmabufMaps(const std::string& procRoot, const KeepScanning& keepScanning) {
     const PinnedMap<uint64_t, DmabufAllocation> allocations(DMABUF_ALLOCATE_MAP);
     const PinnedMap<int32_t, int64_t> totals(DMABUF_SIZE_MAP);
     if (!allocations.ok() || !totals.ok()) {
@@ -133,7 +128,7 @@ int TesuBpfService::initDmabufBpfProg() {
             allocations.descriptor(), totals.descriptor(), strerror(errno));
         return -1;
     }
-    ScanDmabufs(PROC_FS_PATH, [this] { return !stopped; },
+    ScanDmabufs(procRoot, keepScanning,
                 {.takeMapping =
                      [&](uint64_t inode, const DmabufAllocation& allocation) {
                          allocations.update(

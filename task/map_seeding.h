@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Describes what processes already hold, for the maps in which the eBPF programs go on counting.
+//
+// Each scan takes the root of /proc, or of a tree that stands in for it.
 #pragma once
 
 #include <cstdint>
@@ -28,5 +30,9 @@ struct DmabufSink {
 };
 void ScanDmabufs(const std::string& procRoot, const KeepScanning& keepScanning,
                  const DmabufSink& sink);
+
+// Put what a scan finds into the programs' pinned maps. 0; -1, logged, when a map cannot be opened.
+int SeedOpenFdMap(const std::string& procRoot, const KeepScanning& keepScanning);
+int SeedDmabufMaps(const std::string& procRoot, const KeepScanning& keepScanning);
 
 }  // namespace Tesu::Bpf

@@ -1,25 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-//
-// Keeps the task table current from the kernel's records, and tells clients of what changed.
-//
-// A handler holds the table's lock over its whole update of a record; a notification is built under
-// it and sent after.
-#include <algorithm>
-#include <cerrno>
-#include <climits>
-#include <cstring>
-#include <optional>
-#include <string>
+#include "task/task_event_handlers.h"
 
-#include "events/event_manager.h"
-#include "proc/proc_files.h"
+#include <algorithm>
+#include <cstring>
+#include <mutex>
+#include <optional>
+#include <utility>
+
 #include "records/notification.h"
-#include "records/raw_event.h"
-#include "records/read_prefix.h"
-#include "service/tesu_bpf_service.h"
-#include "task/tesu_bpf_task_manager.h"
 #include "util/log.h"
-#include "util/string_util.h"
 #include "util/time_util.h"
 
 namespace Tesu::Bpf {
@@ -45,13 +34,7 @@ constexpr int64_t TesuTask::*RSS_SIZES[] = {&TesuTask::rssFileSize, &TesuTask::r
 constexpr int64_t TesuTask::*RSS_OLD_SIZES[] = {
     &TesuTask::rssFileOldSize, &TesuTask::rssAnonOldSize, &TesuTask::rssSwapOldSize,
     &TesuTask::rssShmemOldSize};
-constexpr int32_t RSS_MEMBER_COUNT = std::size(RSS_SIZES);
-
-template <class Notification>
-void Send(const Notification& notification) {
-    EventManager::GetInstance()->AppendEvent(reinterpret_cast<const char*>(&notification),
-                                             sizeof(notification));
-}
+static_assert(std::size(RSS_SIZES) == RSS_MEMBER_COUNT);
 
 void CopyComm(char (&to)[TESU_COMM_LEN], const char (&from)[TESU_COMM_LEN]) {
     std::memcpy(to, from, TESU_COMM_LEN);
@@ -83,72 +66,6 @@ std::optional<ThreadCountNotification> TakeThreadReport(TesuTask* task, int64_t 
                                          .threadNum = task->threadNum};
     task->oldThreadNum = task->threadNum;
     return report;
-}
-
-// A thread came (step 1) or went (step -1) at `time`. What the table learned of the process at
-// that time or later has the thread counted already.
-void CountThread(int32_t pid, int64_t time, int32_t step) {
-    std::optional<ThreadCountNotification> report;
-    {
-        std::lock_guard lock(TesuTaskManager::tesuTaskManagerLock);
-        TesuTask* task = TesuTaskManager::GetInstance()->GetTesuTask(pid);
-        if (task == nullptr || task->createEventTime >= time) {
-            return;
-        }
-        task->threadNum = Add(task->threadNum, step);
-        report = TakeThreadReport(task, time);
-    }
-    if (report) {
-        Send(*report);
-    }
-}
-
-std::optional<ProcessCreatedNotification> AddCreatedProcess(const RawTaskCreateEvent& event) {
-    std::lock_guard lock(TesuTaskManager::tesuTaskManagerLock);
-    TesuTaskManager* manager = TesuTaskManager::GetInstance();
-    if (manager->GetTesuTask(event.pid) != nullptr) {
-        return std::nullopt;
-    }
-    TesuTask task;
-    task.pid = event.pid;
-    task.ppid = event.ppid;
-    task.uid = event.uid;
-    task.threadNum = 1;
-    task.oldThreadNum = 1;
-    CopyComm(task.comm, event.comm);
-    task.initTimeStamp = static_cast<int64_t>(GetSystemSecondsTime());
-    task.createEventTime = event.header.time;
-    if (event.ppid == 0) {
-        UpdateProcessExdata present;
-        if (TesuBpfService::getProcessInfo(event.pid, &present) == 0) {
-            task.ppid = present.ppid;
-            CopyComm(task.comm, present.comm);
-        }
-    }
-    manager->AddTesuTask(event.pid, task);
-
-    ProcessCreatedNotification created{.type = NOTIFICATION_PROCESS_CREATED,
-                                       .pid = task.pid,
-                                       .ppid = task.ppid,
-                                       .uid = task.uid,
-                                       .comm = {}};
-    CopyComm(created.comm, task.comm);
-    return created;
-}
-
-// Reads name and parent again; at most once per interval, whether or not that succeeds.
-void RefreshIfDue(TesuTask* task) {
-    const auto elapsed = static_cast<int64_t>(
-        GetSystemSecondsTime() - static_cast<unsigned long long>(task->lastRefreshTime));
-    if (elapsed < REFRESH_INTERVAL) {
-        return;
-    }
-    UpdateProcessExdata present;
-    if (TesuBpfService::getProcessInfo(task->pid, &present) == 0) {
-        task->ppid = present.ppid;
-        CopyComm(task->comm, present.comm);
-    }
-    task->lastRefreshTime = static_cast<int64_t>(GetSystemSecondsTime());
 }
 
 // Whether the sizes moved by at least the report step since the last report, all together.
@@ -195,8 +112,15 @@ std::optional<MemoryNotification> TakeMemoryReport(TesuTask* task, int64_t time)
 
 }  // namespace
 
-int TesuBpfService::handleTesuTaskInitEvent(char* data, int64_t size) {
-    const auto event = ReadPrefix<RawTesuTaskInitEvent>(data, size);
+TaskEventHandlers::TaskEventHandlers(TesuTaskManager* table,
+                                     const std::set<std::string>* refreshNames, Emit emit,
+                                     ReadProcess readProcess)
+    : table(table),
+      refreshNames(refreshNames),
+      emit(std::move(emit)),
+      readProcess(std::move(readProcess)) {}
+
+void TaskEventHandlers::onTaskInit(const RawTesuTaskInitEvent& event) {
     TesuTask task;
     task.pid = event.pid;
     task.ppid = event.ppid;
@@ -211,89 +135,123 @@ int TesuBpfService::handleTesuTaskInitEvent(char* data, int64_t size) {
     task.initTimeStamp = event.startTime;
     task.createEventTime = event.header.time;
     std::lock_guard lock(TesuTaskManager::tesuTaskManagerLock);
-    TesuTaskManager::GetInstance()->AddTesuTask(event.pid, task);
-    return 0;
+    table->AddTesuTask(event.pid, task);
 }
 
-int TesuBpfService::handleSched_SchedProcessFork(char* data, int64_t size) {
-    const auto event = ReadPrefix<RawTaskCreateEvent>(data, size);
+void TaskEventHandlers::onTaskCreate(const RawTaskCreateEvent& event) {
     if (event.taskType == RAW_TASK_THREAD) {
-        CountThread(event.pid, event.header.time, 1);
+        countThread(event.pid, event.header.time, 1);
     } else if (event.taskType == RAW_TASK_PROCESS) {
-        if (const auto created = AddCreatedProcess(event)) {
-            Send(*created);
-        }
+        addProcess(event);
     } else {
         TESU_LOGE(TESU_LOG_SERVICE,
                   "[TesuBpfService] Task Create raw event (SCHED__TASK_CREATE) error!");
     }
-    return 0;
 }
 
-int TesuBpfService::handleSched_SchedProcessExit(char* data, int64_t size) {
-    const auto event = ReadPrefix<RawTaskExitEvent>(data, size);
+// A thread came (step 1) or went (step -1) at `time`. What the table learned of the process at
+// that time or later has the thread counted already.
+void TaskEventHandlers::countThread(int32_t pid, int64_t time, int32_t step) {
+    std::optional<ThreadCountNotification> report;
+    {
+        std::lock_guard lock(TesuTaskManager::tesuTaskManagerLock);
+        TesuTask* task = table->GetTesuTask(pid);
+        if (task == nullptr || task->createEventTime >= time) {
+            return;
+        }
+        task->threadNum = Add(task->threadNum, step);
+        report = TakeThreadReport(task, time);
+    }
+    if (report) {
+        emit(&*report, sizeof(*report));
+    }
+}
+
+void TaskEventHandlers::addProcess(const RawTaskCreateEvent& event) {
+    TesuTask task;
+    task.pid = event.pid;
+    task.ppid = event.ppid;
+    task.uid = event.uid;
+    task.threadNum = 1;
+    task.oldThreadNum = 1;
+    CopyComm(task.comm, event.comm);
+    task.initTimeStamp = static_cast<int64_t>(GetSystemSecondsTime());
+    task.createEventTime = event.header.time;
+    {
+        std::lock_guard lock(TesuTaskManager::tesuTaskManagerLock);
+        if (table->GetTesuTask(event.pid) != nullptr) {
+            return;
+        }
+        UpdateProcessExdata present;
+        if (event.ppid == 0 && readProcess(event.pid, &present) == 0) {
+            task.ppid = present.ppid;
+            CopyComm(task.comm, present.comm);
+        }
+        table->AddTesuTask(event.pid, task);
+    }
+    ProcessCreatedNotification created{.type = NOTIFICATION_PROCESS_CREATED,
+                                       .pid = task.pid,
+                                       .ppid = task.ppid,
+                                       .uid = task.uid,
+                                       .comm = {}};
+    CopyComm(created.comm, task.comm);
+    emit(&created, sizeof(created));
+}
+
+void TaskEventHandlers::onTaskExit(const RawTaskExitEvent& event) {
     if (event.taskType == RAW_TASK_THREAD) {
-        CountThread(event.pid, event.header.time, -1);
+        countThread(event.pid, event.header.time, -1);
     } else if (event.taskType == RAW_TASK_PROCESS) {
         {
             std::lock_guard lock(TesuTaskManager::tesuTaskManagerLock);
-            TesuTaskManager::GetInstance()->DelTesuTask(event.pid);
+            table->DelTesuTask(event.pid);
         }
         ProcessExitedNotification exited{
             .type = NOTIFICATION_PROCESS_EXITED, .pid = event.pid, .comm = {}};
         CopyComm(exited.comm, event.comm);
-        Send(exited);
+        emit(&exited, sizeof(exited));
     } else {
         TESU_LOGE(TESU_LOG_SERVICE,
                   "[TesuBpfService] Task Exit raw event (SCHED__TASK_EXIT) error!");
     }
-    return 0;
 }
 
-int TesuBpfService::handleKmem_RssStat(char* data, int64_t size) {
-    const auto event = ReadPrefix<RawRssStatEvent>(data, size);
+void TaskEventHandlers::onRssStat(const RawRssStatEvent& event) {
     if (event.size < 0 || event.member < 0 || event.member >= RSS_MEMBER_COUNT) {
-        return 0;
+        return;
     }
     std::optional<MemoryNotification> report;
     {
         std::lock_guard lock(TesuTaskManager::tesuTaskManagerLock);
-        TesuTask* task = TesuTaskManager::GetInstance()->GetTesuTask(event.pid);
+        TesuTask* task = table->GetTesuTask(event.pid);
         if (task == nullptr) {
-            return 0;
+            return;
         }
-        if (refreshNames.count({task->comm, strnlen(task->comm, TESU_COMM_LEN)}) != 0) {
-            RefreshIfDue(task);
+        if (refreshNames->count({task->comm, strnlen(task->comm, TESU_COMM_LEN)}) != 0) {
+            refreshIfDue(task);
         }
         task->mmId = MM_ID;
         task->*RSS_SIZES[event.member] = event.size;
         report = TakeMemoryReport(task, event.header.time);
     }
     if (report) {
-        Send(*report);
+        emit(&*report, sizeof(*report));
     }
-    return 0;
 }
 
-int TesuBpfService::handleBpfPassthrough(char* data, int64_t size) {
-    const int64_t length = std::clamp<int64_t>(size, 0, UINT_MAX);
-    EventManager::GetInstance()->AppendEvent(data, static_cast<unsigned>(length));
-    return 0;
-}
-
-int TesuBpfService::getProcessInfo(int32_t pid, UpdateProcessExdata* out) {
-    std::string buffer;
-    const auto status =
-        ReadProcStatus(StringPrintf(TASK_STATUS_PID_TEMPLATE.c_str(), pid), &buffer);
-    if (!status) {
-        TESU_LOGW(TESU_LOG_SERVICE, "[TesuBpfService][GPI] Task not exists, errno info: %s",
-                  strerror(errno));
-        return -1;
+// Reads name and parent again; at most once per interval, whether or not that succeeds.
+void TaskEventHandlers::refreshIfDue(TesuTask* task) {
+    const auto elapsed = static_cast<int64_t>(
+        GetSystemSecondsTime() - static_cast<unsigned long long>(task->lastRefreshTime));
+    if (elapsed < REFRESH_INTERVAL) {
+        return;
     }
-    out->pid = pid;
-    out->ppid = status->ppid;
-    CopyComm(out->comm, status->comm);
-    return 0;
+    UpdateProcessExdata present;
+    if (readProcess(task->pid, &present) == 0) {
+        task->ppid = present.ppid;
+        CopyComm(task->comm, present.comm);
+    }
+    task->lastRefreshTime = static_cast<int64_t>(GetSystemSecondsTime());
 }
 
 }  // namespace Tesu::Bpf

@@ -3,12 +3,12 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <optional>
 
-#include "diag/tesu_bpf_state.h"
 #include "proc/proc_files.h"
-#include "service/tesu_bpf_service.h"
+#include "proc/proc_text.h"
 #include "util/log.h"
 #include "util/time_util.h"
 
@@ -26,28 +26,29 @@ int64_t StartTime(const ProcStat& stat) {
 
 // Nothing when the process has gone.
 std::optional<RawTesuTaskInitEvent> DescribeTask(const std::string& procRoot,
-                                                 const std::string& pid, std::string* buffer) {
+                                                 const std::string& pid, std::string* text) {
     RawTesuTaskInitEvent record{};
     record.header.type = RAW_EVENT_TASK_INIT;
     record.header.time = static_cast<int64_t>(GetSystemBootNanosencondsTime());
     record.pid = static_cast<int32_t>(ParseNumber(pid));
-    const auto status =
-        ReadProcStatus(ProcPath(procRoot, TesuBpfService::TASK_STATUS_TEMPLATE, pid), buffer);
-    // A zombie's end was told before this service listened: it would stay in the table for ever.
-    if (!status || status->isZombie) {
+    if (!ReadProcFile(ProcPath(procRoot, pid, "status"), text)) {
         return std::nullopt;
     }
-    record.ppid = status->ppid;
-    record.uid = status->uid;
-    std::memcpy(record.comm, status->comm, sizeof(record.comm));
-    record.rssFileSize = status->rssFileSize;
-    record.rssAnonSize = status->rssAnonSize;
-    record.rssShmemSize = status->rssShmemSize;
-    record.rssSwapSize = status->swapSize;
-    if (!ReadProcFile(ProcPath(procRoot, TesuBpfService::TASK_STAT_TEMPLATE, pid), buffer)) {
+    const ProcStatus status = ParseProcStatus(*text);
+    if (status.isZombie) {
         return std::nullopt;
     }
-    if (const auto stat = ParseProcStat(*buffer)) {
+    record.ppid = status.ppid;
+    record.uid = status.uid;
+    std::memcpy(record.comm, status.comm, sizeof(record.comm));
+    record.rssFileSize = status.rss[RSS_FILE];
+    record.rssAnonSize = status.rss[RSS_ANON];
+    record.rssShmemSize = status.rss[RSS_SHMEM];
+    record.rssSwapSize = status.rss[RSS_SWAP];
+    if (!ReadProcFile(ProcPath(procRoot, pid, "stat"), text)) {
+        return std::nullopt;
+    }
+    if (const auto stat = ParseProcStatAtBlanks(*text)) {
         record.threadNum = stat->threadNum;
         record.startTime = StartTime(*stat);
     }
@@ -58,9 +59,9 @@ std::optional<RawTesuTaskInitEvent> DescribeTask(const std::string& procRoot,
 
 int ScanTasks(const std::string& procRoot, const std::function<bool(RawTesuTaskInitEvent&)>& take) {
     int count = 0;
-    std::string buffer;
+    std::string text;
     ForEachProcess(procRoot, [&](const std::string& pid) {
-        auto record = DescribeTask(procRoot, pid, &buffer);
+        auto record = DescribeTask(procRoot, pid, &text);
         if (!record) {
             TESU_LOGD(TESU_LOG_SERVICE,
                       "[TESUBPFDEBUG] [TesuBpfService][INIT] Task not exists, so we skip it");
@@ -72,14 +73,17 @@ int ScanTasks(const std::string& procRoot, const std::function<bool(RawTesuTaskI
     return count;
 }
 
-// The records go the way of the kernel's: counted, forwarded, handled. The sum is counted once more
-// at the end, so that the scan shows twice in the counters.
-int TesuBpfService::initTaskInfo() {
-    const int count = ScanTasks(PROC_FS_PATH, [this](RawTesuTaskInitEvent& record) {
-        handleBpfRingBuffEvent(nullptr, &record, sizeof(record));
-        return !stopped;
-    });
-    TesuBpfDataState::GetInstance()->RecordEvent(RAW_EVENT_TASK_INIT, count);
+int ReadProcessInfo(const std::string& procRoot, int32_t pid, UpdateProcessExdata* out) {
+    std::string text;
+    if (!ReadProcFile(ProcPath(procRoot, std::to_string(pid), "status"), &text)) {
+        TESU_LOGW(TESU_LOG_SERVICE, "[TesuBpfService][GPI] Task not exists, errno info: %s",
+                  strerror(errno));
+        return -1;
+    }
+    const ProcStatus status = ParseProcStatus(text);
+    out->pid = pid;
+    out->ppid = status.ppid;
+    std::memcpy(out->comm, status.comm, sizeof(out->comm));
     return 0;
 }
 

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Describes the processes that already live, as records like the kernel's.
+// Describes from /proc, or a tree that stands in for it, the processes that already live.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -11,7 +12,18 @@
 namespace Tesu::Bpf {
 
 // Hands a task-init record of each process below `procRoot` to `take`, until that answers false.
-// Processes that go meanwhile are left out. Returns the number of records.
+// Left out are processes that go meanwhile, and zombies: they have no memory, and their end was
+// reported before anybody listened, so that they would stay in the table for ever. Returns the
+// number of records.
 int ScanTasks(const std::string& procRoot, const std::function<bool(RawTesuTaskInitEvent&)>& take);
+
+// What is read again of one process.
+struct UpdateProcessExdata {
+    int32_t pid = 0;
+    int32_t ppid = 0;
+    char comm[TESU_COMM_LEN] = {};  // NUL-terminated
+};
+// 0; -1, logged, when its status file cannot be opened.
+int ReadProcessInfo(const std::string& procRoot, int32_t pid, UpdateProcessExdata* out);
 
 }  // namespace Tesu::Bpf

@@ -25,7 +25,7 @@
 #include <vector>
 
 #include "client/dump_text.h"
-#include "client/proc_snapshot.h"
+#include "proc/process_snapshot.h"
 #include "diag/tesu_bpf_state.h"
 #include "records/notification.h"
 #include "records/raw_event.h"

@@ -66,16 +66,18 @@ TEST(ProcText, OddStatus) {
     const ProcStatus sly = ParseProcStatus("\nPPid:\nName:\tPPid:\t9\nPPid:\t3\nVmSwap:\tkB\n");
     EXPECT_STREQ(sly.comm, "PPid:\t9");
     EXPECT_EQ(sly.ppid, 3);
-    EXPECT_EQ(ParseProcStatus("VmSwap:\t9223372036854775807 kB\n").swapSize, -1024) << "wraps";
+    EXPECT_EQ(ParseProcStatus("VmSwap:\t9223372036854775807 kB\n").rss[RSS_SWAP], -1024) << "wraps";
 }
 
 TEST(ProcText, StatFieldsAreCountedByBlanks) {
-    EXPECT_EQ(ParseProcStat(StatLine("name"))->threadNum, 17);
-    EXPECT_EQ(ParseProcStat(StatLine("name"))->startTicks, 12300);
-    EXPECT_EQ(ParseProcStat(StatLine("(a) )("))->startTicks, 0) << "a blank shifts the fields";
-    EXPECT_FALSE(ParseProcStat(StatLine("x\ny")).has_value()) << "only the first line counts";
+    EXPECT_EQ(ParseProcStatAtBlanks(StatLine("name"))->threadNum, 17);
+    EXPECT_EQ(ParseProcStatAtBlanks(StatLine("name"))->startTicks, 12300);
+    EXPECT_EQ(ParseProcStatAtBlanks(StatLine("(a) )("))->startTicks, 0)
+        << "a blank shifts the fields";
+    EXPECT_FALSE(ParseProcStatAtBlanks(StatLine("x\ny")).has_value())
+        << "only the first line counts";
     EXPECT_FALSE(
-        ParseProcStat("1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21").has_value());
+        ParseProcStatAtBlanks("1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21").has_value());
 }
 
 TEST(ProcText, DmabufMappingsHaveSixFieldsAndTheirPath) {
@@ -128,8 +130,8 @@ TEST_F(ScanTest, TaskRecordsOfProcessesThatLive) {
                             records[record.pid] = record;
                             return true;
                         }),
-              3);
-    ASSERT_THAT(records, ElementsAre(Key(10), Key(11), Key(19)));
+              4);
+    ASSERT_THAT(records, ElementsAre(Key(10), Key(11), Key(15), Key(19)));
     const RawTesuTaskInitEvent& whole = records.at(10);
     EXPECT_EQ(whole.header.type, 0U);
     EXPECT_NE(whole.header.time, 0);

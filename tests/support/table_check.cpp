@@ -9,7 +9,7 @@
 #include <sstream>
 #include <vector>
 
-#include "client/proc_snapshot.h"
+#include "proc/process_snapshot.h"
 #include "task/tesu_bpf_task_manager.h"
 
 namespace Tesu::Bpf {

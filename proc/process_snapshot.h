@@ -1,20 +1,25 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Processes as /proc tells them at one moment.
+// Processes as /proc describes them at one moment.
 #pragma once
 
 #include <array>
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <string>
-#include <string_view>
+#include <utility>
 #include <vector>
+
+#include "records/raw_event.h"
 
 namespace Tesu::Bpf {
 
-// Kinds of memory, numbered as RSS records number them.
-enum MemoryKind { MEMORY_FILE, MEMORY_ANON, MEMORY_SWAP, MEMORY_SHMEM, MEMORY_KINDS };
+using MemoryKind = RssMember;
+inline constexpr RssMember MEMORY_FILE = RSS_FILE;
+inline constexpr RssMember MEMORY_ANON = RSS_ANON;
+inline constexpr RssMember MEMORY_SWAP = RSS_SWAP;
+inline constexpr RssMember MEMORY_SHMEM = RSS_SHMEM;
+inline constexpr RssMember MEMORY_KINDS = RSS_MEMBER_COUNT;
 
 struct ProcessSnapshot {
     int32_t pid = 0;
@@ -24,18 +29,11 @@ struct ProcessSnapshot {
     bool isKernelThread = false;
     bool isEnding = false;  // its main thread has ended or is about to
     int32_t threads = 0;
-    std::array<int64_t, MEMORY_KINDS> memory{};  // bytes
-    std::optional<int64_t> openFds;              // none: not readable
-    int64_t startTime = 0;                       // monotonic nanoseconds, as fine as a clock tick
-    int64_t readTime = 0;                        // monotonic nanoseconds, before the first read
+    std::array<int64_t, RSS_MEMBER_COUNT> memory{};  // bytes, by RssMember
+    std::optional<int64_t> openFds;                  // none: not readable
+    int64_t startTime = 0;  // monotonic nanoseconds, as fine as a clock tick
+    int64_t readTime = 0;   // monotonic nanoseconds, before the first read
 };
-
-// The text of /proc/PID/stat: name, parent, threads, flags. startTicks: clock ticks from boot to
-// the process's start. False when it is no such text; `process` may then be half filled. Pure.
-bool ParseProcStat(std::string_view text, ProcessSnapshot* process, uint64_t* startTicks);
-
-// The text of /proc/PID/status: user and memory; what it does not hold is left alone. Pure.
-void ParseProcStatus(std::string_view text, ProcessSnapshot* process);
 
 // Reads one tree of processes. Used by one thread at a time.
 class ProcReader {
@@ -50,8 +48,6 @@ class ProcReader {
     std::optional<ProcessSnapshot> read(int32_t pid);
 
   private:
-    bool readFile(const std::string& path);
-
     const std::string root;
     std::string text;  // of the file read last
 };
