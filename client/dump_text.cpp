@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "client/text_format.h"
+#include "client/text/terminal_text.h"
 
 namespace Tesu::Bpf {
 

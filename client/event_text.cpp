@@ -5,7 +5,8 @@
 #include <variant>
 
 #include "client/event_names.h"
-#include "client/text_format.h"
+#include "client/text/terminal_text.h"
+#include "client/text/units.h"
 #include "util/string_util.h"
 
 namespace Tesu::Bpf {

@@ -17,6 +17,7 @@
 
 #include "client/dump.h"
 #include "client/event_names.h"
+#include "client/text/terminal_text.h"
 #include "client/top/columns.h"
 #include "client/top/top.h"
 #include "client/watch.h"
@@ -201,6 +202,7 @@ int Main(int argc, char** argv) {
             return EXIT_FAILURE;
         }
     }
+    Tesu::Bpf::ChooseCharacterSet();
     const Tesu::Bpf::TerminationSignals signals;
     std::signal(SIGPIPE, SIG_IGN);
     // What the transport would log is said in plainer words here.

@@ -14,7 +14,8 @@
 #include "client/event_json.h"
 #include "client/event_names.h"
 #include "client/event_text.h"
-#include "client/text_format.h"
+#include "client/text/terminal_text.h"
+#include "client/text/units.h"
 
 namespace Tesu::Bpf {
 namespace {

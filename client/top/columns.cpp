@@ -6,7 +6,8 @@
 #include <algorithm>
 #include <iterator>
 
-#include "client/text_format.h"
+#include "client/text/units.h"
+#include "client/top/sparkline.h"
 #include "util/monotonic_clock.h"
 #include "util/string_util.h"
 

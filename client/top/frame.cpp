@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "client/text_format.h"
+#include "client/text/units.h"
 #include "client/top/columns.h"
 #include "util/string_util.h"
 
@@ -16,8 +16,8 @@ namespace {
 constexpr size_t FULL_HEIGHT = 10;
 constexpr size_t SMALL_HEIGHT = 4;
 
-// Around the descriptions of the columns.
-constexpr const char* HELP_BEGIN[] = {
+// Of the keys that order nothing.
+constexpr const char* HELP_KEYS[] = {
     "  r              the other way round",
     "  /              show only names with this text, or pids that begin with it",
     "  Esc            show all again",
@@ -40,7 +40,7 @@ std::vector<std::string> HelpLines() {
     }
     std::vector<std::string> lines = {"", "  q, Ctrl-C      quit",
                                       "  " + keys + " order by " + ListOrders()};
-    lines.insert(lines.end(), std::begin(HELP_BEGIN), std::end(HELP_BEGIN));
+    lines.insert(lines.end(), std::begin(HELP_KEYS), std::end(HELP_KEYS));
     for (const Column& column : AllColumns()) {
         const char* title = column.title;
         for (const std::string& text : Split(column.help, "\n")) {
@@ -93,7 +93,7 @@ StyledLine StatusLine(const FrameState& state, size_t width) {
     }
     if (!state.request.filter.empty() && !state.isFilterTyped) {
         line.add("  filter ");
-        const std::string filter = EscapeForTerminal(state.request.filter);
+        const std::string& filter = state.request.filter;
         line.add(filter, std::min<size_t>(filter.size(), 24), Align::LEFT, Style::STRONG);
     }
     if (line.room() > state.clock.size()) {
@@ -125,14 +125,13 @@ StyledLine LoopsLine(const std::vector<CrashLoops::Loop>& loops, size_t width) {
         return line.endWith("none", Style::FAINT);
     }
     for (const CrashLoops::Loop& loop : loops) {
-        const std::string name = EscapeForTerminal(loop.name);
         const std::string figures = StringPrintf(" %ux ", loop.exits);
         const std::string lifetime = FormatDuration(loop.lastLifetime) + "   ";
         // A name that is cut would be another name.
-        if (name.size() + figures.size() + lifetime.size() > line.room()) {
+        if (loop.name.size() + figures.size() + lifetime.size() > line.room()) {
             break;
         }
-        line.add(name, Style::STRONG);
+        line.add(loop.name, Style::STRONG);
         line.add(figures, Style::WARNING);
         line.add(lifetime, Style::FAINT);
     }
@@ -163,7 +162,7 @@ StyledLine LastLine(const ProcessView& view, const FrameState& state, size_t wid
     LineBuilder line(width);
     if (state.isFilterTyped) {
         line.add(" filter: ", Style::STRONG);
-        return line.endWith(EscapeForTerminal(state.request.filter) + "_", Style::PLAIN);
+        return line.endWith(state.request.filter + "_");
     }
     if (view.rows.size() < view.matching) {
         line.add(StringPrintf(" %zu-%zu of %zu ", view.firstRow + 1,

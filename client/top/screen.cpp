@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <clocale>
 #include <csignal>
 #include <cstdlib>
 #include <utility>
@@ -22,11 +21,6 @@ namespace {
 constexpr int ESCAPE_DELAY_MS = 25;
 
 enum ColourPair : short { GREEN_PAIR = 1, YELLOW_PAIR, RED_PAIR };
-
-bool IsSet(const char* variable) {
-    const char* const value = std::getenv(variable);
-    return value != nullptr && *value != '\0';
-}
 
 attr_t AttributesOf(Style style, bool colour) {
     // Without colours what matters is bold.
@@ -65,13 +59,6 @@ android::base::unique_fd BlockTerminalSignals() {
 }
 
 }  // namespace
-
-void ChooseCharacterSet() {
-    const bool isChosen = IsSet("LC_ALL") || IsSet("LC_CTYPE") || IsSet("LANG");
-    if (std::setlocale(LC_CTYPE, isChosen ? "" : "C.UTF-8") == nullptr) {
-        std::setlocale(LC_CTYPE, "C");
-    }
-}
 
 Result<std::unique_ptr<TopScreen>> TopScreen::open(bool colour) {
     if (isatty(STDIN_FILENO) != 1 || isatty(STDOUT_FILENO) != 1) {

@@ -16,9 +16,6 @@
 
 namespace Tesu::Bpf {
 
-// Takes the character set of the user's locale; where none is set, UTF-8. Before any thread.
-void ChooseCharacterSet();
-
 // Standard input and output as a screen from open() until the destructor, which gives the terminal
 // back as it was. One at a time in a process; used by one thread, in which it blocks SIGWINCH,
 // SIGTSTP, SIGHUP and SIGQUIT, for good.

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "client/cell_text.h"
+#include "client/text/terminal_text.h"
 
 namespace Tesu::Bpf {
 
@@ -46,7 +46,7 @@ class LineBuilder {
         }
     }
 
-    // As wide as it is: ASCII only.
+    // A cell for each byte: exact for ASCII, and enough for any other text.
     void add(std::string_view text, Style style = Style::PLAIN) {
         add(text, text.size(), Align::LEFT, style);
     }

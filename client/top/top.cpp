@@ -241,7 +241,6 @@ int Top::print() {
 }  // namespace
 
 int RunTop(const TopOptions& options, const TerminationSignals& signals) {
-    ChooseCharacterSet();
     Result<ServiceConnection> connection = ServiceConnection::open(
         options.socketName, {RAW_EVENT_TASK_INIT, RAW_EVENT_RSS_STAT, RAW_EVENT_TASK_CREATE,
                              RAW_EVENT_TASK_EXIT, RAW_EVENT_FD_UPDATE});
