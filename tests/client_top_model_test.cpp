@@ -109,6 +109,7 @@ TEST_F(ProcessModelTest, KeepsProcessesOfOneNumberApart) {
     EXPECT_EQ(proc(READ, {Found(7)}), "7 fork 1/-1/0 ");
     EXPECT_EQ(proc(READ + 3 * SECOND, {Found(7, READ, "third", 4, READ + 2 * SECOND)}),
               "7 third 4/5/10 ");
+    EXPECT_EQ(events(Exit(READ + 3 * SECOND / 2, 7, "")), "7 third 4/5/10 ");
     EXPECT_EQ(events(Exit(READ + 4 * SECOND, 7, "")), "");
 }
 
