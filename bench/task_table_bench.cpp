@@ -3,11 +3,9 @@
 // The task table with as many processes as a busy machine has: what a size change costs, and how
 // long a dump takes.
 #include <benchmark/benchmark.h>
-#include <unistd.h>
 
 #include <cstring>
-#include <mutex>
-#include <string>
+#include <filesystem>
 
 #include "records/raw_event.h"
 #include "service/tesu_bpf_service.h"
@@ -19,7 +17,7 @@ namespace {
 constexpr int32_t FIRST_PID = 1000;
 
 void FillTable(int32_t processes) {
-    const std::lock_guard lock(TesuTaskManager::tesuTaskManagerLock);
+    MutexLock lock(TesuTaskManager::tesuTaskManagerLock);
     for (int32_t i = 0; i < processes; ++i) {
         TesuTask task;
         task.pid = FIRST_PID + i;
@@ -51,11 +49,10 @@ BENCHMARK(BM_SizeChange)->Arg(200)->Arg(10000);
 // Copy, order, text and file, all of it. The table is the process's one and keeps what is in it.
 void BM_Dump(benchmark::State& state) {
     FillTable(static_cast<int32_t>(state.range(0)));
-    const std::string path = "/tmp/tesubpf_table_bench." + std::to_string(getpid());
+    std::filesystem::create_directories(TesuTaskManager::TESUTASK_DUMP_PATH);
     for (auto _ : state) {
-        TesuTaskManager::GetInstance()->DumpTesuTaskInfo(path);
+        TesuTaskManager::GetInstance()->DumpTesuTaskInfo();
     }
-    unlink(path.c_str());
 }
 BENCHMARK(BM_Dump)->Arg(10000)->Unit(benchmark::kMillisecond);
 

@@ -21,7 +21,7 @@ int tracepoint_sched_sched_switch(void* ctx) {
     }
     const struct CurrentTask task = GetCurrentTask();
     if (task.tid != 0) {  // not the idle task
-        FlushPendingCreate(task, flags);
+        WritePendingCreate(task, flags);
     }
     return 0;
 }
@@ -33,10 +33,10 @@ int tracepoint_sched_sched_process_fork(void* ctx) {
         return 0;
     }
     const struct CurrentTask task = GetCurrentTask();
-    FlushPendingCreate(task, flags);
+    WritePendingCreate(task, flags);
     const uint32_t childTid = ReadInt(ctx, kernelLayout.forkChildPid);
-    ForgetToldExit(childTid);
-    NotePendingCreate(childTid, task.pid);
+    ForgetWrittenExit(childTid);
+    AddPendingCreate(childTid, task.pid);
     return 0;
 }
 
@@ -48,11 +48,11 @@ int tracepoint_sched_sched_process_exit(void* ctx) {
         DropPendingCreate(task.tid);
         return 0;
     }
-    FlushPendingCreate(task, flags);
+    WritePendingCreate(task, flags);
     if (EndsProcess(ctx, task.pid)) {
         WriteTaskExit(task.pid, RAW_TASK_PROCESS);
         ForgetOpenFds(task.pid);
-        ForgetMemory(task.pid);
+        ForgetMm(task.pid);
     } else if (!IsKernelMadeWorker()) {
         WriteTaskExit(task.pid, RAW_TASK_THREAD);
     }
@@ -66,14 +66,14 @@ int tracepoint_kmem_rss_stat(void* ctx) {
         return 0;
     }
     const struct CurrentTask task = GetCurrentTask();
-    FlushPendingCreate(task, flags);
-    const uint32_t memory = MemoryId(ctx);
+    WritePendingCreate(task, flags);
+    const uint32_t mm = MmId(ctx);
     const int32_t member = LoadInt(ctx, kernelLayout.rssMember);
     const int64_t size = LoadLong(ctx, kernelLayout.rssSize, kernelLayout.rssSizeBytes);
     if (LoadInt(ctx, kernelLayout.rssCurr) == 0) {
-        NoteForeignMemory(memory, member, size);
+        RecordForeignMm(mm, member, size);
     } else if (!IsKernelThread(task)) {
-        TellNewMemory(task.pid, memory, member);
+        EmitNewMm(task.pid, mm, member);
         WriteRssStat(task.pid, member, size);
     }
     return 0;
@@ -83,7 +83,7 @@ int tracepoint_kmem_rss_stat(void* ctx) {
 static __always_inline uint64_t EnterNormalProgram(struct CurrentTask task) {
     const uint64_t flags = RingFlags();
     if ((flags & FLAG_CORE_ENABLED) != 0) {
-        FlushPendingCreate(task, flags);
+        WritePendingCreate(task, flags);
     }
     return (flags & FLAG_NORMAL_ENABLED) != 0 ? flags : 0;
 }

@@ -49,8 +49,8 @@ static __always_inline int IsKernelThreadOrEnding(void) {
 }
 
 /* Whether the task is a helper thread that the kernel put into a process by itself (for io_uring,
- * vhost): such threads are made without the fork tracepoint. The names tell too, because some
- * kernels take the flag away before such a thread ends. */
+ * vhost), without the fork tracepoint. The names count too, because some kernels clear the flag
+ * before such a thread ends. */
 static __always_inline int IsKernelMadeWorker(void) {
     if (IsKnown(kernelLayout.taskFlags) && (ReadInt(CurrentTaskStruct(), kernelLayout.taskFlags) &
                                             (TASK_FLAG_IO_WORKER | TASK_FLAG_USER_WORKER)) != 0) {
@@ -89,14 +89,12 @@ static __always_inline void ReadProcessComm(char* comm) {
 }
 
 /* In sched_process_exit, with its record: whether no other thread of the process lives. The kernel
- * counts the task out before the tracepoint, so where the record does not tell, two threads that
- * end together may both find themselves the last. */
+ * counts the task out before the tracepoint, so where the record does not say it, two threads that
+ * end together may both find themselves the last. The loader leaves out the program where neither
+ * can be read. */
 static __always_inline int IsLastThread(const void* exitRecord) {
     if (IsKnown(kernelLayout.exitGroupDead)) {
         return ReadByte(exitRecord, kernelLayout.exitGroupDead) != 0;
-    }
-    if (!IsKnown(kernelLayout.taskSignal) || !IsKnown(kernelLayout.signalLive)) {
-        return 0;
     }
     const void* signal = ReadPointer(CurrentTaskStruct(), kernelLayout.taskSignal);
     int32_t live = 1;

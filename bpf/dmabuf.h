@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: Apache-2.0 OR GPL-2.0-only
  *
  * Who holds how much dma-buf memory. A dma-buf belongs to the process that made it, or, for those
- * that are older than the service, to the process that the service found mapping it. The owner's
- * total is told with every change. Buffers may outlive their owner: the total goes with the
- * process, and what is released after that changes nothing.
+ * that are older than the service, to the process that the service found mapping it. Every change
+ * emits the owner's total. Buffers may outlive their owner: the total goes with the process, and
+ * what is released after that changes nothing.
  */
 #ifndef TESUBPF_BPF_DMABUF_H
 #define TESUBPF_BPF_DMABUF_H

@@ -23,12 +23,12 @@ namespace Tesu::Bpf {
 /* All offsets and sizes are bytes. */
 struct TesuKernelLayout {
     uint32_t pointerSize; /* of the kernel's pointers and longs: 4 or 8 */
-    uint32_t hasAtomics;  /* 1: this kernel takes 64-bit atomic additions and ors */
+    uint32_t hasAtomics;  /* 1: this kernel has 64-bit atomic operations */
 
     /* Fields of tracepoints, from the start of their record. */
     uint32_t forkChildPid;
-    uint32_t exitGroupDead; /* 1 byte; unknown: signalLive tells */
-    uint32_t rssMemory;     /* id of the memory; may be unknown */
+    uint32_t exitGroupDead; /* 1 byte; if unknown, signalLive counts */
+    uint32_t rssMmId;       /* id of the mm; may be unknown */
     uint32_t rssCurr;
     uint32_t rssMember;
     uint32_t rssSize;

@@ -53,7 +53,7 @@ static __always_inline void ForgetOpenFds(uint32_t pid) {
     }
 }
 
-/* Writes a record when the count has moved far enough from the one last told. */
+/* Writes a record when the count has moved far enough from the one last reported. */
 static __always_inline void ReportOpenFds(struct OpenFdCaller* caller, uint32_t pid) {
     const uint64_t open = *(volatile uint64_t*)&caller->openFds;
     const uint64_t reported = *(volatile uint64_t*)&caller->reportedFds;

@@ -91,8 +91,8 @@ static __always_inline void CountLostRecord(void) {
     }
 }
 
-/* Accounts for a record that found the buffer full. */
-static __always_inline void NoteFullRing(void* ring) {
+/* Reports the buffer's state after a record found it full, and counts that record. */
+static __always_inline void ReportFullRing(void* ring) {
     MarkRingFull();
     QueryRingInto(RING_AVAIL_DATA, ring, BPF_RB_AVAIL_DATA);
     QueryRingInto(RING_SIZE, ring, BPF_RB_RING_SIZE);
@@ -109,7 +109,7 @@ static __always_inline void* ReserveRecord(uint64_t size) {
     }
     void* record = bpf_ringbuf_reserve(ring, size, 0);
     if (record == NULL) {
-        NoteFullRing(ring);
+        ReportFullRing(ring);
     }
     return record;
 }

@@ -1,10 +1,11 @@
 /* SPDX-License-Identifier: Apache-2.0 OR GPL-2.0-only
  *
- * Create records. The fork tracepoint runs in the parent and does not tell whether the child is a
- * process or a thread, so the fork only leaves a note under the child's thread id; the child itself
- * turns it into the record. Every program that runs in the context of a task looks for the note
- * before it does anything else, so the create record comes before any other record of that task,
- * and since only the child removes its note, there is exactly one.
+ * Create records. The fork tracepoint runs in the parent, and its record does not say whether the
+ * child is a process or a thread. So the fork only enters a pending create under the child's thread
+ * id; the child itself makes the record of it. Every program of the core set looks for the current
+ * task's pending create before it does anything else, so the create record comes before any other
+ * record of that task in this ring, and since only the child removes the entry, there is exactly
+ * one.
  */
 #ifndef TESUBPF_BPF_TASK_CREATE_H
 #define TESUBPF_BPF_TASK_CREATE_H
@@ -17,7 +18,7 @@
 #define PENDING_CREATES 16384
 
 struct PendingCreate {
-    uint64_t time;      /* of the fork, nanoseconds */
+    uint64_t time;      /* of the fork, nanoseconds; 0: voided by the service, no record */
     uint32_t forkerPid; /* process id of the task that forked */
     uint32_t uid;
     char comm[TESU_COMM_LEN];
@@ -30,7 +31,7 @@ struct {
     __type(value, struct PendingCreate);
 } task_create_pending SEC(".maps");
 
-/* At least as many as there are notes, where the kernel has atomics: raised before a note is made,
+/* At least as many as there are entries, where the kernel has atomics: raised before one is made,
  * lowered after one was removed. While it is 0, which is nearly always, nobody needs to look. */
 static uint64_t pendingCreates;
 
@@ -44,7 +45,7 @@ static __always_inline void CountPendingCreate(uint64_t change) {
     }
 }
 
-/* Whether the note was there and is gone. */
+/* Whether the entry was there and is gone. */
 static __always_inline int RemovePendingCreate(uint32_t tid) {
     if (bpf_map_delete_elem(&task_create_pending, &tid) != 0) {
         return 0;
@@ -53,7 +54,7 @@ static __always_inline int RemovePendingCreate(uint32_t tid) {
     return 1;
 }
 
-/* A task that ends while the core class is off takes its note along, so that a later task with the
+/* A task that ends while the core class is off removes its entry, so that a later task with the
  * same id does not find it. */
 static __always_inline void DropPendingCreate(uint32_t tid) {
     if (MayHavePendingCreate()) {
@@ -61,9 +62,9 @@ static __always_inline void DropPendingCreate(uint32_t tid) {
     }
 }
 
-/* In the forking task. A note that finds no room is a lost record; one left over under the same id,
- * of a task whose end was not seen, is replaced. */
-static __always_inline void NotePendingCreate(uint32_t childTid, uint32_t forkerPid) {
+/* In the forking task. An entry that finds no room is a lost record; one left over under the same
+ * id, of a task whose end was not seen, is replaced. */
+static __always_inline void AddPendingCreate(uint32_t childTid, uint32_t forkerPid) {
     struct PendingCreate pending = {};
     pending.time = bpf_ktime_get_ns();
     pending.forkerPid = forkerPid;
@@ -77,9 +78,9 @@ static __always_inline void NotePendingCreate(uint32_t childTid, uint32_t forker
     }
 }
 
-/* In any task, first thing: writes its create record if that is still owed. `ringFlags` have the
- * core class enabled. */
-static __always_inline void FlushPendingCreate(struct CurrentTask task, uint64_t ringFlags) {
+/* In any task, first thing: writes its create record if that is pending. `ringFlags` have the core
+ * class enabled. */
+static __always_inline void WritePendingCreate(struct CurrentTask task, uint64_t ringFlags) {
     if (!MayHavePendingCreate()) {
         return;
     }
@@ -89,7 +90,7 @@ static __always_inline void FlushPendingCreate(struct CurrentTask task, uint64_t
     }
     const struct PendingCreate pending = *found;
     /* Nobody else removes it; were that to fail, the next program would try again. */
-    if (!RemovePendingCreate(task.tid)) {
+    if (!RemovePendingCreate(task.tid) || pending.time == 0) {
         return;
     }
     const int isProcess = task.pid == task.tid;

@@ -11,31 +11,31 @@
 #include "bpf/current_task.h"
 #include "bpf/ring.h"
 
-/* Processes whose exit was told, where two threads may both take themselves for the last. Old
- * entries make room for new ones: an entry matters for the moment in which such threads end. */
-#define TOLD_EXITS 1024
+/* Processes whose exit record is written, where two threads may both take themselves for the last.
+ * Old entries make room for new ones: one matters for the moment in which such threads end. */
+#define WRITTEN_EXITS 1024
 
 struct {
     __uint(type, BPF_MAP_TYPE_LRU_HASH);
-    __uint(max_entries, TOLD_EXITS);
+    __uint(max_entries, WRITTEN_EXITS);
     __type(key, uint32_t); /* process id */
     __type(value, uint8_t);
-} process_exit_told SEC(".maps");
+} process_exit_written SEC(".maps");
 
 /* Whether the current thread's end is the end of its process; true for one thread of each. */
 static __always_inline int EndsProcess(const void* exitRecord, uint32_t pid) {
     if (!IsLastThread(exitRecord)) {
         return 0;
     }
-    const uint8_t told = 1;
+    const uint8_t written = 1;
     return IsKnown(kernelLayout.exitGroupDead) ||
-           bpf_map_update_elem(&process_exit_told, &pid, &told, BPF_NOEXIST) == 0;
+           bpf_map_update_elem(&process_exit_written, &pid, &written, BPF_NOEXIST) == 0;
 }
 
-/* A new task has the id: an exit told under it was another process's. */
-static __always_inline void ForgetToldExit(uint32_t tid) {
+/* A new task has the id: an exit written under it was another process's. */
+static __always_inline void ForgetWrittenExit(uint32_t tid) {
     if (!IsKnown(kernelLayout.exitGroupDead)) {
-        bpf_map_delete_elem(&process_exit_told, &tid);
+        bpf_map_delete_elem(&process_exit_written, &tid);
     }
 }
 

@@ -15,13 +15,12 @@
 #include <string>
 #include <vector>
 
-#include "client/dump.h"
-#include "client/event_names.h"
+#include "client/dump/dump.h"
+#include "client/events/event_names.h"
 #include "client/text/terminal_text.h"
 #include "client/top/columns.h"
 #include "client/top/top.h"
-#include "client/watch.h"
-#include "ipc/local_socket.h"
+#include "client/watch/watch.h"
 #include "records/contract.h"
 #include "records/raw_event.h"
 #include "util/termination_signals.h"
@@ -78,11 +77,12 @@ bool MayColour() {
 }
 
 int Watch(Command& command, const Tesu::Bpf::TerminationSignals& signals) {
-    std::string error;
-    if (!Tesu::Bpf::ParseEventTypes(command.types, &command.watch.eventTypes, &error)) {
-        std::fprintf(stderr, "tesubpf: %s", error.c_str());
+    const auto types = Tesu::Bpf::ParseEventTypes(command.types);
+    if (!types) {
+        std::fprintf(stderr, "tesubpf: %s", types.error().c_str());
         return EXIT_USAGE;
     }
+    command.watch.eventTypes = *types;
     if (command.watch.eventTypes.empty()) {
         command.watch.eventTypes = {Tesu::Bpf::RAW_EVENT_TASK_CREATE,
                                     Tesu::Bpf::RAW_EVENT_TASK_EXIT};
@@ -114,7 +114,7 @@ void AddWatch(CLI::App& app, Command& command) {
     watch->callback([&command] { command.run = Watch; });
 }
 
-int Dump(const Command& command, Tesu::Bpf::DumpKind kind,
+int Dump(const Command& command, Tesu::Bpf::DumpSignal kind,
          const Tesu::Bpf::TerminationSignals& signals) {
     return Tesu::Bpf::RunDump(
         {.socketName = command.socketName, .kind = kind, .isTerminal = isatty(STDOUT_FILENO) == 1},
@@ -122,17 +122,14 @@ int Dump(const Command& command, Tesu::Bpf::DumpKind kind,
 }
 
 int Tasks(Command& command, const Tesu::Bpf::TerminationSignals& signals) {
-    using Tesu::Bpf::DumpKind;
+    using enum Tesu::Bpf::DumpSignal;
     if (command.withAllColumns) {
-        return Dump(
-            command,
-            command.withoutKernelTasks ? DumpKind::TASKS_FULL_NO_KERNEL : DumpKind::TASKS_FULL,
-            signals);
+        return Dump(command, command.withoutKernelTasks ? DUMP_SIGNAL_NO_KERNEL : DUMP_SIGNAL_TASKS,
+                    signals);
     }
-    return Dump(
-        command,
-        command.withoutKernelTasks ? DumpKind::TASKS_NORMAL_NO_KERNEL : DumpKind::TASKS_NORMAL,
-        signals);
+    return Dump(command,
+                command.withoutKernelTasks ? DUMP_SIGNAL_NORMAL_NO_KERNEL : DUMP_SIGNAL_NORMAL,
+                signals);
 }
 
 void AddTasks(CLI::App& app, Command& command) {
@@ -153,7 +150,7 @@ void AddCounters(CLI::App& app, Command& command) {
     counters->footer(DUMP_FOOTER);
     counters->callback([&command] {
         command.run = [](Command& chosen, const Tesu::Bpf::TerminationSignals& signals) {
-            return Dump(chosen, Tesu::Bpf::DumpKind::COUNTERS, signals);
+            return Dump(chosen, Tesu::Bpf::DUMP_SIGNAL_STATE, signals);
         };
     });
 }

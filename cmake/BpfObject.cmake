@@ -5,6 +5,7 @@
 # everywhere.
 find_program(BPF_CLANG NAMES clang clang-14 REQUIRED)
 find_program(BPF_STRIP NAMES llvm-strip llvm-strip-14 REQUIRED)
+find_program(BPFTOOL NAMES bpftool REQUIRED)
 find_path(BPF_ASM_INCLUDE_DIR asm/types.h
           PATHS /usr/include/${CMAKE_LIBRARY_ARCHITECTURE} /usr/include/x86_64-linux-gnu
                 /usr/include/aarch64-linux-gnu /usr/include/arm-linux-gnueabihf
@@ -28,6 +29,22 @@ function(tesubpf_add_bpf_object source output)
     DEPENDS ${PROJECT_SOURCE_DIR}/${source}
     DEPFILE ${depfile}
     COMMENT "Building eBPF object ${source}"
+    VERBATIM
+  )
+endfunction()
+
+# tesubpf_add_bpf_skeleton(SOURCE OUTPUT): compiles SOURCE and makes OUTPUT of it, a header with the
+# object's bytes. Its functions are named after the source.
+function(tesubpf_add_bpf_skeleton source output)
+  get_filename_component(name ${source} NAME_WE)
+  set(object ${CMAKE_CURRENT_BINARY_DIR}/${name}.bpf.o)
+  tesubpf_add_bpf_object(${source} ${object})
+  add_custom_command(
+    OUTPUT ${output}
+    COMMAND sh -c "\"$1\" gen skeleton \"$2\" name \"$3\" >\"$4\"" sh
+            ${BPFTOOL} ${object} ${name} ${output}
+    DEPENDS ${object}
+    COMMENT "Generating eBPF skeleton ${name}"
     VERBATIM
   )
 endfunction()

@@ -3,6 +3,7 @@
 // tesubpfd: the host daemon. It gives the service the surroundings that it has on a device (system
 // properties, the folder for dumps), starts it, and ends it on SIGINT or SIGTERM. It mounts nothing
 // and loads nothing.
+#include <android-base/properties.h>
 #include <android-base/unique_fd.h>
 #include <malloc.h>
 
@@ -110,8 +111,10 @@ void AnnounceServing(const TerminationSignals& signals) {
 // Runs the service until a signal comes.
 int Serve(const TerminationSignals& signals) {
     if (!BpfServiceMain()) {
-        std::fprintf(stderr, "tesubpfd: the service is disabled by its property\n");
-        return DAEMON_DISABLED;
+        const bool isDisabled = android::base::GetProperty(DISABLE_PROPERTY, "0") == "1";
+        std::fprintf(stderr, "tesubpfd: the service %s\n",
+                     isDisabled ? "is disabled by its property" : "was stopped before");
+        return isDisabled ? DAEMON_DISABLED : DAEMON_FAILED;
     }
     TesuBpfService* const service = TesuBpfService::GetInstance();
     std::thread supervisor([service] { service->Wait(); });

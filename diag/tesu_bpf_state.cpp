@@ -2,12 +2,12 @@
 #include "diag/tesu_bpf_state.h"
 
 #include <algorithm>
-#include <memory>
 #include <vector>
 
 #include "records/contract.h"
 #include "util/dump_file.h"
 #include "util/log.h"
+#include "util/singleton.h"
 #include "util/string_util.h"
 
 namespace Tesu::Bpf {
@@ -44,21 +44,14 @@ const std::string TesuBpfDataState::TESUTASK_DUMP_PATH = DUMP_DIR;
 const std::string TesuBpfDataState::TESUTASK_DUMP_TEMPLATE =
     TESUTASK_DUMP_PATH + "/" + STATE_DUMP_FILE;
 
+Mutex TesuBpfDataState::creationLock;
 std::atomic<TesuBpfDataState*> TesuBpfDataState::instance{nullptr};
 
 TesuBpfDataState::TesuBpfDataState(Clock clock)
     : lastSecond(static_cast<int64_t>(clock())), clock(clock) {}
 
-// Of two first callers one keeps its object.
 TesuBpfDataState* TesuBpfDataState::GetInstance() {
-    TesuBpfDataState* state = instance.load(std::memory_order_acquire);
-    if (state == nullptr) {
-        auto made = std::make_unique<TesuBpfDataState>();
-        if (instance.compare_exchange_strong(state, made.get(), std::memory_order_acq_rel)) {
-            state = made.release();
-        }
-    }
-    return state;
+    return GetOrMake(instance, creationLock, [] { return new TesuBpfDataState(); });
 }
 
 // A thread that is held up between reading the head and adding counts into a second that has since
@@ -79,7 +72,7 @@ void TesuBpfDataState::RecordEvent(int kind, int count) {
 // What the caller read of the clock may be old by the time it gets here, and taking it for a clock
 // set back would empty slots twice: the reading under the lock decides.
 void TesuBpfDataState::enterSecond() {
-    std::lock_guard lock(rollLock);
+    MutexLock lock(rollLock);
     const auto now = static_cast<int64_t>(clock());
     const int64_t last = lastSecond.load(std::memory_order_relaxed);
     const auto delta =
@@ -99,12 +92,12 @@ void TesuBpfDataState::enterSecond() {
     lastSecond.store(now, std::memory_order_release);
 }
 
-void TesuBpfDataState::DumpState(const std::string& path) {
+void TesuBpfDataState::DumpState() {
     uint32_t head = 0;
     uint32_t tail = 0;
     std::vector<StateRow> rows;
     {
-        std::lock_guard lock(rollLock);
+        MutexLock lock(rollLock);
         head = headIndex.load(std::memory_order_relaxed);
         tail = tailIndex.load(std::memory_order_relaxed);
         const uint32_t count = head < tail ? 0 : std::min(head - tail, STATE_SLOT_COUNT - 1) + 1;
@@ -120,7 +113,7 @@ void TesuBpfDataState::DumpState(const std::string& path) {
     for (const StateRow& row : rows) {
         text += FormatRow(row);
     }
-    if (!ReplaceDumpFile(path, text)) {
+    if (!ReplaceDumpFile(TESUTASK_DUMP_TEMPLATE, text)) {
         TESU_LOGE(TESU_LOG_UTILS, "[TesuBpfDataState][DumpState] open file failed!");
     }
 }

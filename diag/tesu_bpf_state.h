@@ -6,10 +6,10 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 #include <string>
 
 #include "util/export.h"
+#include "util/mutex.h"
 #include "util/time_util.h"
 
 namespace Tesu::Bpf {
@@ -41,7 +41,7 @@ class TESU_API TesuBpfDataState {
     void RecordEvent(int kind, int count);
     // Replaces the CSV file: column names, then a row per second, newest first. A file that cannot
     // be created is logged. Not from a signal handler (see service/dump_requests.h).
-    void DumpState(const std::string& path = TESUTASK_DUMP_TEMPLATE);
+    void DumpState();
 
     static const std::string TESUTASK_DUMP_PATH;
     static const std::string TESUTASK_DUMP_TEMPLATE;
@@ -51,14 +51,16 @@ class TESU_API TesuBpfDataState {
 
     void enterSecond();
 
+    static Mutex creationLock;
     static std::atomic<TesuBpfDataState*> instance;
 
-    // Written under rollLock, slots of a second first, then headIndex, then lastSecond.
+    // Written under rollLock and read without, so that clang cannot check it: slots of a second
+    // first, then headIndex, then lastSecond.
     std::atomic<int64_t> lastSecond;             // second of the head
     std::atomic<uint32_t> headIndex{0};          // running number of the newest second
     std::atomic<uint32_t> tailIndex{0};          // running number of the oldest second kept
     std::array<Slot, STATE_SLOT_COUNT> slots{};  // running number n lies in slot n % 1800
-    std::mutex rollLock;
+    Mutex rollLock;
     const Clock clock;
 };
 

@@ -6,32 +6,25 @@
 #include <cstring>
 #include <utility>
 
+#include "util/singleton.h"
+
 namespace Tesu::Bpf {
 
-std::mutex EventManager::tesuRawEventManagerLock;
+Mutex EventManager::tesuRawEventManagerLock;
 std::atomic<EventManager*> EventManager::instance{nullptr};
 
 EventManager* EventManager::GetInstance() {
-    EventManager* manager = instance.load(std::memory_order_acquire);
-    if (manager == nullptr) {
-        std::lock_guard lock(tesuRawEventManagerLock);
-        manager = instance.load(std::memory_order_relaxed);
-        if (manager == nullptr) {
-            manager = new EventManager();
-            instance.store(manager, std::memory_order_release);
-        }
-    }
-    return manager;
+    return GetOrMake(instance, tesuRawEventManagerLock, [] { return new EventManager(); });
 }
 
 void EventManager::setClientQueues(ClientQueues* queues, std::function<bool(int)> request) {
-    std::lock_guard lock(tesuRawEventManagerLock);
+    MutexLock lock(tesuRawEventManagerLock);
     clientPackageManagers = queues;
     requestWrite = std::move(request);
 }
 
 bool EventManager::addClient(int fd) {
-    std::lock_guard lock(tesuRawEventManagerLock);
+    MutexLock lock(tesuRawEventManagerLock);
     const bool fresh = clientPackageManagers->find(fd) == clientPackageManagers->end();
     eraseClient(fd);
     clientPackageManagers->try_emplace(fd);
@@ -39,12 +32,12 @@ bool EventManager::addClient(int fd) {
 }
 
 void EventManager::removeClient(int fd) {
-    std::lock_guard lock(tesuRawEventManagerLock);
+    MutexLock lock(tesuRawEventManagerLock);
     eraseClient(fd);
 }
 
 void EventManager::fillWriteBuffer(int fd, BufferState* writeBuffer) {
-    std::lock_guard lock(tesuRawEventManagerLock);
+    MutexLock lock(tesuRawEventManagerLock);
     const auto queue = clientPackageManagers->find(fd);
     if (queue == clientPackageManagers->end()) {
         return;
@@ -54,7 +47,7 @@ void EventManager::fillWriteBuffer(int fd, BufferState* writeBuffer) {
 }
 
 void EventManager::AddObserverEvent(int fd, int eventType) {
-    std::lock_guard lock(tesuRawEventManagerLock);
+    MutexLock lock(tesuRawEventManagerLock);
     std::vector<int>& types = fdEvents[fd];
     if (std::find(types.begin(), types.end(), eventType) == types.end()) {
         types.push_back(eventType);
@@ -63,13 +56,13 @@ void EventManager::AddObserverEvent(int fd, int eventType) {
 }
 
 void EventManager::DelObserverEvent(int fd, int eventType) {
-    std::lock_guard lock(tesuRawEventManagerLock);
+    MutexLock lock(tesuRawEventManagerLock);
     std::erase(eventFds[eventType], fd);
     std::erase(fdEvents[fd], eventType);
 }
 
 void EventManager::EraseObserver(int fd) {
-    std::lock_guard lock(tesuRawEventManagerLock);
+    MutexLock lock(tesuRawEventManagerLock);
     eraseObserver(fd);
 }
 
@@ -99,7 +92,7 @@ int EventManager::AppendEvent(const char* event, unsigned int size) {
     }
     std::memcpy(&type, event, sizeof(type));
 
-    std::lock_guard lock(tesuRawEventManagerLock);
+    MutexLock lock(tesuRawEventManagerLock);
     const auto subscribers = eventFds.find(type);
     if (subscribers == eventFds.end() || subscribers->second.empty() ||
         clientPackageManagers == nullptr) {

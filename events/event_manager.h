@@ -9,11 +9,11 @@
 #include <atomic>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <vector>
 
 #include "ipc/ipc_package.h"
 #include "util/export.h"
+#include "util/mutex.h"
 
 namespace Tesu::Bpf {
 
@@ -45,21 +45,21 @@ class TESU_API EventManager {
     // record under 4 bytes has no type and goes to nobody. Returns 0.
     int AppendEvent(const char* event, unsigned int size);
 
-    static std::mutex tesuRawEventManagerLock;
+    static Mutex tesuRawEventManagerLock;
 
   private:
     EventManager() = default;
-    // Need tesuRawEventManagerLock.
-    void eraseObserver(int fd);
-    void eraseClient(int fd);
+    void eraseObserver(int fd) REQUIRES(tesuRawEventManagerLock);
+    void eraseClient(int fd) REQUIRES(tesuRawEventManagerLock);
 
     static std::atomic<EventManager*> instance;
 
-    // All below are guarded by tesuRawEventManagerLock.
-    ClientQueues* clientPackageManagers = nullptr;
-    std::function<bool(int)> requestWrite;
-    std::map<int, std::vector<int>> fdEvents;  // client -> types, in order of subscription
-    std::map<int, std::vector<int>> eventFds;  // type -> clients, in order of subscription
+    ClientQueues* clientPackageManagers GUARDED_BY(tesuRawEventManagerLock)
+        PT_GUARDED_BY(tesuRawEventManagerLock) = nullptr;
+    std::function<bool(int)> requestWrite GUARDED_BY(tesuRawEventManagerLock);
+    // client -> types, type -> clients; both in order of subscription
+    std::map<int, std::vector<int>> fdEvents GUARDED_BY(tesuRawEventManagerLock);
+    std::map<int, std::vector<int>> eventFds GUARDED_BY(tesuRawEventManagerLock);
 };
 
 }  // namespace Tesu::Bpf

@@ -15,6 +15,8 @@
 
 #include "util/log.h"
 
+using Tesu::Bpf::MutexLock;
+
 namespace {
 
 // How long a loop without a control descriptor waits at most, since nothing can wake it.
@@ -31,6 +33,8 @@ bool EpollCtl(int epfd, int operation, int fd, unsigned int events) {
     return epoll_ctl(epfd, operation, fd, &event) != -1;
 }
 
+}  // namespace
+
 cpu_set_t CurrentAffinity() {
     cpu_set_t affinity;
     CPU_ZERO(&affinity);
@@ -41,8 +45,6 @@ cpu_set_t CurrentAffinity() {
     }
     return affinity;
 }
-
-}  // namespace
 
 bool EpollCtlAdd(int epfd, int fd, unsigned int events) {
     return EpollCtl(epfd, EPOLL_CTL_ADD, fd, events);
@@ -123,7 +125,7 @@ bool EpollManager::addMonitorFd(int fd, EpollCallback monitored) {
     if (monitored.closeCallback) {
         events |= HANG_UP;
     }
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     if (!EpollCtlAdd(epollFd, fd, events)) {
         TESU_LOGE(name, "[EpollManager] Epoll add monitor fd failed: %d, message: %s", errno,
                   strerror(errno));
@@ -135,7 +137,7 @@ bool EpollManager::addMonitorFd(int fd, EpollCallback monitored) {
 }
 
 bool EpollManager::delMonitorFd(int fd) {
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     if (epoll_ctl(epollFd, EPOLL_CTL_DEL, fd, nullptr) == -1) {
         TESU_LOGE(name, "[EpollManager] Epoll del fd from epoll failed: %d, message: %s", errno,
                   strerror(errno));
@@ -147,13 +149,13 @@ bool EpollManager::delMonitorFd(int fd) {
 
 void EpollManager::start() {
     TESU_LOGI(name, "[EpollManager] main thread starting...");
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     running = true;
     thread = std::thread(&EpollManager::mainThread, this);
 }
 
 void EpollManager::stop() {
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     running = false;
     if (controlFd != -1) {
         eventfd_write(controlFd, 1);
@@ -163,7 +165,7 @@ void EpollManager::stop() {
 void EpollManager::join() {
     std::thread ended;
     {
-        std::lock_guard lock(mutex);
+        MutexLock lock(mutex);
         ended.swap(thread);
     }
     if (ended.joinable()) {
@@ -239,7 +241,7 @@ void EpollManager::dispatch(const epoll_event& event) {
     std::function<int(epoll_event)> callback;
     if ((event.events & HANG_UP) != 0) {
         {
-            std::lock_guard lock(mutex);
+            MutexLock lock(mutex);
             callback = callbacks[fd].callbacks.closeCallback;
         }
         if (callback) {
@@ -249,7 +251,7 @@ void EpollManager::dispatch(const epoll_event& event) {
     }
     if ((event.events & EPOLLIN) != 0) {
         {
-            std::lock_guard lock(mutex);
+            MutexLock lock(mutex);
             callback = callbacks[fd].callbacks.readCallback;
         }
         if (callback) {
@@ -263,7 +265,7 @@ void EpollManager::dispatch(const epoll_event& event) {
     if ((event.events & EPOLLOUT) != 0) {
         uint64_t requestsSeen = 0;
         {
-            std::lock_guard lock(mutex);
+            MutexLock lock(mutex);
             const Monitored& entry = callbacks[fd];
             callback = entry.callbacks.writeCallback;
             requestsSeen = entry.writeRequests;
@@ -284,14 +286,13 @@ void EpollManager::finishWrite(int fd, uint64_t requestsSeen) {
     if (!markWriteEventFinish(fd)) {
         TESU_LOGE(name, "[EpollManager][mainThread] mark write event finish failed!");
     }
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     const auto found = callbacks.find(fd);
     if (found != callbacks.end() && found->second.writeRequests != requestsSeen) {
         setWriteEvent(fd, found->second, true, "notifyWriteEventReady");
     }
 }
 
-// Needs `mutex`.
 bool EpollManager::setWriteEvent(int fd, Monitored& entry, bool armed, const char* caller) {
     uint32_t events = entry.callbacks.events & ~static_cast<uint32_t>(EPOLLOUT);
     if (armed && entry.callbacks.writeCallback) {
@@ -307,7 +308,7 @@ bool EpollManager::setWriteEvent(int fd, Monitored& entry, bool armed, const cha
 }
 
 bool EpollManager::notifyWriteEventReady(int fd) {
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     const auto found = callbacks.find(fd);
     if (found == callbacks.end()) {
         TESU_LOGE(name, "[EpollManager][notifyWriteEventReady] the socket fd does not exist");
@@ -321,7 +322,7 @@ bool EpollManager::notifyWriteEventReady(int fd) {
 }
 
 bool EpollManager::markWriteEventFinish(int fd) {
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     const auto found = callbacks.find(fd);
     if (found == callbacks.end()) {
         TESU_LOGE(name, "[EpollManager][markWriteEventFinish] the socket fd does not exist");
@@ -333,7 +334,7 @@ bool EpollManager::markWriteEventFinish(int fd) {
 bool EpollManager::writeEventNow(int fd) {
     std::function<int(epoll_event)> callback;
     {
-        std::lock_guard lock(mutex);
+        MutexLock lock(mutex);
         const auto found = callbacks.find(fd);
         if (found == callbacks.end()) {
             TESU_LOGE(name, "[EpollManager][notifyWriteEventReady] the socket fd does not exist");

@@ -24,10 +24,10 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <thread>
 
 #include "util/export.h"
+#include "util/mutex.h"
 
 // What a callback tells the loop.
 enum EpollResult {
@@ -45,6 +45,9 @@ struct EpollCallback {
     std::function<int(epoll_event)> closeCallback;  // EPOLLHUP or EPOLLRDHUP
     uint32_t events = 0;                            // epoll mask registered now
 };
+
+// CPUs of the calling thread; none, which is logged, when they cannot be read.
+cpu_set_t CurrentAffinity();
 
 class TESU_API EpollManager {
   public:
@@ -76,7 +79,7 @@ class TESU_API EpollManager {
     // callback is running is never lost: it re-arms after the callback's own disarm.
     bool notifyWriteEventReady(int fd);
     bool markWriteEventFinish(int fd);
-    // Runs the write callback on this thread until it says -1 (false) or -3 (true).
+    // For hosts: runs the write callback on this thread until it says -1 (false) or -3 (true).
     bool writeEventNow(int fd);
 
     // Sleeps for `milliseconds` or until stop(), whichever is first; true when stopped. For
@@ -94,23 +97,22 @@ class TESU_API EpollManager {
     void mainThread();
     void dispatch(const epoll_event& event);
     void finishWrite(int fd, uint64_t requestsSeen);
-    bool setWriteEvent(int fd, Monitored& entry, bool armed, const char* caller);
+    bool setWriteEvent(int fd, Monitored& entry, bool armed, const char* caller) REQUIRES(mutex);
 
     cpu_set_t affinity;
     const char* name;
     int eventCount = 0;
     int controlFd = -1;
-    std::atomic<bool> running{false};
-    // Guards `callbacks`, changes of `running`, and `thread`'s creation. Never held across a
-    // callback; innermost of all locks.
-    std::mutex mutex;
-    std::thread thread;
+    std::atomic<bool> running{false};  // changed under `mutex`
+    // Never held across a callback; innermost of all locks.
+    Tesu::Bpf::Mutex mutex;
+    std::thread thread GUARDED_BY(mutex);
     int epollFd = -1;
     int epollSize;
     int maxEvents;
     int timeoutMs;
     std::unique_ptr<epoll_event[], decltype(&std::free)> eventQueue{nullptr, &std::free};
-    std::map<int, Monitored> callbacks;
+    std::map<int, Monitored> callbacks GUARDED_BY(mutex);
     std::function<int()> initFunction;
 };
 

@@ -5,9 +5,11 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <limits>
 
+#include "records/read_prefix.h"
 #include "util/log.h"
+
+using Tesu::Bpf::MutexLock;
 
 static_assert(sizeof(unsigned) == 4, "words on the wire are 32-bit");
 
@@ -15,22 +17,13 @@ bool CheckIpcPackageComplete(const BufferState* buffer, long long* headerLength,
                              long long* packageLength) {
     *headerLength = IPC_FRAME_HEADER_SIZE;
     const long long available = static_cast<long long>(buffer->length) - buffer->cursor;
-    if (available < static_cast<long long>(IPC_FRAME_HEADER_SIZE)) {
+    if (available < *headerLength) {
         return false;
     }
-    const char* frame = buffer->data + buffer->cursor;
-    const uint32_t length = ReadWord(frame);
-    *packageLength = length;
-    // A frame too short for a type word has none; the bytes behind it belong to the next frame.
-    if (length >= sizeof(uint32_t)) {
-        if (available < *headerLength + static_cast<long long>(sizeof(uint32_t))) {
-            return false;
-        }
-        if (ReadWord(frame + IPC_FRAME_HEADER_SIZE) != IPC_PACKAGE_REQUEST) {
-            return false;
-        }
-    }
-    return available >= *headerLength + *packageLength;
+    *packageLength = Tesu::Bpf::ReadPrefix<int64_t>(buffer->data + buffer->cursor, available);
+    // A type word with its top bit set makes the number negative.
+    return available >= static_cast<long long>(sizeof(int64_t)) && *packageLength >= 0 &&
+           available - *headerLength >= *packageLength;
 }
 
 int SaveUnuseBuffer(BufferState* buffer) {
@@ -45,7 +38,7 @@ int SaveUnuseBuffer(BufferState* buffer) {
 
 bool IpcPackageManager::refuse(uint64_t size) {
     {
-        std::lock_guard lock(mutex);
+        MutexLock lock(mutex);
         ++refused;
     }
     TESU_LOGE(TESU_LOG_UTILS,
@@ -74,7 +67,7 @@ IpcBlock IpcPackageManager::newPackage(unsigned type, uint64_t bodyLength) {
 }
 
 void IpcPackageManager::append(IpcBlock block, unsigned size) {
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     packages.emplace_back(size, std::move(block));
     ready.notify_all();
 }
@@ -146,7 +139,6 @@ bool IpcPackageManager::buildAndAppendIpcPackage(const char* bytes, unsigned siz
     return true;
 }
 
-// Needs `mutex`, and room for the front package and its length word.
 void IpcPackageManager::moveFrontToBuffer(BufferState* writeBuffer) {
     const auto& [size, block] = packages.front();
     char* end = writeBuffer->data + writeBuffer->length;
@@ -159,7 +151,7 @@ void IpcPackageManager::moveFrontToBuffer(BufferState* writeBuffer) {
 }
 
 bool IpcPackageManager::fillNextIpcPackageToBuffer(BufferState* writeBuffer) {
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     const long long space = static_cast<long long>(writeBuffer->capacity) - writeBuffer->length;
     if (packages.empty() ||
         static_cast<long long>(packages.front().first) + IPC_FRAME_HEADER_SIZE >= space) {
@@ -170,7 +162,7 @@ bool IpcPackageManager::fillNextIpcPackageToBuffer(BufferState* writeBuffer) {
 }
 
 bool IpcPackageManager::fillIpcPackageToBuffer(BufferState* writeBuffer) {
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     const bool any = !packages.empty();
     while (!packages.empty() &&
            static_cast<long long>(packages.front().first) + IPC_FRAME_HEADER_SIZE <=
@@ -181,10 +173,9 @@ bool IpcPackageManager::fillIpcPackageToBuffer(BufferState* writeBuffer) {
 }
 
 void IpcPackageManager::waitEventReady(int milliseconds) {
-    const auto deadline =
-        std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
-    std::unique_lock lock(mutex);
-    ready.wait_until(lock, deadline, [this] { return !packages.empty(); });
+    MutexLock lock(mutex);
+    mutex.waitFor(ready, std::chrono::milliseconds(milliseconds),
+                  [this]() REQUIRES(mutex) { return !packages.empty(); });
 }
 
 void IpcPackageManager::notifyEventReady() {
@@ -192,11 +183,11 @@ void IpcPackageManager::notifyEventReady() {
 }
 
 unsigned IpcPackageManager::getIpcPackageCount() const {
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     return static_cast<unsigned>(packages.size());
 }
 
 unsigned IpcPackageManager::getRefusedPackageCount() const {
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     return refused;
 }

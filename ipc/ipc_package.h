@@ -19,11 +19,11 @@
 #include <cstring>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <utility>
 
 #include "ipc/buffer_state.h"
 #include "util/export.h"
+#include "util/mutex.h"
 
 enum IpcPackageType : unsigned {
     IPC_PACKAGE_REQUEST = 0,
@@ -78,9 +78,9 @@ using IpcBlock = std::unique_ptr<char, FreeDeleter>;
 using TesuIpcPackage = std::pair<unsigned, IpcBlock>;
 
 // Whether a complete package waits at the read buffer's cursor. headerLength becomes 4. When the
-// length word is there packageLength is the frame's length as a signed 64-bit number. Only a
-// type-0 package is ever complete: this is the service's side, and clients send requests alone.
-// Reads nothing past `length`.
+// length word is there packageLength is it and the type word behind it as one 64-bit number (bytes
+// past `length` count as 0), so that only a type-0 package is ever complete: this is the service's
+// side, and clients send requests alone.
 TESU_API bool CheckIpcPackageComplete(const BufferState* buffer, long long* headerLength,
                                       long long* packageLength);
 
@@ -97,21 +97,23 @@ class TESU_API IpcPackageManager {
     IpcPackageManager(const IpcPackageManager&) = delete;
     IpcPackageManager& operator=(const IpcPackageManager&) = delete;
 
-    // All four copy what they are given. False: refused, nothing queued.
+    // These copy what they are given. False: refused, nothing queued.
     bool appendReqIpcPackage(const TesuReqIpcPackage* request);
-    // The body is the 16-byte response record, whose last word (a pointer in the record) is written
-    // as 0, then the data.
-    bool appendRespIpcPackage(const TesuRespIpcPackage* response);
     // Types above 3 are refused.
     bool buildAndAppendSecondIpcPackage(unsigned type, const char* data, unsigned length);
-    // `bytes` is a whole package: type, body length, body.
-    bool buildAndAppendIpcPackage(const char* bytes, unsigned size);
 
     // Moves the front package into the write buffer if that leaves at least one byte free.
     bool fillNextIpcPackageToBuffer(BufferState* writeBuffer);
+
+    // What follows is for hosts; service and client do without.
+
+    // The body is the 16-byte response record, whose last word (a pointer in the record) is written
+    // as 0, then the data.
+    bool appendRespIpcPackage(const TesuRespIpcPackage* response);
+    // `bytes` is a whole package: type, body length, body.
+    bool buildAndAppendIpcPackage(const char* bytes, unsigned size);
     // Moves packages while they fit; true when the queue was not empty on entry.
     bool fillIpcPackageToBuffer(BufferState* writeBuffer);
-
     // Returns when the queue is not empty, at the latest after `milliseconds`.
     void waitEventReady(int milliseconds);
     void notifyEventReady();
@@ -123,11 +125,12 @@ class TESU_API IpcPackageManager {
     IpcBlock newPackage(unsigned type, uint64_t bodyLength);
     bool refuse(uint64_t size);
     void append(IpcBlock block, unsigned size);
-    void moveFrontToBuffer(BufferState* writeBuffer);
+    // For a queue with a front package that fits.
+    void moveFrontToBuffer(BufferState* writeBuffer) REQUIRES(mutex);
 
-    mutable std::mutex mutex;
-    std::deque<TesuIpcPackage> packages;
+    mutable Tesu::Bpf::Mutex mutex;
+    std::deque<TesuIpcPackage> packages GUARDED_BY(mutex);
     std::condition_variable ready;
     const unsigned maxPackageSize;
-    unsigned refused = 0;
+    unsigned refused GUARDED_BY(mutex) = 0;
 };

@@ -6,6 +6,8 @@
 
 #include "util/log.h"
 
+using Tesu::Bpf::MutexLock;
+
 IpcPackageHandler::IpcPackageHandler(const std::map<unsigned int, IpcHandlerFunction>& handlers)
     : handlers(handlers) {}
 
@@ -44,25 +46,25 @@ int IpcPackageHandler::handleSecondIpcPackage(int fd, char* package, int length,
 }
 
 unsigned int IpcReqCallBackManager::getReqId() {
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     return nextRequestId++;
 }
 
 bool IpcReqCallBackManager::addIpcReqCallBack(unsigned int requestId,
                                               IpcResponseCallback callback) {
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     return callbacks.insert_or_assign(requestId, std::move(callback)).second;
 }
 
 bool IpcReqCallBackManager::delIpcReq(unsigned int requestId) {
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     return callbacks.erase(requestId) > 0;
 }
 
 bool IpcReqCallBackManager::handleReqCallBack(TesuRespIpcPackage* response) {
     char* body = reinterpret_cast<char*>(response);
     const uint32_t requestId = ReadWord(body);
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     const auto found = callbacks.find(requestId);
     if (found == callbacks.end()) {
         TESU_LOGD(TESU_LOG_UTILS,

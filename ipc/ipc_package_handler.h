@@ -7,10 +7,10 @@
 
 #include <functional>
 #include <map>
-#include <mutex>
 
 #include "ipc/ipc_package.h"
 #include "util/export.h"
+#include "util/mutex.h"
 
 // (connection, body, body length in bytes, the connection's write buffer); -1 stops the processing
 // of the read buffer. The body may be unaligned and is valid only during the call.
@@ -51,7 +51,7 @@ class TESU_API IpcReqCallBackManager {
     bool handleReqCallBack(TesuRespIpcPackage* response);
 
   private:
-    unsigned int nextRequestId = 0;
-    std::mutex mutex;
-    std::map<unsigned int, IpcResponseCallback> callbacks;
+    Tesu::Bpf::Mutex mutex;
+    unsigned int nextRequestId GUARDED_BY(mutex) = 0;
+    std::map<unsigned int, IpcResponseCallback> callbacks GUARDED_BY(mutex);
 };

@@ -13,6 +13,8 @@
 
 #include "util/log.h"
 
+using Tesu::Bpf::MutexLock;
+
 namespace {
 
 constexpr int RECONNECT_INTERVAL_MS = 5000;
@@ -20,9 +22,10 @@ constexpr int RECONNECT_INTERVAL_MS = 5000;
 constexpr int LISTEN_RETRY_MS = 1000;
 constexpr int ACCEPT_RETRY_MS = 200;
 
-// accept() failures that leave the listening socket readable: trying again at once would spin.
-bool IsOutOfResources(int error) {
-    return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS;
+// accept() failures after which trying again at once does not spin: there is nobody to accept, or
+// it was the client's. All others leave the listening socket readable.
+bool IsPassing(int error) {
+    return error == EAGAIN || error == EINTR || error == ECONNABORTED;
 }
 
 }  // namespace
@@ -42,14 +45,8 @@ UnixIpcManager::UnixIpcManager(bool isServer, int bufferSize, std::string socket
 UnixIpcManager::UnixIpcManager(bool isServer, int bufferSize, std::string socketName,
                                IpcHandlerState handlers, const char* name, int epollSize,
                                int maxEvents)
-    : socketName(std::move(socketName)),
-      isServer(isServer),
-      bufferSize(bufferSize),
-      epollManager(std::make_unique<EpollManager>(
-          epollSize, maxEvents, [this] { return this->isServer ? createServer() : connect(); },
-          name, -1)),
-      handlers(std::move(handlers)),
-      name(name != nullptr ? name : TESU_LOG_UTILS) {}
+    : UnixIpcManager(isServer, bufferSize, std::move(socketName), std::move(handlers), name,
+                     CurrentAffinity(), epollSize, maxEvents) {}
 
 UnixIpcManager::UnixIpcManager(bool isServer, int bufferSize, std::string socketName,
                                IpcHandlerState handlers, int epollSize, int maxEvents)
@@ -86,7 +83,7 @@ bool UnixIpcManager::stop() {
     epollManager->stop();
     // The loop accepts nobody any more: clients, those that wait to be accepted among them, are to
     // see a closed socket and not a silent one.
-    std::lock_guard lock(socketMutex);
+    MutexLock lock(socketMutex);
     if (isServer && socketFd != -1) {
         epollManager->delMonitorFd(socketFd);
         ::close(socketFd);
@@ -100,7 +97,7 @@ void UnixIpcManager::shutdown() {
     epollManager->stop();
     // A callback uses epollManager until its thread has ended.
     epollManager->join();
-    std::lock_guard lock(socketMutex);
+    MutexLock lock(socketMutex);
     if (isServer && socketFd != -1) {
         ::close(socketFd);
     }
@@ -112,32 +109,34 @@ bool UnixIpcManager::createServer() {
         TESU_LOGE(name, "[UnixIpcManager] Create server in client manager");
         return false;
     }
-    prepareRetryTimer();
-    std::lock_guard lock(socketMutex);
+    do {
+        if (tryToListen()) {
+            return true;
+        }
+    } while (!stopRequested && !retryLater(LISTEN_RETRY_MS));
+    return false;
+}
+
+// One try; false too after stop().
+bool UnixIpcManager::tryToListen() {
+    hasRetryTimer();
+    MutexLock lock(socketMutex);
     if (stopRequested) {
         return false;
     }
-    socketFd = CreateNonblockingServerSocket(socketName.c_str(), !listenFailing);
-    if (socketFd == -1) {
-        if (!listenFailing) {
-            TESU_LOGE(name, "[UnixIpcManager] Create server Socket failed: %d, message: %s", errno,
-                      strerror(errno));
-        }
-        listenFailing = true;
-        retryLater(LISTEN_RETRY_MS);
-        return false;
+    socketFd = OpenServerSocket(socketName.c_str(), !listenFailing);
+    if (socketFd == -1 && !listenFailing) {
+        TESU_LOGE(name, "[UnixIpcManager] Create server Socket failed: %d, message: %s", errno,
+                  strerror(errno));
     }
-    listenFailing = false;
-    if (!watchListener()) {
+    listenFailing = socketFd == -1;
+    if (socketFd != -1 && !watchListener()) {
         ::close(socketFd);
         socketFd = -1;
-        retryLater(LISTEN_RETRY_MS);
-        return false;
     }
-    return true;
+    return socketFd != -1;
 }
 
-// Needs socketMutex and a listening socket.
 bool UnixIpcManager::watchListener() {
     EpollCallback callbacks;
     callbacks.readCallback = [this](epoll_event event) { return onServerReadableCallback(event); };
@@ -161,7 +160,7 @@ bool UnixIpcManager::connect() {
         return false;
     }
     {
-        std::lock_guard lock(socketMutex);
+        MutexLock lock(socketMutex);
         socketFd = fd;
     }
     setSocketBufferSizes(fd);
@@ -172,7 +171,7 @@ bool UnixIpcManager::connect() {
 int UnixIpcManager::onServerReadableCallback(epoll_event /*event*/) {
     int client = -1;
     {
-        std::lock_guard lock(socketMutex);
+        MutexLock lock(socketMutex);
         if (socketFd == -1) {
             return EPOLL_RESULT_ERROR;
         }
@@ -180,17 +179,17 @@ int UnixIpcManager::onServerReadableCallback(epoll_event /*event*/) {
     }
     if (client == -1) {
         const int error = errno;
-        if (!acceptFailing) {
+        if (error != acceptError) {
             TESU_LOGE(name, "[UnixIpcManager] Accept client failed: %d, message: %s", error,
                       strerror(error));
         }
-        if (IsOutOfResources(error)) {
-            acceptFailing = true;
+        acceptError = error;
+        if (!IsPassing(error)) {
             backOffAccept();
         }
         return EPOLL_RESULT_ERROR;
     }
-    acceptFailing = false;
+    acceptError = 0;
     if (!Setnonblocking(client)) {
         const int error = errno;
         ::close(client);
@@ -210,7 +209,7 @@ int UnixIpcManager::onServerReadableCallback(epoll_event /*event*/) {
 // Gives a new connection its guard, its buffers and its callbacks; closes it on failure.
 bool UnixIpcManager::openConnection(int fd, EpollCallback* callbacks) {
     {
-        std::lock_guard lock(bufferMutex);
+        MutexLock lock(bufferMutex);
         writeMutexes[fd] = std::make_shared<ConnectionMutex>();
     }
     callbacks->closeCallback = [this](epoll_event event) { return onClientCloseCallback(event); };
@@ -260,7 +259,7 @@ void UnixIpcManager::setSocketBufferSizes(int fd) {
     const auto set = [&](int option, const char* format) {
         if (setsockopt(fd, SOL_SOCKET, option, &bufferSize, sizeof(bufferSize)) == -1) {
             const int error = errno;
-            std::lock_guard lock(socketMutex);
+            MutexLock lock(socketMutex);
             TESU_LOGE(name, format, error, strerror(error), socketFd);
         }
     };
@@ -291,7 +290,7 @@ int UnixIpcManager::closeConnection(int fd) {
 // In client mode, a lost connection is made anew.
 void UnixIpcManager::reconnectIfLost(int fd, const char* message) {
     {
-        std::lock_guard lock(socketMutex);
+        MutexLock lock(socketMutex);
         if (isServer || fd != socketFd) {
             return;
         }
@@ -316,68 +315,64 @@ int UnixIpcManager::onClientCloseCallback(epoll_event event) {
 
 int UnixIpcManager::onServerCloseCallback(epoll_event event) {
     const int fd = event.data.fd;
-    bool isListener = false;
     int result = EPOLL_RESULT_OK;
     {
-        std::lock_guard lock(socketMutex);
-        isListener = fd == socketFd;
+        MutexLock lock(socketMutex);
+        // stop() may have closed it since the event came: the number may be another's by now.
+        if (fd != socketFd) {
+            return EPOLL_RESULT_CLOSED;
+        }
         epollManager->delMonitorFd(fd);
         if (::close(fd) == -1) {
             TESU_LOGE(name, "[UnixIpcManager][ServerCallback] Close fd(%d) failed: %d, message: %s",
                       fd, errno, strerror(errno));
             result = EPOLL_RESULT_ERROR;
         }
-        if (isListener) {
-            socketFd = -1;
-        }
+        socketFd = -1;
     }
-    if (isListener) {
-        TESU_LOGE(name,
-                  "[UnixIpcManager][onServerCloseCallback] Server socket abnormal close! (%s)",
-                  socketName.c_str());
-    }
+    TESU_LOGE(name, "[UnixIpcManager][onServerCloseCallback] Server socket abnormal close! (%s)",
+              socketName.c_str());
     if (handlers.close) {
         handlers.close(fd);
     }
-    if (isListener) {
-        createServer();
-    } else if (!freeBufferForFd(fd)) {
-        TESU_LOGE(name, "[UnixIpcManager][ServerCallback] free buffer failed: %d, message: %s",
-                  errno, strerror(errno));
-        result = EPOLL_RESULT_ERROR;
-    }
+    createServer();
     return result;
 }
 
 // Leaves the listening socket alone for a while: clients wait in its backlog meanwhile.
 void UnixIpcManager::backOffAccept() {
-    std::lock_guard lock(socketMutex);
+    MutexLock lock(socketMutex);
     if (socketFd != -1 && retryLater(ACCEPT_RETRY_MS)) {
         epollManager->delMonitorFd(socketFd);
     }
 }
 
-// Made before it is needed, when descriptors may have run out.
-void UnixIpcManager::prepareRetryTimer() {
+// Makes the timer when it is not there yet: before it is needed, when descriptors may have run out.
+bool UnixIpcManager::hasRetryTimer() {
     if (retryTimer.ok()) {
-        return;
+        return true;
     }
     retryTimer.reset(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
     EpollCallback callbacks;
     callbacks.readCallback = [this](epoll_event) { return onRetryTimer(); };
     if (!retryTimer.ok() || !epollManager->addMonitorFd(retryTimer.get(), std::move(callbacks))) {
-        TESU_LOGE(name, "[UnixIpcManager] retry timer failed: %d, message: %s", errno,
-                  strerror(errno));
+        if (!timerFailing) {
+            TESU_LOGE(name, "[UnixIpcManager] retry timer failed: %d, message: %s", errno,
+                      strerror(errno));
+        }
         retryTimer.reset();
     }
+    timerFailing = !retryTimer.ok();
+    return retryTimer.ok();
 }
 
-// Without a timer this waits itself and returns false: the caller's event comes again at once.
+// Has onRetryTimer called. Without a timer this waits itself, a little, and returns false: the
+// caller tries again at once.
 bool UnixIpcManager::retryLater(int milliseconds) {
     itimerspec delay{};
     delay.it_value.tv_sec = milliseconds / 1000;
     delay.it_value.tv_nsec = milliseconds % 1000 * 1000000L;
-    if (retryTimer.ok() && timerfd_settime(retryTimer.get(), 0, &delay, nullptr) == 0) {
+    if (hasRetryTimer() && timerfd_settime(retryTimer.get(), 0, &delay, nullptr) == 0) {
         return true;
     }
     epollManager->waitForStop(ACCEPT_RETRY_MS);
@@ -389,17 +384,17 @@ int UnixIpcManager::onRetryTimer() {
     if (read(retryTimer.get(), &expirations, sizeof(expirations)) == -1) {
         return EPOLL_RESULT_CONSUMED;
     }
+    bool isListening = false;
     {
-        std::lock_guard lock(socketMutex);
-        if (stopRequested) {
-            return EPOLL_RESULT_CONSUMED;
+        MutexLock lock(socketMutex);
+        while (socketFd != -1 && !stopRequested && !watchListener() &&
+               !retryLater(ACCEPT_RETRY_MS)) {
         }
-        if (socketFd != -1) {
-            watchListener();
-            return EPOLL_RESULT_CONSUMED;
-        }
+        isListening = socketFd != -1;
     }
-    createServer();
+    if (!isListening) {
+        createServer();
+    }
     return EPOLL_RESULT_CONSUMED;
 }
 

@@ -33,6 +33,7 @@
 #include "ipc/epoll_manager.h"
 #include "ipc/unix_socket.h"
 #include "util/export.h"
+#include "util/mutex.h"
 
 // The owner's side of a UnixIpcManager. An empty callback switches its feature off: without
 // `readable` a connection has no read buffer and is not read, without `writeable` no write buffer.
@@ -81,7 +82,7 @@ class TESU_API UnixIpcManager {
 
     // Has the loop send what is queued for `fd` as soon as it can: 1, or 0 when `fd` is gone.
     int notifyNeedWriteData(int fd);
-    // Sends on this thread until nothing is left: 1, or 0 on failure.
+    // For hosts: sends on this thread until nothing is left: 1, or 0 on failure.
     int writeDataNow(int fd);
     // Sends data[cursor, length). False when the socket is full (after 11 tries) or broken; what
     // was not sent is then at the front of the buffer. The caller holds the connection's guard.
@@ -107,46 +108,52 @@ class TESU_API UnixIpcManager {
         std::shared_ptr<ConnectionMutex> mutex;
         std::unique_lock<ConnectionMutex> lock;
     };
+    // One of the two below.
+    using BufferMap = std::map<int, BufferState> UnixIpcManager::*;
     enum class ReceiveOutcome { HANDLED, NO_BUFFER, PEER_CLOSED, BUFFER_FULL, FAILED, REFUSED };
 
     // unix_ipc_manager.cpp
-    bool watchListener();
+    bool tryToListen();
+    bool watchListener() REQUIRES(socketMutex);
     bool openConnection(int fd, EpollCallback* callbacks);
     bool watchConnection(int fd, EpollCallback callbacks);
     void setSocketBufferSizes(int fd);
     int closeConnection(int fd);
     void reconnectIfLost(int fd, const char* message);
     void backOffAccept();
-    void prepareRetryTimer();
+    bool hasRetryTimer();
     bool retryLater(int milliseconds);
     int onRetryTimer();
 
     // unix_ipc_stream.cpp
     ConnectionGuard lockConnection(int fd);
-    BufferState* findBuffer(std::map<int, BufferState>& buffers, int fd);
-    bool allocateBuffer(std::map<int, BufferState>& buffers, int fd, const char* direction);
+    BufferState* findBuffer(BufferMap buffers, int fd);
+    bool allocateBuffer(BufferMap buffers, int fd, const char* direction);
     ReceiveOutcome receive(int fd);
     bool sendBuffered(int fd, BufferState* writeBuffer);
 
     std::string socketName;
     bool isServer;
-    // Guards socketFd, which stop() closes from any thread. No callback runs under it.
-    std::mutex socketMutex;
-    // Guards the three maps; the buffers in them belong to their connection's guard. Taken under
-    // such a guard, never the other way round.
-    std::mutex bufferMutex;
+    // No callback runs under it.
+    Tesu::Bpf::Mutex socketMutex;
+    // Taken under a connection's guard, never the other way round.
+    Tesu::Bpf::Mutex bufferMutex;
     int bufferSize;
-    std::map<int, BufferState> readBuffers;
-    std::map<int, BufferState> writeBuffers;
+    // A buffer belongs to its connection's guard, which clang cannot check: the maps alone are
+    // bufferMutex's.
+    std::map<int, BufferState> readBuffers GUARDED_BY(bufferMutex);
+    std::map<int, BufferState> writeBuffers GUARDED_BY(bufferMutex);
     // The guards; an entry for every open connection.
-    std::map<int, std::shared_ptr<ConnectionMutex>> writeMutexes;
+    std::map<int, std::shared_ptr<ConnectionMutex>> writeMutexes GUARDED_BY(bufferMutex);
     std::unique_ptr<EpollManager> epollManager;
     IpcHandlerState handlers;
-    int socketFd = -1;
+    int socketFd GUARDED_BY(socketMutex) = -1;  // stop() closes it from any thread
     const char* name;
     std::atomic<bool> stopRequested{false};
-    // Loop thread only: tries again what could not be done (listen, accept).
+    // Loop thread only: tries again what could not be done (listen, accept). What fails again in
+    // the same way is not logged again.
     android::base::unique_fd retryTimer;
-    bool acceptFailing = false;
+    int acceptError = 0;
     bool listenFailing = false;
+    bool timerFailing = false;
 };

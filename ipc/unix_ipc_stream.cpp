@@ -11,6 +11,8 @@
 #include "ipc/unix_ipc_manager.h"
 #include "util/log.h"
 
+using Tesu::Bpf::MutexLock;
+
 namespace {
 
 // Sends tried on a full socket before the loop is left to wait for room.
@@ -22,7 +24,7 @@ constexpr int MAX_SEND_RETRIES = 11;
 // and its number given to another: the guard is then the other's.
 UnixIpcManager::ConnectionGuard UnixIpcManager::lockConnection(int fd) {
     const auto find = [&] {
-        std::lock_guard lock(bufferMutex);
+        MutexLock lock(bufferMutex);
         const auto found = writeMutexes.find(fd);
         return found == writeMutexes.end() ? nullptr : found->second;
     };
@@ -41,17 +43,16 @@ UnixIpcManager::ConnectionGuard UnixIpcManager::lockConnection(int fd) {
 }
 
 // Map nodes stay where they are, so the pointer is good while the connection's guard is held.
-BufferState* UnixIpcManager::findBuffer(std::map<int, BufferState>& buffers, int fd) {
-    std::lock_guard lock(bufferMutex);
-    const auto found = buffers.find(fd);
-    return found == buffers.end() ? nullptr : &found->second;
+BufferState* UnixIpcManager::findBuffer(BufferMap buffers, int fd) {
+    MutexLock lock(bufferMutex);
+    const auto found = (this->*buffers).find(fd);
+    return found == (this->*buffers).end() ? nullptr : &found->second;
 }
 
-bool UnixIpcManager::allocateBuffer(std::map<int, BufferState>& buffers, int fd,
-                                    const char* direction) {
+bool UnixIpcManager::allocateBuffer(BufferMap buffers, int fd, const char* direction) {
     const ConnectionGuard guard = lockConnection(fd);
-    std::lock_guard lock(bufferMutex);
-    BufferState& buffer = buffers[fd];
+    MutexLock lock(bufferMutex);
+    BufferState& buffer = (this->*buffers)[fd];
     std::free(buffer.data);
     buffer = BufferState{};
     buffer.data = static_cast<char*>(std::malloc(static_cast<size_t>(bufferSize)));
@@ -65,16 +66,16 @@ bool UnixIpcManager::allocateBuffer(std::map<int, BufferState>& buffers, int fd,
 }
 
 bool UnixIpcManager::allocateReadBufferForFd(int fd) {
-    return allocateBuffer(readBuffers, fd, "read");
+    return allocateBuffer(&UnixIpcManager::readBuffers, fd, "read");
 }
 
 bool UnixIpcManager::allocateWriteBufferForFd(int fd) {
-    return allocateBuffer(writeBuffers, fd, "write");
+    return allocateBuffer(&UnixIpcManager::writeBuffers, fd, "write");
 }
 
 bool UnixIpcManager::freeBufferForFd(int fd) {
     const ConnectionGuard guard = lockConnection(fd);
-    std::lock_guard lock(bufferMutex);
+    MutexLock lock(bufferMutex);
     errno = 0;
     for (auto* buffers : {&readBuffers, &writeBuffers}) {
         const auto found = buffers->find(fd);
@@ -88,7 +89,7 @@ bool UnixIpcManager::freeBufferForFd(int fd) {
 }
 
 bool UnixIpcManager::clearAllBuffer() {
-    std::lock_guard lock(bufferMutex);
+    MutexLock lock(bufferMutex);
     errno = 0;
     for (auto* buffers : {&readBuffers, &writeBuffers}) {
         for (const auto& [fd, buffer] : *buffers) {
@@ -137,7 +138,7 @@ int UnixIpcManager::onClientReadableCallback(epoll_event event) {
 // One receive, and what the owner makes of it.
 UnixIpcManager::ReceiveOutcome UnixIpcManager::receive(int fd) {
     const ConnectionGuard guard = lockConnection(fd);
-    BufferState* readBuffer = findBuffer(readBuffers, fd);
+    BufferState* readBuffer = findBuffer(&UnixIpcManager::readBuffers, fd);
     if (readBuffer == nullptr) {
         TESU_LOGE(name, "[UnixIpcManager][ClientCallback] Not allocate read buffer for the fd(%d)!",
                   fd);
@@ -165,7 +166,7 @@ UnixIpcManager::ReceiveOutcome UnixIpcManager::receive(int fd) {
 
     BufferState* writeBuffer = nullptr;
     {
-        std::lock_guard lock(bufferMutex);
+        MutexLock lock(bufferMutex);
         writeBuffer = &writeBuffers[fd];
     }
     if (handlers.readable(fd, readBuffer, writeBuffer) == -1) {
@@ -184,7 +185,7 @@ UnixIpcManager::ReceiveOutcome UnixIpcManager::receive(int fd) {
 int UnixIpcManager::onCommWriteCallback(epoll_event event) {
     const int fd = event.data.fd;
     const ConnectionGuard guard = lockConnection(fd);
-    BufferState* writeBuffer = findBuffer(writeBuffers, fd);
+    BufferState* writeBuffer = findBuffer(&UnixIpcManager::writeBuffers, fd);
     if (writeBuffer == nullptr) {
         TESU_LOGE(name,
                   "[UnixIpcManager][ClientCallback] Not allocate write buffer for the fd(%d)!", fd);

@@ -12,7 +12,7 @@
 #include "ipc/local_socket.h"
 #include "util/log.h"
 
-int CreateNonblockingServerSocket(const char* name, bool logFailure) {
+int OpenServerSocket(const char* name, bool logFailure) {
     const int fd = socket_local_server(name, ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM);
     if (fd == -1) {
         const int error = errno;
@@ -30,6 +30,10 @@ int CreateNonblockingServerSocket(const char* name, bool logFailure) {
         return -1;
     }
     return fd;
+}
+
+int CreateNonblockingServerSocket(const char* name) {
+    return OpenServerSocket(name, true);
 }
 
 int ConnectToServer(const char* name) {

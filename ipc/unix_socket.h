@@ -6,9 +6,10 @@
 
 #include "util/export.h"
 
-// A listening socket, non-blocking and close-on-exec; -1 and errno on failure. A caller that tries
-// again and again passes false after its first failure.
-TESU_API int CreateNonblockingServerSocket(const char* name, bool logFailure = true);
+// A listening socket, non-blocking and close-on-exec; -1 and errno on failure.
+TESU_API int CreateNonblockingServerSocket(const char* name);
+// The same for a caller that tries again and again: it passes false after its first failure.
+int OpenServerSocket(const char* name, bool logFailure);
 
 // A connected non-blocking socket, kept open over an exec; -1 and errno on failure. Waits at most
 // about a second for a server that does not accept.

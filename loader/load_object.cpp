@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "loader/load_object.h"
 
+#include <android-base/strings.h>
+
 #include <cerrno>
 #include <cstring>
-#include <string_view>
+#include <functional>
+#include <vector>
 
 #include "records/raw_event.h"
 
@@ -11,100 +14,126 @@ namespace Tesu::Bpf {
 
 namespace {
 
-constexpr const char* RING_MAP = "ringbuf_map";
-constexpr const char* STATUS_MAP = "ringbuf_status";
+// An object that failed to load cannot be loaded again: it is opened anew for every attempt.
+using Opener = std::function<Result<BpfObject>()>;
+using ProgramFilter = std::function<bool(const std::string& name)>;
 
-bool SetLayout(bpf_object* object, const TesuKernelLayout& layout) {
+// Kernels before 6.4 fail with another error when their log does not fit. Pages that they do not
+// write take no memory.
+constexpr size_t VERIFIER_LOG_BYTES = 16 << 20;
+
+// Everything that is set on an object before it is loaded, but for the choice of programs.
+Result<BpfObject> Prepare(const ObjectImage& image, const TesuKernelLayout& layout,
+                          std::optional<uint32_t> ringBytes) {
+    const int cpus = libbpf_num_possible_cpus();
+    if (cpus < 0) {
+        return Failure(std::string("number of CPUs: ") + strerror(-cpus));
+    }
+    Result<BpfObject> object = OpenObject(image);
+    if (!object) {
+        return object;
+    }
     bpf_map* map = nullptr;
-    bpf_object__for_each_map(map, object) {
-        if (std::string_view(bpf_map__name(map)) != TESU_LAYOUT_SECTION) {
+    bpf_object__for_each_map(map, object->get()) {
+        const std::string name = bpf_map__name(map);
+        if (name == TESU_LAYOUT_SECTION) {
+            bpf_map__set_initial_value(map, &layout, sizeof(layout));
+        } else if (name == "ringbuf_status") {
+            bpf_map__set_max_entries(map, RING_LOST_RECORDS + cpus);
+        } else if (name == "ringbuf_map" && ringBytes) {
+            bpf_map__set_max_entries(map, *ringBytes);
+        }
+    }
+    return object;
+}
+
+// Has only these programs loaded; returns them.
+std::vector<bpf_program*> Choose(const BpfObject& object, const ProgramFilter& isChosen) {
+    std::vector<bpf_program*> chosen;
+    bpf_program* program = nullptr;
+    bpf_object__for_each_program(program, object.get()) {
+        const bool isOne = isChosen(bpf_program__name(program));
+        bpf_program__set_autoload(program, isOne);
+        if (isOne) {
+            chosen.push_back(program);
+        }
+    }
+    return chosen;
+}
+
+// The verifier's verdict: the last line of its log before its statistics.
+std::string FindVerdict(const char* log) {
+    std::string verdict;
+    for (const std::string& line : android::base::Split(log, "\n")) {
+        if (!line.empty() && !line.starts_with("processed ")) {
+            verdict = line;
+        }
+    }
+    return verdict;
+}
+
+// Tries each program on its own and adds those to `leftOut` that the kernel refuses; none when it
+// refuses the object without programs too.
+void LeaveOutRefused(const Opener& open, LeftOutPrograms* leftOut) {
+    const auto maps = open();
+    if (!maps) {
+        return;
+    }
+    Choose(*maps, [](const std::string&) { return false; });
+    if (bpf_object__load(maps->get()) != 0) {
+        return;
+    }
+    const std::unique_ptr<char[]> log(new char[VERIFIER_LOG_BYTES]);
+    bpf_program* each = nullptr;
+    bpf_object__for_each_program(each, maps->get()) {
+        const std::string name = bpf_program__name(each);
+        const auto object = open();
+        if (leftOut->contains(name) || !object) {
             continue;
         }
-        size_t size = 0;
-        return bpf_map__initial_value(map, &size) != nullptr && size == sizeof(layout) &&
-               bpf_map__set_initial_value(map, &layout, sizeof(layout)) == 0;
-    }
-    return false;
-}
-
-// Everything that is set on an object before it is loaded.
-bool Prepare(bpf_object* object, const TesuKernelLayout& layout, const LeftOutPrograms& leftOut,
-             std::optional<uint32_t> ringBytes, std::string* error) {
-    bpf_map* const ring = bpf_object__find_map_by_name(object, RING_MAP);
-    bpf_map* const status = bpf_object__find_map_by_name(object, STATUS_MAP);
-    const int cpus = libbpf_num_possible_cpus();
-    if (ring == nullptr || status == nullptr || cpus <= 0 || !SetLayout(object, layout)) {
-        *error = "not an object of this version";
-        return false;
-    }
-    bpf_map__set_max_entries(status, RING_LOST_RECORDS + cpus);
-    if (ringBytes) {
-        bpf_map__set_max_entries(ring, *ringBytes);
-    }
-    bpf_program* program = nullptr;
-    bpf_object__for_each_program(program, object) {
-        bpf_program__set_autoload(program, leftOut.count(bpf_program__name(program)) == 0);
-    }
-    return true;
-}
-
-bool AnyToLoad(const bpf_object* object) {
-    bpf_program* program = nullptr;
-    bpf_object__for_each_program(program, object) {
-        if (bpf_program__autoload(program)) {
-            return true;
+        const auto program =
+            Choose(*object, [&](const std::string& other) { return other == name; });
+        log[0] = '\0';  // stays so when the kernel refuses without a look at the instructions
+        bpf_program__set_log_buf(program[0], log.get(), VERIFIER_LOG_BYTES);
+        if (bpf_object__load(object->get()) != 0) {
+            const std::string error = strerror(errno);
+            const std::string verdict = FindVerdict(log.get());
+            leftOut->emplace(name, verdict.empty() ? error : error + " (" + verdict + ")");
         }
     }
-    return false;
 }
 
 }  // namespace
 
-BpfObject OpenObject(const std::string& path, LibbpfLog* log, std::string* error) {
-    BpfObject object(bpf_object__open_file(path.c_str(), nullptr), &bpf_object__close);
+Result<BpfObject> OpenObject(const ObjectImage& image) {
+    LIBBPF_OPTS(bpf_object_open_opts, options, .object_name = image.name);
+    BpfObject object(bpf_object__open_mem(image.bytes, image.size, &options), &bpf_object__close);
     if (object == nullptr) {
-        *error = path + ": " + strerror(errno);
+        return Failure(std::string(image.name) + ": " + strerror(errno));
     }
-    log->takeWarnings();
     return object;
 }
 
-bool LoadObject(const std::string& path, const TesuKernelLayout& layout,
-                const LeftOutPrograms& unusable, std::optional<uint32_t> ringBytes, LibbpfLog* log,
-                LoadedObject* loaded, std::string* error) {
-    TesuKernelLayout attempt = layout;
-    loaded->leftOut = unusable;
-    // Ends: each round either drops the atomics or leaves one more program out.
+Result<BpfObject> LoadObject(const ObjectImage& image, const TesuKernelLayout& layout,
+                             std::optional<uint32_t> ringBytes, LeftOutPrograms* leftOut) {
+    const auto open = [&] { return Prepare(image, layout, ringBytes); };
+    // Ends: each further round leaves out more.
     for (;;) {
-        // An object that failed to load cannot be loaded again.
-        loaded->object = OpenObject(path, log, error);
-        if (loaded->object == nullptr ||
-            !Prepare(loaded->object.get(), attempt, loaded->leftOut, ringBytes, error)) {
-            return false;
+        Result<BpfObject> object = open();
+        if (!object) {
+            return object;
         }
-        if (!AnyToLoad(loaded->object.get())) {
-            *error = "no program can be loaded";
-            return false;
+        if (Choose(*object, [&](const auto& name) { return !leftOut->contains(name); }).empty()) {
+            return Failure("no program can be loaded");
         }
-        if (bpf_object__load(loaded->object.get()) == 0) {
-            log->takeWarnings();
-            return true;
+        if (bpf_object__load(object->get()) == 0) {
+            return object;
         }
-        const std::string loadError = strerror(errno);
-        const RefusedProgram refused = FindRefusedProgram(log->takeWarnings());
-        if (refused.name.empty()) {
-            *error = refused.reason.empty() ? loadError : refused.reason;
-            return false;
-        }
-        if (attempt.hasAtomics != 0) {
-            attempt.hasAtomics = 0;
-            continue;
-        }
-        // Refused without atomics too: the program itself is at fault, the atomics may not be.
-        attempt.hasAtomics = layout.hasAtomics;
-        if (!loaded->leftOut.emplace(refused.name, refused.reason).second) {
-            *error = "program " + refused.name + ": " + refused.reason;
-            return false;
+        const std::string error = strerror(errno);
+        const size_t before = leftOut->size();
+        LeaveOutRefused(open, leftOut);
+        if (leftOut->size() == before) {
+            return Failure(error + "; --verbose shows libbpf's log");
         }
     }
 }

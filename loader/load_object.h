@@ -11,7 +11,8 @@
 #include <string>
 
 #include "bpf/kernel_layout.h"
-#include "loader/libbpf_log.h"
+#include "loader/bpf_objects.h"
+#include "util/result.h"
 
 namespace Tesu::Bpf {
 
@@ -20,22 +21,13 @@ using BpfObject = std::unique_ptr<bpf_object, decltype(&bpf_object__close)>;
 // Program name -> why it is not loaded.
 using LeftOutPrograms = std::map<std::string, std::string>;
 
-struct LoadedObject {
-    BpfObject object{nullptr, &bpf_object__close};
-    LeftOutPrograms leftOut;
-};
-
-// Opens an object file without loading it; null, with a reason, on failure.
-BpfObject OpenObject(const std::string& path, LibbpfLog* log, std::string* error);
+// Opens an object without loading it.
+Result<BpfObject> OpenObject(const ObjectImage& image);
 
 // Loads the object with `layout` as its constant data and, when given, a ring buffer of
-// `ringBytes`. Programs in `unusable` are left out from the start; a program that the kernel
-// refuses is left out and the rest tried again. With layout.hasAtomics the programs use atomics if
-// the kernel takes them, which is known only when it is asked; without, they never do.
-//
-// False, with a reason, when a map cannot be made or no program is left.
-bool LoadObject(const std::string& path, const TesuKernelLayout& layout,
-                const LeftOutPrograms& unusable, std::optional<uint32_t> ringBytes, LibbpfLog* log,
-                LoadedObject* loaded, std::string* error);
+// `ringBytes`. Programs in `leftOut` are left out; those that the kernel refuses are added to it,
+// also where the whole fails, which it does when a map cannot be made or no program is left.
+Result<BpfObject> LoadObject(const ObjectImage& image, const TesuKernelLayout& layout,
+                             std::optional<uint32_t> ringBytes, LeftOutPrograms* leftOut);
 
 }  // namespace Tesu::Bpf

@@ -7,10 +7,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <exception>
-#include <filesystem>
 #include <iostream>
 #include <string>
-#include <system_error>
 
 #include "loader/load_set.h"
 
@@ -18,21 +16,13 @@ namespace {
 
 constexpr const char* FOOTER = R"(
 Pins appear all together or not at all. A program that this kernel cannot take is left out, which is
-told and noted beside the pins.
+reported and recorded beside the pins.
 
 Exit status: 0 loaded, already loaded, or unloaded, also when some programs are left out; 1 failed,
 and nothing is loaded; 2 wrong usage.)";
 
-// The objects are installed beside the program: bin/ and lib/bpf/.
-std::string DefaultObjectDir() {
-    std::error_code error;
-    const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", error);
-    return (program.parent_path().parent_path() / "lib" / "bpf").string();
-}
-
 int Run(int argc, char** argv) {
     Tesu::Bpf::LoadOptions options;
-    options.objectDir = DefaultObjectDir();
     bool unload = false;
     uint64_t ringSize = 0;
 
@@ -47,9 +37,6 @@ int Run(int argc, char** argv) {
             ->type_name("BYTES")
             ->transform(CLI::AsSizeValue(false))
             ->excludes(unloadFlag);
-    app.add_option("--object-dir", options.objectDir, "Where the eBPF objects are")
-        ->type_name("DIR")
-        ->capture_default_str();
     app.add_option("--pin-dir", options.pinDir, "Where to pin, in a mounted bpf file system")
         ->type_name("DIR")
         ->capture_default_str();
@@ -61,9 +48,8 @@ int Run(int argc, char** argv) {
         return app.exit(error) == 0 ? Tesu::Bpf::LOADER_DONE : Tesu::Bpf::LOADER_USAGE;
     }
     if (ringOption->count() > 0) {
-        std::string error;
-        if (!Tesu::Bpf::IsRingSize(ringSize, sysconf(_SC_PAGESIZE), &error)) {
-            std::fprintf(stderr, "tesubpfload: --ring-size: %s\n", error.c_str());
+        if (const auto valid = Tesu::Bpf::CheckRingSize(ringSize, sysconf(_SC_PAGESIZE)); !valid) {
+            std::fprintf(stderr, "tesubpfload: --ring-size: %s\n", valid.error().c_str());
             return Tesu::Bpf::LOADER_USAGE;
         }
         options.ringBytes = static_cast<uint32_t>(ringSize);

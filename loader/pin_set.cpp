@@ -22,23 +22,16 @@ std::string PinName(const char* prefix, const std::string& objectName, const cha
     return prefix + objectName + "_" + name;
 }
 
-bool Exists(const std::string& path) {
-    std::error_code error;
-    return std::filesystem::exists(std::filesystem::symlink_status(path, error));
-}
-
-// libbpf's own maps, of constants and variables, are not pinned.
-bool IsToBePinned(const bpf_map* map) {
-    return !bpf_map__is_internal(map);
-}
-
-std::string PinPath(const std::string& dir, const std::string& pinName) {
-    return std::string(dir).append("/").append(pinName);
-}
-
-bool Fail(const std::string& path, int errorNumber, std::string* error) {
-    *error = path + ": " + strerror(errorNumber);
-    return false;
+// All maps of an object but libbpf's own, of constants and variables.
+std::vector<bpf_map*> MapsToPin(const bpf_object* object) {
+    std::vector<bpf_map*> maps;
+    bpf_map* map = nullptr;
+    bpf_object__for_each_map(map, object) {
+        if (!bpf_map__is_internal(map)) {
+            maps.push_back(map);
+        }
+    }
+    return maps;
 }
 
 }  // namespace
@@ -48,15 +41,15 @@ bool IsOnBpfFileSystem(const std::string& path) {
     return statfs(path.c_str(), &fs) == 0 && static_cast<uint32_t>(fs.f_type) == BPF_FS_MAGIC;
 }
 
-std::vector<std::string> ListPins(const std::string& dir) {
-    std::vector<std::string> pins;
+std::set<std::string> ListPins(const std::string& dir) {
+    std::set<std::string> pins;
     std::error_code error;
     std::filesystem::directory_iterator entry(dir, error);
     for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
         const std::string name = entry->path().filename();
         for (const char* const prefix : {PROGRAM_PREFIX, MAP_PREFIX, LEFT_OUT_PREFIX}) {
             if (name.starts_with(prefix)) {
-                pins.push_back(name);
+                pins.insert(name);
             }
         }
     }
@@ -65,11 +58,11 @@ std::vector<std::string> ListPins(const std::string& dir) {
 
 std::vector<std::string> FindMissingPins(const std::string& dir, const std::string& objectName,
                                          const bpf_object* object) {
+    const std::set<std::string> pins = ListPins(dir);
     std::vector<std::string> missing;
-    bpf_map* map = nullptr;
-    bpf_object__for_each_map(map, object) {
+    for (const bpf_map* const map : MapsToPin(object)) {
         const std::string name = PinName(MAP_PREFIX, objectName, bpf_map__name(map));
-        if (IsToBePinned(map) && !Exists(PinPath(dir, name))) {
+        if (!pins.contains(name)) {
             missing.push_back(name);
         }
     }
@@ -77,53 +70,55 @@ std::vector<std::string> FindMissingPins(const std::string& dir, const std::stri
     bpf_object__for_each_program(program, object) {
         const char* const programName = bpf_program__name(program);
         const std::string name = PinName(PROGRAM_PREFIX, objectName, programName);
-        if (!Exists(PinPath(dir, name)) &&
-            !Exists(PinPath(dir, PinName(LEFT_OUT_PREFIX, objectName, programName)))) {
+        if (!pins.contains(name) &&
+            !pins.contains(PinName(LEFT_OUT_PREFIX, objectName, programName))) {
             missing.push_back(name);
         }
     }
     return missing;
 }
 
-bool PinObject(const std::string& dir, const std::string& objectName, const LoadedObject& loaded,
-               std::string* error) {
-    bpf_program* program = nullptr;
-    bpf_object__for_each_program(program, loaded.object.get()) {
+Result<> PinObject(const std::string& dir, const std::string& objectName, const bpf_object* object,
+                   const LeftOutPrograms& leftOut) {
+    std::string path;
+    const auto pathOf = [&](const char* prefix, const char* name) {
+        path = dir + "/" + PinName(prefix, objectName, name);
+        return path.c_str();
+    };
+    // A negative error number, as from libbpf.
+    int result = 0;
+    bpf_program* program = bpf_object__next_program(object, nullptr);
+    for (; result == 0 && program != nullptr; program = bpf_object__next_program(object, program)) {
         const char* const name = bpf_program__name(program);
-        const auto leftOut = loaded.leftOut.find(name);
-        if (leftOut != loaded.leftOut.end()) {
-            const std::string path = PinPath(dir, PinName(LEFT_OUT_PREFIX, objectName, name));
-            if (symlink(leftOut->second.c_str(), path.c_str()) != 0) {
-                return Fail(path, errno, error);
-            }
-            continue;
-        }
-        const std::string path = PinPath(dir, PinName(PROGRAM_PREFIX, objectName, name));
-        if (const int result = bpf_program__pin(program, path.c_str()); result != 0) {
-            return Fail(path, -result, error);
+        const auto reason = leftOut.find(name);
+        if (reason == leftOut.end()) {
+            result = bpf_program__pin(program, pathOf(PROGRAM_PREFIX, name));
+        } else if (symlink(reason->second.c_str(), pathOf(LEFT_OUT_PREFIX, name)) != 0) {
+            result = -errno;
         }
     }
-    bpf_map* map = nullptr;
-    bpf_object__for_each_map(map, loaded.object.get()) {
-        if (!IsToBePinned(map)) {
-            continue;
-        }
-        const std::string path = PinPath(dir, PinName(MAP_PREFIX, objectName, bpf_map__name(map)));
-        if (const int result = bpf_map__pin(map, path.c_str()); result != 0) {
-            return Fail(path, -result, error);
+    for (bpf_map* const map : MapsToPin(object)) {
+        if (result == 0) {
+            result = bpf_map__pin(map, pathOf(MAP_PREFIX, bpf_map__name(map)));
         }
     }
-    return true;
+    if (result != 0) {
+        return Failure(path + ": " + strerror(-result));
+    }
+    return {};
 }
 
-bool RemovePins(const std::string& dir, std::string* error) {
+Result<> RemovePins(const std::string& dir) {
     for (const std::string& name : ListPins(dir)) {
-        const std::string path = PinPath(dir, name);
+        const std::string path = std::string(dir).append("/").append(name);
         if (unlink(path.c_str()) != 0) {
-            return Fail(path, errno, error);
+            return Failure(path + ": " + strerror(errno));
         }
     }
-    return rmdir(dir.c_str()) == 0 || errno == ENOENT || Fail(dir, errno, error);
+    if (rmdir(dir.c_str()) != 0 && errno != ENOENT) {
+        return Failure(dir + ": " + strerror(errno));
+    }
+    return {};
 }
 
 }  // namespace Tesu::Bpf

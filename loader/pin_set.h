@@ -7,28 +7,30 @@
 // nowhere and whose text is the reason. A folder with all of these is complete.
 #pragma once
 
+#include <set>
 #include <string>
 #include <vector>
 
 #include "loader/load_object.h"
+#include "util/result.h"
 
 namespace Tesu::Bpf {
 
 bool IsOnBpfFileSystem(const std::string& path);
 
 // The names of what is pinned in `dir`, other files not counted; empty where there is no folder.
-std::vector<std::string> ListPins(const std::string& dir);
+std::set<std::string> ListPins(const std::string& dir);
 
 // The pins of this object, opened or loaded, that `dir` does not have.
 std::vector<std::string> FindMissingPins(const std::string& dir, const std::string& objectName,
                                          const bpf_object* object);
 
 // Pins all programs and maps of a loaded object in `dir`, which exists.
-bool PinObject(const std::string& dir, const std::string& objectName, const LoadedObject& loaded,
-               std::string* error);
+Result<> PinObject(const std::string& dir, const std::string& objectName, const bpf_object* object,
+                   const LeftOutPrograms& leftOut);
 
 // Removes what is pinned in `dir` and then the folder. Files that are not ours stay, and are an
 // error, since the folder stays with them. No folder is no error.
-bool RemovePins(const std::string& dir, std::string* error);
+Result<> RemovePins(const std::string& dir);
 
 }  // namespace Tesu::Bpf

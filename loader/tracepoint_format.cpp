@@ -2,11 +2,11 @@
 #include "loader/tracepoint_format.h"
 
 #include <android-base/file.h>
+#include <android-base/parseint.h>
 #include <android-base/strings.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 
 namespace Tesu::Bpf {
@@ -17,13 +17,9 @@ constexpr std::string_view FIELD_PREFIX = "field:";
 constexpr std::string_view LOCATED_PREFIX = "__data_loc ";
 
 // The number after `label` in one piece of a line ("offset:8").
-bool ParseNumber(std::string_view piece, std::string_view label, uint32_t* number) {
-    if (!android::base::ConsumePrefix(&piece, label)) {
-        return false;
-    }
-    const char* const end = piece.data() + piece.size();
-    const auto result = std::from_chars(piece.data(), end, *number);
-    return result.ec == std::errc() && result.ptr == end;
+bool ParseLabelled(std::string_view piece, std::string_view label, uint32_t* number) {
+    return android::base::ConsumePrefix(&piece, label) &&
+           android::base::ParseUint(std::string(piece), number);
 }
 
 // "unsigned short common_type", "char comm[16]" or "__data_loc char[] dst_path".
@@ -42,17 +38,11 @@ bool ParseDeclaration(std::string_view declaration, TracepointField* field) {
 
 bool ParseField(std::string_view line, TracepointField* field) {
     const std::vector<std::string> pieces = android::base::Split(std::string(line), ";");
-    if (pieces.size() < 4 || !ParseDeclaration(android::base::Trim(pieces[0]), field)) {
+    if (pieces.size() < 3 || !ParseDeclaration(android::base::Trim(pieces[0]), field)) {
         return false;
     }
-    uint32_t isSigned = 0;
-    if (!ParseNumber(android::base::Trim(pieces[1]), "offset:", &field->offset) ||
-        !ParseNumber(android::base::Trim(pieces[2]), "size:", &field->size) ||
-        !ParseNumber(android::base::Trim(pieces[3]), "signed:", &isSigned)) {
-        return false;
-    }
-    field->isSigned = isSigned != 0;
-    return true;
+    return ParseLabelled(android::base::Trim(pieces[1]), "offset:", &field->offset) &&
+           ParseLabelled(android::base::Trim(pieces[2]), "size:", &field->size);
 }
 
 }  // namespace
@@ -63,8 +53,8 @@ const TracepointField* FindField(const TracepointFormat& format, std::string_vie
     return found != format.end() ? &*found : nullptr;
 }
 
-bool ParseTracepointFormat(std::string_view text, TracepointFormat* format, std::string* error) {
-    format->clear();
+Result<TracepointFormat> ParseTracepointFormat(std::string_view text) {
+    TracepointFormat format;
     for (const std::string& line : android::base::Split(std::string(text), "\n")) {
         const std::string trimmed = android::base::Trim(line);
         std::string_view content = trimmed;
@@ -73,31 +63,25 @@ bool ParseTracepointFormat(std::string_view text, TracepointFormat* format, std:
         }
         TracepointField field;
         if (!ParseField(content, &field)) {
-            *error = "cannot understand the line \"" + trimmed + "\"";
-            return false;
+            return Failure("cannot understand the line \"" + trimmed + "\"");
         }
-        format->push_back(std::move(field));
+        format.push_back(std::move(field));
     }
-    if (format->empty()) {
-        *error = "no fields";
-        return false;
+    if (format.empty()) {
+        return Failure("no fields");
     }
-    return true;
+    return format;
 }
 
-bool ReadTracepointFormat(const std::string& tracefsRoot, const std::string& tracepoint,
-                          TracepointFormat* format, std::string* error) {
+Result<TracepointFormat> ReadTracepointFormat(const std::string& tracefsRoot,
+                                              const std::string& tracepoint) {
     const std::string path = tracefsRoot + "/events/" + tracepoint + "/format";
     std::string text;
     if (!android::base::ReadFileToString(path, &text)) {
-        *error = path + ": " + strerror(errno);
-        return false;
+        return Failure(path + ": " + strerror(errno));
     }
-    if (!ParseTracepointFormat(text, format, error)) {
-        *error = path + ": " + *error;
-        return false;
-    }
-    return true;
+    auto format = ParseTracepointFormat(text);
+    return format ? format : Failure(path + ": " + format.error());
 }
 
 }  // namespace Tesu::Bpf

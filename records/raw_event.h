@@ -174,7 +174,7 @@ struct OpenFdCaller {
     uint32_t pid;
     uint32_t reserved;
     uint64_t openFds;     /* descriptors open now */
-    uint64_t reportedFds; /* openFds as last told in a RawFdUpdateEvent */
+    uint64_t reportedFds; /* openFds in the last RawFdUpdateEvent */
     uint64_t reserved2;
     char comm[TESU_COMM_LEN]; /* NUL-terminated */
 };

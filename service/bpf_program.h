@@ -23,9 +23,6 @@ enum BpfAttachType { BPF_ATTACH_TYPE_TRACEPOINT = 0, BPF_ATTACH_TYPE_KPROBE = 1 
 // Object name -> BpfAttachType -> events, in the order in which they are attached.
 using BpfProgramTable = std::map<std::string, std::map<int, std::vector<std::string>>>;
 
-// Whether a file name is that of a pinned program.
-TESU_API bool IsBpfProg(std::string& name);
-
 // A descriptor of a pinned program, which the caller owns; negative on failure, errno says why.
 TESU_API int RetrieveProgramFd(const std::string& dir, const std::string& name);
 TESU_API int RetrieveProgramFd(const std::string& dir, const std::string& objName,
@@ -34,13 +31,20 @@ TESU_API int RetrieveProgramFd(const std::string& dir, const std::string& objNam
 // The attachment's descriptor, or a negative value (-1: failed).
 TESU_API int AttachTracepointProgram(const std::string& dir, const std::string& objName,
                                      const std::string& event);
-TESU_API int AttachTracepointProgram(const std::string& dir, const std::string& progName,
-                                     const std::string& subSystem, const std::string& eventName);
 TESU_API int AttachKProbeProgram(const std::string& dir, const std::string& objName,
                                  const std::string& event);
 
-// Attaches every program of the table, or every pinned program in `dir`; returns how many failed.
+// Attaches every program of the table; returns how many failed.
 TESU_API int AttachAllTesuBpfProgram(const std::string& dir, const BpfProgramTable& table);
+
+// For hosts; the service calls none of these.
+
+// Attaches every pinned program in `dir`; returns how many failed, 0 when there is no such folder.
 TESU_API int AttachAllTesuBpfProgram(const std::string& dir);
+// Whether a file name is that of a pinned program.
+TESU_API bool IsBpfProg(std::string& name);
+// A program under any name to any tracepoint. Result as above.
+TESU_API int AttachTracepointProgram(const std::string& dir, const std::string& progName,
+                                     const std::string& subSystem, const std::string& eventName);
 
 }  // namespace Tesu::Bpf

@@ -14,7 +14,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -23,6 +22,7 @@
 #include "records/contract.h"
 #include "task/tesu_bpf_task_manager.h"
 #include "util/log.h"
+#include "util/mutex.h"
 
 namespace Tesu::Bpf {
 
@@ -45,11 +45,8 @@ std::atomic<int> wakeFd{-1};
 static_assert(std::atomic<uint32_t>::is_always_lock_free && std::atomic<int>::is_always_lock_free);
 
 // Held during a dump. On the heap, so that the thread may still come for it at exit.
-std::mutex& DumpLock() {
-    static std::mutex& lock = *new std::mutex;
-    return lock;
-}
-bool processEnds = false;  // guarded by DumpLock()
+Mutex& dumpLock = *new Mutex;
+bool processEnds GUARDED_BY(dumpLock) = false;
 
 // In signal context.
 void NoteRequest(int signal) {
@@ -73,7 +70,7 @@ void ServeRequests() {
         if (ticket == 0) {
             continue;
         }
-        std::lock_guard lock(DumpLock());
+        MutexLock lock(dumpLock);
         if (processEnds) {
             return;
         }
@@ -92,7 +89,7 @@ void RunDumpThread() {
 
 // The thread is not joined, so what dumps use must not go from under one.
 void EndDumps() {
-    std::lock_guard lock(DumpLock());
+    MutexLock lock(dumpLock);
     processEnds = true;
 }
 
@@ -130,9 +127,9 @@ bool CreateDumpThread() {
 
 // The handlers come even when the thread does not: without them the signals end the process.
 void InstallDumpSignalHandlers() {
-    static std::mutex installLock;
-    static bool hasThread = false;
-    std::lock_guard lock(installLock);
+    static Mutex installLock;
+    static bool hasThread GUARDED_BY(installLock) = false;
+    MutexLock lock(installLock);
     hasThread = hasThread || CreateDumpThread();
     for (size_t kind = 0; kind < DUMPS.size(); ++kind) {
         std::signal(FIRST_SIGNAL + static_cast<int>(kind), NoteRequest);

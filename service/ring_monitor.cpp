@@ -9,13 +9,15 @@
 #include <chrono>
 #include <cstring>
 #include <memory>
-#include <utility>
+#include <optional>
 
 #include "diag/tesu_bpf_state.h"
 #include "records/contract.h"
 #include "service/dump_requests.h"
+#include "service/lost_records.h"
 #include "service/ring_reader.h"
 #include "service/ring_replacement.h"
+#include "service/stale_entries.h"
 #include "service/tesu_bpf_service.h"
 #include "util/log.h"
 
@@ -29,21 +31,15 @@ constexpr std::chrono::seconds POLL_ERROR_PAUSE{1};
 // Without a descriptor to wake it, a monitor looks for stop() this often.
 constexpr int UNWAKEABLE_TIMEOUT_MS = 500;
 // Least time between two polls. Waking this thread costs as much as some hundred records, so
-// records that come thick are taken together; one that comes alone is taken at once. A ring of a
-// megabyte is far from full after it.
+// records that come thick are taken together; one that comes alone is taken at once. A ring that
+// could be full after it is polled without.
 constexpr std::chrono::milliseconds POLL_INTERVAL{1};
+// Bytes; to fill that in the interval would take twenty million records a second.
+constexpr uint32_t LEAST_SIZE_TO_REST = 1 << 20;
 // Counter kind of successful polls, beside the record types.
 constexpr int POLL_COUNTER = 7;
 // Bytes after which a 32-bit kernel's ring is replaced: half of what it can count.
 constexpr uint64_t REPLACE_RING_AT = uint64_t{1} << 31;
-
-// Takes what waits in the ring and does nothing with it.
-void DiscardRecords(int mapFd) {
-    const auto reader = RingReader::Open(mapFd, [](void*, void*, size_t) { return 0; });
-    if (reader != nullptr) {
-        reader->consume();
-    }
-}
 
 }  // namespace
 
@@ -58,10 +54,15 @@ struct TesuBpfService::RingMonitor {
     // the normal class is on too (or null).
     int (TesuBpfService::*seedCore)();
     int (TesuBpfService::*seedNormal)();
+
+    std::unique_ptr<RingReader> reader{};
+    // Until the programs are switched on, records are those of before and are dropped.
+    bool isDropping = true;
+    uint64_t dropped = 0;
 };
 
 int TesuBpfService::eventMonitor() {
-    static constexpr RingMonitor CORE = {
+    return runMonitor({
         .which = RING_CORE,
         .name = "eventMonitor",
         .ringPath = TESU_PIN_DIR "/" TESU_CORE_MAP("ringbuf_map"),
@@ -70,12 +71,11 @@ int TesuBpfService::eventMonitor() {
         .stopMessage = "[TesuBpfService][eventMonitor] Stop Event Produce Thread...",
         .seedCore = &TesuBpfService::initTaskInfo,
         .seedNormal = &TesuBpfService::initFdBpfProg,
-    };
-    return runMonitor(CORE);
+    });
 }
 
 int TesuBpfService::gpleventMonitor() {
-    static constexpr RingMonitor GPL = {
+    return runMonitor({
         .which = RING_GPL,
         .name = "gpleventMonitor",
         .ringPath = TESU_PIN_DIR "/" TESU_GPL_MAP("ringbuf_map"),
@@ -84,11 +84,10 @@ int TesuBpfService::gpleventMonitor() {
         .stopMessage = "[TesuBpfService][gpleventMonitor] Stop GPL Event Produce Thread...",
         .seedCore = &TesuBpfService::initDmabufBpfProg,
         .seedNormal = nullptr,
-    };
-    return runMonitor(GPL);
+    });
 }
 
-int TesuBpfService::runMonitor(const RingMonitor& monitor) {
+int TesuBpfService::runMonitor(RingMonitor monitor) {
     const auto fail = [&](const char* format, int mapFd) {
         TESU_LOGE(TESU_LOG_SERVICE, format, monitor.name, strerror(errno), mapFd);
         errno = 0;
@@ -101,29 +100,30 @@ int TesuBpfService::runMonitor(const RingMonitor& monitor) {
         return fail("[TesuBpfService][%s] TESUBPF: get ringbuf failed: %s, map fd: %d",
                     ringFd.get());
     }
-    android::base::unique_fd& statusFd = statusMapFd[monitor.which];
-    statusFd.reset(bpf_obj_get(monitor.statusPath));
-    if (!statusFd.ok()) {
+    const int statusFd = bpf_obj_get(monitor.statusPath);
+    if (statusFd < 0) {
         return fail("[TesuBpfService][%s] TESUBPF: get ringbuf status map failed: %s, map fd: %d",
-                    statusFd.get());
+                    statusFd);
     }
-    // A service that ran before left its classes on, and perhaps records that it did not come to:
-    // of tasks that have gone since, or whose ids are in use again. What lives now is read from
-    // /proc below, so the ring starts empty.
-    enableCoreBpf(monitor.which, false);
-    enableNormalBpf(monitor.which, false);
-    DiscardRecords(ringFd.get());
-    auto reader = RingReader::Open(ringFd.get(), onRingRecord);
-    if (reader == nullptr) {
+    {
+        MutexLock lock(servicelock);
+        statusMapFd[monitor.which].reset(statusFd);
+    }
+    monitor.reader = RingReader::Open(ringFd.get(), onRingRecord, &monitor);
+    if (monitor.reader == nullptr) {
         return fail("[TesuBpfService][%s] TESUBPF: Set up ringbuf failed: %s, ringbufMap fd: %d",
                     ringFd.get());
     }
-    RingReplacement replacement(monitor.ringPath, monitor.currentPath,
-                                IsRingPosition32Bits() ? REPLACE_RING_AT : RingReplacement::NEVER);
-    if (replacement.isEver()) {
-        // The one that is there may have been read to where the kernel stops.
-        replaceRing(monitor, &replacement, &reader);
+    const std::optional<bool> has32BitPositions = IsRingPosition32Bits();
+    if (!has32BitPositions) {
+        TESU_LOGW(TESU_LOG_SERVICE,
+                  "[TesuBpfService][%s] positions of the ring are taken for 32 bits wide: %s",
+                  monitor.name, strerror(errno));
     }
+    RingReplacement replacement(
+        monitor.ringPath, monitor.currentPath,
+        has32BitPositions.value_or(true) ? REPLACE_RING_AT : RingReplacement::NEVER);
+    dropBacklog(monitor, replacement);
     // Each class is switched on before the state it changes is read, so that a change made
     // meanwhile waits in the ring buffer and is applied after.
     enableCoreBpf(monitor.which, true);
@@ -132,12 +132,32 @@ int TesuBpfService::runMonitor(const RingMonitor& monitor) {
     if (monitor.seedNormal != nullptr) {
         (this->*monitor.seedNormal)();
     }
-    return pollRing(monitor, &replacement, std::move(reader));
+    return pollRing(monitor, replacement);
 }
 
-void TesuBpfService::replaceRing(const RingMonitor& monitor, RingReplacement* replacement,
-                                 std::unique_ptr<RingReader>* reader) {
-    if (replacement->replace(reader, onRingRecord)) {
+// A service that ran before left its classes on, and perhaps records that it did not come to: of
+// tasks that have gone since, or whose ids are in use again. What lives now is read from /proc, so
+// the ring starts empty, and what was in it counts as lost.
+void TesuBpfService::dropBacklog(RingMonitor& monitor, RingReplacement& replacement) {
+    enableCoreBpf(monitor.which, false);
+    enableNormalBpf(monitor.which, false);
+    monitor.reader->consume();
+    ClearStaleEntries(monitor.which);
+    if (replacement.isEver()) {
+        // The one that is there may have been read to where the kernel stops.
+        replaceRing(monitor, replacement);
+    }
+    monitor.isDropping = false;
+    if (monitor.dropped != 0) {
+        TESU_LOGW(TESU_LOG_SERVICE,
+                  "[TesuBpfService][%s] %llu records from before the start were dropped",
+                  monitor.name, static_cast<unsigned long long>(monitor.dropped));
+        AddLostRecords(statusMap(monitor.which), monitor.dropped);
+    }
+}
+
+void TesuBpfService::replaceRing(RingMonitor& monitor, RingReplacement& replacement) {
+    if (replacement.replace(&monitor.reader, onRingRecord, &monitor)) {
         // The descriptor would keep the old ring's memory.
         ringbufMapFd[monitor.which].reset(bpf_obj_get(monitor.ringPath));
         TESU_LOGI(TESU_LOG_SERVICE, "[TesuBpfService][%s] the ring buffer was replaced",
@@ -148,13 +168,15 @@ void TesuBpfService::replaceRing(const RingMonitor& monitor, RingReplacement* re
     }
 }
 
-int TesuBpfService::pollRing(const RingMonitor& monitor, RingReplacement* replacement,
-                             std::unique_ptr<RingReader> reader) {
+int TesuBpfService::pollRing(RingMonitor& monitor, RingReplacement& replacement) {
+    const bool rests = monitor.reader->size() >= LEAST_SIZE_TO_REST;
     int errors = 0;
     std::chrono::steady_clock::time_point nextPoll;
     while (running) {
-        restUntil(nextPoll);
-        const int result = waitAndPoll(*reader);
+        if (rests) {
+            restUntil(nextPoll);
+        }
+        const int result = waitAndPoll(monitor);
         nextPoll = std::chrono::steady_clock::now() + POLL_INTERVAL;
         // A poll that stop() woke or cut short is no error, and none that counts.
         if (!running) {
@@ -164,8 +186,8 @@ int TesuBpfService::pollRing(const RingMonitor& monitor, RingReplacement* replac
             TesuBpfDataState::GetInstance()->RecordEvent(POLL_COUNTER, 1);
             checkBpfRingBuffStatus(monitor.which, false);
             errors = 0;
-            if (replacement->isDue(*reader)) {
-                replaceRing(monitor, replacement, &reader);
+            if (replacement.isDue(*monitor.reader)) {
+                replaceRing(monitor, replacement);
             }
             continue;
         }
@@ -198,19 +220,25 @@ void TesuBpfService::restUntil(std::chrono::steady_clock::time_point end) {
 
 // Waits until the ring has records or the service stops, then takes what there is. libbpf's own
 // wait cannot be woken by stop(), so its descriptor is waited for together with stop()'s.
-int TesuBpfService::waitAndPoll(RingReader& reader) {
+int TesuBpfService::waitAndPoll(RingMonitor& monitor) {
     pollfd waited[] = {
-        {.fd = reader.epollFd(), .events = POLLIN, .revents = 0},
+        {.fd = monitor.reader->epollFd(), .events = POLLIN, .revents = 0},
         {.fd = stopFd.get(), .events = POLLIN, .revents = 0},
     };
     if (::poll(waited, std::size(waited), stopFd.ok() ? -1 : UNWAKEABLE_TIMEOUT_MS) == -1) {
         return -1;
     }
-    return reader.poll();
+    return monitor.reader->poll();
 }
 
-int TesuBpfService::onRingRecord(void* ctx, void* data, size_t size) {
-    const int result = handleBpfRingBuffEvent(ctx, data, static_cast<unsigned>(size));
+int TesuBpfService::onRingRecord(void* monitor, void* data, size_t size) {
+    auto& owner = *static_cast<RingMonitor*>(monitor);
+    int result = 0;
+    if (owner.isDropping) {
+        ++owner.dropped;
+    } else {
+        result = handleBpfRingBuffEvent(nullptr, data, static_cast<unsigned>(size));
+    }
     // A ring that never runs empty would keep the poll, and with it stop(), waiting for ever.
     const TesuBpfService* service = instance.load(std::memory_order_relaxed);
     return result >= 0 && !service->running ? -ECANCELED : result;

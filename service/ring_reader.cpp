@@ -20,15 +20,20 @@ constexpr uint32_t MAX_RING_SIZE = 1U << 30;
 
 }  // namespace
 
-std::unique_ptr<RingReader> RingReader::Open(int mapFd, ring_buffer_sample_fn onRecord) {
+std::unique_ptr<RingReader> RingReader::Open(int mapFd, ring_buffer_sample_fn onRecord, void* ctx) {
     std::unique_ptr<RingReader> reader(new RingReader);
-    void* ctx = nullptr;
+    bpf_map_info info = {};
+    uint32_t infoSize = sizeof(info);
+    if (bpf_obj_get_info_by_fd(mapFd, &info, &infoSize) != 0) {
+        return nullptr;
+    }
+    reader->ringSize = info.max_entries;
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     if (!reader->map(&reader->consumerPage, mapFd, page, PROT_READ | PROT_WRITE, 0)) {
         return nullptr;
     }
     if constexpr (NEEDS_HELP_OVER_WRAP) {
-        if (!reader->mapForWrap(mapFd, onRecord)) {
+        if (!reader->mapForWrap(mapFd, onRecord, ctx)) {
             return nullptr;
         }
         onRecord = RingWrap::onLibraryRecord;
@@ -48,19 +53,13 @@ bool RingReader::map(Mapping* mapping, int mapFd, size_t size, int protection, s
 }
 
 // The kernel shows a ring as the consumer's page, the producer's page, and the records twice.
-bool RingReader::mapForWrap(int mapFd, ring_buffer_sample_fn onRecord) {
-    bpf_map_info info = {};
-    uint32_t infoSize = sizeof(info);
-    if (bpf_obj_get_info_by_fd(mapFd, &info, &infoSize) != 0) {
-        return false;
-    }
-    if (info.max_entries > MAX_RING_SIZE) {
+bool RingReader::mapForWrap(int mapFd, ring_buffer_sample_fn onRecord, void* ctx) {
+    if (ringSize > MAX_RING_SIZE) {
         errno = EFBIG;
         return false;
     }
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    if (!map(&producerPageAndRecords, mapFd, page + 2 * size_t{info.max_entries}, PROT_READ,
-             page)) {
+    if (!map(&producerPageAndRecords, mapFd, page + 2 * size_t{ringSize}, PROT_READ, page)) {
         return false;
     }
     const auto* producerPage = static_cast<const char*>(producerPageAndRecords.address);
@@ -68,8 +67,8 @@ bool RingReader::mapForWrap(int mapFd, ring_buffer_sample_fn onRecord) {
         RingWrap::Ring{.consumer = static_cast<uint64_t*>(consumerPage.address),
                        .producer = reinterpret_cast<const uint32_t*>(producerPage),
                        .records = producerPage + page,
-                       .size = info.max_entries},
-        onRecord, nullptr);
+                       .size = ringSize},
+        onRecord, ctx);
     return true;
 }
 

@@ -22,20 +22,22 @@ class RingReader {
   public:
     // Null, with errno set, on failure. A callback's negative result ends the reading after its
     // record and is the result of the call that was reading; -INT_MAX is not to be used.
-    static std::unique_ptr<RingReader> Open(int mapFd, ring_buffer_sample_fn onRecord);
+    static std::unique_ptr<RingReader> Open(int mapFd, ring_buffer_sample_fn onRecord,
+                                            void* ctx = nullptr);
     ~RingReader();
     RingReader(const RingReader&) = delete;
     RingReader& operator=(const RingReader&) = delete;
 
     // Readable while records wait. Belongs to the reader.
     int epollFd() const { return ring_buffer__epoll_fd(library.get()); }
-    // Takes what waits, without waiting for more. 0 or more, or negative with errno set (unless the
-    // callback was negative).
+    // Takes what waits, without waiting for more. 0 or more, or a negative errno, also in errno.
     int poll();
     // The same without asking the kernel whether there is anything.
     int consume();
     // Bytes read of this ring since it was made, with the records' headers.
     uint64_t position() const { return *static_cast<const uint64_t*>(consumerPage.address); }
+    // Of the ring, in bytes.
+    uint32_t size() const { return ringSize; }
 
   private:
     using LibraryReader = std::unique_ptr<::ring_buffer, decltype(&ring_buffer__free)>;
@@ -48,10 +50,11 @@ class RingReader {
 
     RingReader() = default;
     bool map(Mapping* mapping, int mapFd, size_t size, int protection, size_t offset);
-    bool mapForWrap(int mapFd, ring_buffer_sample_fn onRecord);
+    bool mapForWrap(int mapFd, ring_buffer_sample_fn onRecord, void* ctx);
 
     LibraryReader library{nullptr, &ring_buffer__free};
     Mapping consumerPage;
+    uint32_t ringSize = 0;
     // These are of a 32-bit process only.
     Mapping producerPageAndRecords;
     std::unique_ptr<RingWrap> wrap;

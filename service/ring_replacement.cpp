@@ -51,21 +51,23 @@ uint32_t PinnedRingSize(const std::string& path) {
 
 // To a 64-bit kernel a ring whose consumer says 4 GiB has something to read; a 32-bit kernel sees
 // the zero of the low word.
-bool IsRingPosition32Bits() {
+std::optional<bool> IsRingPosition32Bits() {
     if constexpr (sizeof(unsigned long) == sizeof(uint64_t)) {
         return false;
     }
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     const Descriptor ring(MakeRing(static_cast<uint32_t>(page)));
-    void* const consumer = mmap(nullptr, page, PROT_READ | PROT_WRITE, MAP_SHARED, ring.get(), 0);
+    void* const consumer =
+        ring.get() < 0 ? MAP_FAILED
+                       : mmap(nullptr, page, PROT_READ | PROT_WRITE, MAP_SHARED, ring.get(), 0);
     if (consumer == MAP_FAILED) {
-        return false;
+        return std::nullopt;
     }
     *static_cast<volatile uint64_t*>(consumer) = uint64_t{1} << 32;
     pollfd readable = {.fd = ring.get(), .events = POLLIN, .revents = 0};
     const int ready = ::poll(&readable, 1, 0);
     munmap(consumer, page);
-    return ready == 0;
+    return ready < 0 ? std::nullopt : std::optional(ready == 0);
 }
 
 // When the service ends between the last two steps, the pin is of a ring that nobody writes into.
@@ -94,10 +96,11 @@ bool RingReplacement::install(int ringFd) const {
     return true;
 }
 
-bool RingReplacement::replace(std::unique_ptr<RingReader>* reader, ring_buffer_sample_fn onRecord) {
+bool RingReplacement::replace(std::unique_ptr<RingReader>* reader, ring_buffer_sample_fn onRecord,
+                              void* ctx) {
     const Descriptor ring(MakeRing(PinnedRingSize(ringPath)));
     std::unique_ptr<RingReader> next =
-        ring.get() >= 0 ? RingReader::Open(ring.get(), onRecord) : nullptr;
+        ring.get() >= 0 ? RingReader::Open(ring.get(), onRecord, ctx) : nullptr;
     if (next == nullptr || !install(ring.get())) {
         replaceAt += RETRY_AFTER;
         return false;

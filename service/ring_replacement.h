@@ -19,6 +19,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -26,8 +27,9 @@
 
 namespace Tesu::Bpf {
 
-// Whether positions of rings have 32 bits in this kernel. Makes a ring to find out.
-bool IsRingPosition32Bits();
+// Whether positions of rings have 32 bits in this kernel. Makes a ring to find out; nothing, with
+// errno set, when it cannot.
+std::optional<bool> IsRingPosition32Bits();
 
 class RingReplacement {
   public:
@@ -47,7 +49,8 @@ class RingReplacement {
     // old ring was handed on, its reader into `reader`. When a callback ends that with -ECANCELED,
     // the rest of the old ring is left. False, with errno set, when everything is as it was; due
     // again some time later.
-    bool replace(std::unique_ptr<RingReader>* reader, ring_buffer_sample_fn onRecord);
+    bool replace(std::unique_ptr<RingReader>* reader, ring_buffer_sample_fn onRecord,
+                 void* ctx = nullptr);
 
   private:
     // Gives the programs the ring, and it the pin; false when they keep the old one.

@@ -33,6 +33,11 @@ bool WriteStatus(int mapFd, uint32_t key, uint64_t value) {
 
 }  // namespace
 
+int TesuBpfService::statusMap(int which) {
+    MutexLock lock(servicelock);
+    return statusMapFd[which].get();
+}
+
 bool TesuBpfService::checkBpfRingBuffStatus(int which, bool force) {
     if (!IsRing(which)) {
         return false;
@@ -42,7 +47,7 @@ bool TesuBpfService::checkBpfRingBuffStatus(int which, bool force) {
         return true;
     }
     lastStatusCheck[which] = now;
-    const int mapFd = statusMapFd[which].get();
+    const int mapFd = statusMap(which);
     const uint64_t available = ReadStatus(mapFd, RING_AVAIL_DATA);
     const uint64_t flags = ReadStatus(mapFd, RING_STATUS_FLAGS);
     if ((flags & FLAG_RINGBUF_FULL) == 0) {
@@ -64,7 +69,7 @@ bool TesuBpfService::switchStatusFlag(int which, uint64_t flag, bool enable) {
     if (!IsRing(which)) {
         return false;
     }
-    std::lock_guard lock(servicelock);
+    MutexLock lock(servicelock);
     const int mapFd = statusMapFd[which].get();
     const uint64_t flags = ReadStatus(mapFd, RING_STATUS_FLAGS);
     return WriteStatus(mapFd, RING_STATUS_FLAGS, enable ? flags | flag : flags & ~flag);

@@ -4,6 +4,7 @@
 #include <linux/bpf.h>
 
 #include <bit>
+#include <cerrno>
 #include <climits>
 
 namespace Tesu::Bpf {
@@ -67,6 +68,7 @@ int RingWrap::consumeNearWrap() {
         position += RoundedLength(size);
         __atomic_store_n(ring.consumer, position, __ATOMIC_RELEASE);
         if (result < 0) {
+            errno = -result;  // as libbpf does
             return result;
         }
     }

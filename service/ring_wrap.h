@@ -48,7 +48,8 @@ class RingWrap {
         : ring(ring), onRecord(onRecord), ctx(ctx) {}
 
     // Takes what waits. `library` runs libbpf's reader once, with onLibraryRecord and this object
-    // for the callback. 0 or more, or the negative result that ended the reading.
+    // for the callback. 0 or more, or the negative result that ended the reading; errno
+    // is that result's.
     int take(const std::function<int()>& library);
 
     // Hands a record on, and ends libbpf's reading where this class is to go on. (libbpf calls

@@ -69,8 +69,8 @@ void TesuBpfService::createGplThreadIfDue() {
 }
 
 bool TesuBpfService::sleepUnlessStopped(std::chrono::milliseconds duration) {
-    std::unique_lock lock(stopMutex);
-    return stopCondition.wait_for(lock, duration, [this] { return !running; });
+    MutexLock lock(servicelock);
+    return servicelock.waitFor(stopCondition, duration, [this] { return !running; });
 }
 
 int TesuBpfService::eventProduceThread() {
@@ -87,7 +87,7 @@ int TesuBpfService::eventProduceThread() {
                   strerror(errno));
     }
     {
-        std::lock_guard lock(servicelock);
+        MutexLock lock(servicelock);
         ready = true;
         createGplThreadIfDue();
     }
@@ -104,17 +104,16 @@ int TesuBpfService::gpleventProduceThread() {
 }
 
 int TesuBpfService::Wait() {
-    while (running) {
-        {
-            std::lock_guard lock(servicelock);
-            // stop() may have come in between.
-            if (running) {
-                createCoreThread();
-                createGplThreadIfDue();
-            }
+    do {
+        MutexLock lock(servicelock);
+        if (!running && !stopped) {
+            return 0;
         }
-        sleepUnlessStopped(SUPERVISION_STEP);
-    }
+        if (running) {
+            createCoreThread();
+            createGplThreadIfDue();
+        }
+    } while (!sleepUnlessStopped(SUPERVISION_STEP));
     stop();
     joinPollThreads();
     ipcManager->shutdown();
@@ -127,7 +126,7 @@ void TesuBpfService::joinPollThreads() {
     for (std::thread* handle : {&eventThread, &gplEventThread}) {
         std::thread ending;
         {
-            std::lock_guard lock(servicelock);
+            MutexLock lock(servicelock);
             ending.swap(*handle);
         }
         if (ending.joinable()) {

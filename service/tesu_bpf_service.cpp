@@ -14,6 +14,7 @@
 #include "records/raw_event.h"
 #include "service/service_affinity.h"
 #include "util/log.h"
+#include "util/singleton.h"
 
 namespace Tesu::Bpf {
 
@@ -25,7 +26,7 @@ constexpr int MAX_EVENTS_PER_WAIT = 32;
 
 }  // namespace
 
-std::mutex TesuBpfService::servicelock;
+Mutex TesuBpfService::servicelock;
 std::atomic<TesuBpfService*> TesuBpfService::instance{nullptr};
 
 bool BpfServiceMain() {
@@ -38,18 +39,9 @@ bool BpfServiceMain() {
 }
 
 TesuBpfService* TesuBpfService::GetInstance() {
-    // The lock is for creation alone: the constructor takes tesuRawEventManagerLock under it, which
-    // everywhere else is the outer one.
-    TesuBpfService* service = instance.load(std::memory_order_acquire);
-    if (service == nullptr) {
-        std::lock_guard lock(servicelock);
-        service = instance.load(std::memory_order_relaxed);
-        if (service == nullptr) {
-            service = new TesuBpfService();
-            instance.store(service, std::memory_order_release);
-        }
-    }
-    return service;
+    // The constructor takes tesuRawEventManagerLock under servicelock, which nests the other way
+    // round everywhere else; while there is no service nobody does that.
+    return GetOrMake(instance, servicelock, [] { return new TesuBpfService(); });
 }
 
 TesuBpfService::TesuBpfService()
@@ -104,11 +96,13 @@ TesuBpfService::TesuBpfService()
 TesuBpfService::~TesuBpfService() {
     stop();
     joinPollThreads();
-    // The fan-out ends before what it sends to goes.
-    EventManager::GetInstance()->setClientQueues(nullptr);
+    // The fan-out ends before what it sends to goes, and the queues go after those who empty them.
+    EventManager* const events = EventManager::GetInstance();
+    events->setClientQueues(&clientPackageManagers);
     ipcManager.reset();
     packageManager.reset();
     packageHandler.reset();
+    events->setClientQueues(nullptr);
     clientPackageManagers.clear();
     for (const int which : {RING_GPL, RING_CORE}) {
         statusMapFd[which].reset();
@@ -116,10 +110,11 @@ TesuBpfService::~TesuBpfService() {
     for (const int which : {RING_GPL, RING_CORE}) {
         ringbufMapFd[which].reset();
     }
+    instance = nullptr;
 }
 
 bool TesuBpfService::start() {
-    std::lock_guard lock(servicelock);
+    MutexLock lock(servicelock);
     if (stopped) {
         TESU_LOGE(TESU_LOG_SERVICE, "[TesuBpfService][start] the service was stopped");
         return false;
@@ -130,13 +125,10 @@ bool TesuBpfService::start() {
 }
 
 int TesuBpfService::stop() {
-    std::lock_guard lock(servicelock);
+    MutexLock lock(servicelock);
     ipcManager->stop();
     stopped = true;
-    {
-        std::lock_guard stopLock(stopMutex);
-        running = false;
-    }
+    running = false;
     stopCondition.notify_all();
     if (stopFd.ok()) {
         eventfd_write(stopFd.get(), 1);

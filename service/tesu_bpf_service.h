@@ -7,7 +7,7 @@
 //   GetInstance()->Wait()       supervises until stop(), then joins the poll threads
 //   GetInstance()->stop()       from any thread but a poll thread; ends everything within a second
 //
-// A service that was stopped is not started again, and the object is never destroyed.
+// A service that was stopped is not started again. It never destroys the object itself.
 //
 // Threads: "BpfServicePoll" runs eventProduceThread, "BpfServicePGpl" gpleventProduceThread,
 // "BpfServiceTr" (the socket loop) the client callbacks.
@@ -28,7 +28,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
@@ -41,13 +40,14 @@
 #include "service/bpf_program.h"
 #include "task/task_event_handlers.h"
 #include "util/export.h"
+#include "util/mutex.h"
 
 namespace Tesu::Bpf {
 
-class RingReader;
 class RingReplacement;
 
-// Starts the service. False when the disable property says so, or when it was stopped before.
+// Starts the service. False when the disable property says so or, which is logged, when it was
+// stopped before.
 // Throws std::system_error when the poll thread cannot be created.
 TESU_API bool BpfServiceMain();
 
@@ -63,6 +63,7 @@ class TESU_API TesuBpfService {
 
     // False once the service was stopped; true, and nothing done, while it runs.
     bool start();
+    // Always 0; at once when there was no start.
     int Wait();
     int stop();
     static bool checkKernelVersion();
@@ -92,7 +93,8 @@ class TESU_API TesuBpfService {
     int handleSched_SchedProcessFork(char* data, int64_t size);
     int handleSched_SchedProcessExit(char* data, int64_t size);
     int handleKmem_RssStat(char* data, int64_t size);
-    // For a record type that clients receive unchanged; not for types that are forwarded anyway.
+    // For hosts: the handler of a record type that clients receive unchanged; not for types that
+    // are forwarded anyway.
     int handleBpfPassthrough(char* data, int64_t size);
     // -1 when the process has gone.
     static int getProcessInfo(int32_t pid, UpdateProcessExdata* out);
@@ -109,10 +111,10 @@ class TESU_API TesuBpfService {
     int onClientLibWriteable(int fd, BufferState* writeBuffer);
     int onEventProvideReqCallBack(int fd, char* body, long long length, BufferState* writeBuffer);
 
-    // Has the socket loop send what is queued for each client, in order.
+    // For hosts: has the socket loop send what is queued for each client, in order.
     void notifyClientEventReady(const std::vector<int>& fds);
 
-    static std::mutex servicelock;
+    static Mutex servicelock;
 
     static const std::string PROC_FS_PATH;
     static const std::string SUBTASK_PATH_TEMPLATE;
@@ -138,27 +140,27 @@ class TESU_API TesuBpfService {
     ~TesuBpfService();
 
   private:
-    // What differs between the two monitors.
+    // What differs between the two monitors, and what each has at hand.
     struct RingMonitor;
 
     TesuBpfService();
 
-    // Both need servicelock.
-    void createCoreThread();
-    void createGplThreadIfDue();
+    void createCoreThread() REQUIRES(servicelock);
+    void createGplThreadIfDue() REQUIRES(servicelock);
     void joinPollThreads();
     // True when stopped, at the latest after `duration`.
     bool sleepUnlessStopped(std::chrono::milliseconds duration);
 
-    int runMonitor(const RingMonitor& monitor);
-    int pollRing(const RingMonitor& monitor, RingReplacement* replacement,
-                 std::unique_ptr<RingReader> reader);
-    void replaceRing(const RingMonitor& monitor, RingReplacement* replacement,
-                     std::unique_ptr<RingReader>* reader);
+    int runMonitor(RingMonitor monitor);
+    void dropBacklog(RingMonitor& monitor, RingReplacement& replacement);
+    int pollRing(RingMonitor& monitor, RingReplacement& replacement);
+    void replaceRing(RingMonitor& monitor, RingReplacement& replacement);
     void restUntil(std::chrono::steady_clock::time_point end);
-    int waitAndPoll(RingReader& reader);
-    // What libbpf calls for each record: hands it on and ends the poll when the service stops.
-    static int onRingRecord(void* ctx, void* data, size_t size);
+    int waitAndPoll(RingMonitor& monitor);
+    // What libbpf calls for each record of `monitor`: hands it on and ends the poll when the
+    // service stops.
+    static int onRingRecord(void* monitor, void* data, size_t size);
+    int statusMap(int which);
     bool switchStatusFlag(int which, uint64_t flag, bool enable);
 
     static std::atomic<TesuBpfService*> instance;
@@ -166,33 +168,32 @@ class TESU_API TesuBpfService {
     // Handler of each record type, called on the poll thread that owns the record's buffer. Filled
     // by the constructor, then only read.
     std::map<int32_t, std::function<int32_t(char*, int64_t)>> eventHandlers;
-    std::atomic<bool> running{false};
+    std::atomic<bool> running{false};  // changed under servicelock
     // Set once by stop(), under servicelock; what takes long looks at it and ends early.
     std::atomic<bool> stopped{false};
-    // Set once readiness and time base are there: the GPL thread may start. Guarded by servicelock.
-    bool ready = false;
+    // Set once readiness and time base are there: the GPL thread may start.
+    bool ready GUARDED_BY(servicelock) = false;
     // Seconds since the epoch; each element belongs to its poll thread.
     std::array<int64_t, RING_COUNT> lastStatusCheck{};
-    // Written by their poll thread before it enables the programs, then only read.
+    // Each element belongs to its poll thread.
     std::array<android::base::unique_fd, RING_COUNT> ringbufMapFd;
-    std::array<android::base::unique_fd, RING_COUNT> statusMapFd;
+    std::array<android::base::unique_fd, RING_COUNT> statusMapFd GUARDED_BY(servicelock);
     // Names whose parent and name are read again from /proc on memory events. Only read after
     // construction, so refreshLock is taken by nobody.
     std::set<std::string> refreshNames;
-    std::mutex refreshLock;
+    Mutex refreshLock;
     TaskEventHandlers taskHandlers;
-    // Handles are guarded by servicelock.
-    std::thread eventThread;
-    std::thread gplEventThread;
+    std::thread eventThread GUARDED_BY(servicelock);
+    std::thread gplEventThread GUARDED_BY(servicelock);
     std::unique_ptr<UnixIpcManager> ipcManager;
+    // For hosts; nothing in the service uses it.
     std::unique_ptr<IpcPackageManager> packageManager;
     std::unique_ptr<IpcPackageHandler> packageHandler;
-    // Guarded by EventManager::tesuRawEventManagerLock.
-    std::map<int, IpcPackageManager> clientPackageManagers;
+    std::map<int, IpcPackageManager> clientPackageManagers
+        GUARDED_BY(EventManager::tesuRawEventManagerLock);
 
-    // Wakes what waits for stop(): threads asleep through the condition, polls through the
-    // descriptor, which stays readable from stop() on.
-    std::mutex stopMutex;
+    // Wakes what waits for stop(): threads asleep through the condition (with servicelock), polls
+    // through the descriptor, which stays readable from stop() on.
     std::condition_variable stopCondition;
     android::base::unique_fd stopFd;
 };

@@ -97,12 +97,11 @@ std::string FormatTaskDump(uint32_t tableCount, uint64_t now, const std::vector<
     return text;
 }
 
-void TesuTaskManager::dump(const std::string& path, KernelTasks kernelTasks,
-                           OldColumns oldColumns) {
+void TesuTaskManager::dump(KernelTasks kernelTasks, OldColumns oldColumns) {
     uint32_t count = 0;
     std::vector<TesuTask> copies;
     {
-        std::lock_guard lock(tesuTaskManagerLock);
+        MutexLock lock(tesuTaskManagerLock);
         count = GetTesuTaskCount();
         copies.reserve(count);
         for (const auto& [pid, task] : tasks) {
@@ -114,25 +113,26 @@ void TesuTaskManager::dump(const std::string& path, KernelTasks kernelTasks,
     SortForDump(copies);
     const auto now = static_cast<uint64_t>(time(nullptr));
     const bool withOldColumns = oldColumns == OldColumns::PRINTED;
-    if (!ReplaceDumpFile(path, FormatTaskDump(count, now, copies, withOldColumns))) {
+    if (!ReplaceDumpFile(TESUTASK_DUMP_TEMPLATE,
+                         FormatTaskDump(count, now, copies, withOldColumns))) {
         TESU_LOGE(TESU_LOG_UTILS, "failed to dump tesu task, error: %s", strerror(errno));
     }
 }
 
-void TesuTaskManager::DumpTesuTaskInfo(const std::string& path) {
-    dump(path, KernelTasks::INCLUDED, OldColumns::PRINTED);
+void TesuTaskManager::DumpTesuTaskInfo() {
+    dump(KernelTasks::INCLUDED, OldColumns::PRINTED);
 }
 
-void TesuTaskManager::DumpTesuTaskIgnoreKernelTaskInfo(const std::string& path) {
-    dump(path, KernelTasks::LEFT_OUT, OldColumns::PRINTED);
+void TesuTaskManager::DumpTesuTaskIgnoreKernelTaskInfo() {
+    dump(KernelTasks::LEFT_OUT, OldColumns::PRINTED);
 }
 
-void TesuTaskManager::DumpTesuTaskInfoNormal(const std::string& path) {
-    dump(path, KernelTasks::INCLUDED, OldColumns::LEFT_OUT);
+void TesuTaskManager::DumpTesuTaskInfoNormal() {
+    dump(KernelTasks::INCLUDED, OldColumns::LEFT_OUT);
 }
 
-void TesuTaskManager::DumpTesuTaskIgnoreKernelTaskInfoNormal(const std::string& path) {
-    dump(path, KernelTasks::LEFT_OUT, OldColumns::LEFT_OUT);
+void TesuTaskManager::DumpTesuTaskIgnoreKernelTaskInfoNormal() {
+    dump(KernelTasks::LEFT_OUT, OldColumns::LEFT_OUT);
 }
 
 void HandleDumpSignal(int /*signal*/) {

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <mutex>
 #include <optional>
 #include <utility>
 
@@ -134,7 +133,7 @@ void TaskEventHandlers::onTaskInit(const RawTesuTaskInitEvent& event) {
     task.rssShmemSize = task.rssShmemOldSize = event.rssShmemSize;
     task.initTimeStamp = event.startTime;
     task.createEventTime = event.header.time;
-    std::lock_guard lock(TesuTaskManager::tesuTaskManagerLock);
+    MutexLock lock(TesuTaskManager::tesuTaskManagerLock);
     table->AddTesuTask(event.pid, task);
 }
 
@@ -154,7 +153,7 @@ void TaskEventHandlers::onTaskCreate(const RawTaskCreateEvent& event) {
 void TaskEventHandlers::countThread(int32_t pid, int64_t time, int32_t step) {
     std::optional<ThreadCountNotification> report;
     {
-        std::lock_guard lock(TesuTaskManager::tesuTaskManagerLock);
+        MutexLock lock(TesuTaskManager::tesuTaskManagerLock);
         TesuTask* task = table->GetTesuTask(pid);
         if (task == nullptr || task->createEventTime >= time) {
             return;
@@ -178,7 +177,7 @@ void TaskEventHandlers::addProcess(const RawTaskCreateEvent& event) {
     task.initTimeStamp = static_cast<int64_t>(GetSystemSecondsTime());
     task.createEventTime = event.header.time;
     {
-        std::lock_guard lock(TesuTaskManager::tesuTaskManagerLock);
+        MutexLock lock(TesuTaskManager::tesuTaskManagerLock);
         if (table->GetTesuTask(event.pid) != nullptr) {
             return;
         }
@@ -203,7 +202,7 @@ void TaskEventHandlers::onTaskExit(const RawTaskExitEvent& event) {
         countThread(event.pid, event.header.time, -1);
     } else if (event.taskType == RAW_TASK_PROCESS) {
         {
-            std::lock_guard lock(TesuTaskManager::tesuTaskManagerLock);
+            MutexLock lock(TesuTaskManager::tesuTaskManagerLock);
             table->DelTesuTask(event.pid);
         }
         ProcessExitedNotification exited{
@@ -222,7 +221,7 @@ void TaskEventHandlers::onRssStat(const RawRssStatEvent& event) {
     }
     std::optional<MemoryNotification> report;
     {
-        std::lock_guard lock(TesuTaskManager::tesuTaskManagerLock);
+        MutexLock lock(TesuTaskManager::tesuTaskManagerLock);
         TesuTask* task = table->GetTesuTask(event.pid);
         if (task == nullptr) {
             return;

@@ -36,7 +36,7 @@ class TaskEventHandlers {
   private:
     void countThread(int32_t pid, int64_t time, int32_t step);
     void addProcess(const RawTaskCreateEvent& event);
-    void refreshIfDue(TesuTask* task);
+    void refreshIfDue(TesuTask* task) REQUIRES(TesuTaskManager::tesuTaskManagerLock);
 
     TesuTaskManager* const table;
     const std::set<std::string>* const refreshNames;

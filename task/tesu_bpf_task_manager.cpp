@@ -4,7 +4,8 @@
 #include "task/tesu_bpf_task_manager.h"
 
 #include <cerrno>
-#include <memory>
+
+#include "util/singleton.h"
 
 namespace Tesu::Bpf {
 
@@ -33,23 +34,16 @@ bool Erase(Map& map, typename Map::key_type key) {
 
 }  // namespace
 
-std::mutex TesuTaskManager::tesuTaskManagerLock;
+Mutex TesuTaskManager::tesuTaskManagerLock;
+Mutex TesuTaskManager::creationLock;
 std::atomic<TesuTaskManager*> TesuTaskManager::instance{nullptr};
 
 bool CompareTesuTask(const TesuTask& a, const TesuTask& b) {
     return static_cast<int64_t>(TotalSize(a) - TotalSize(b)) > 0;
 }
 
-// Without a lock, since callers may hold the table's: of two first callers one keeps its object.
 TesuTaskManager* TesuTaskManager::GetInstance() {
-    TesuTaskManager* manager = instance.load(std::memory_order_acquire);
-    if (manager == nullptr) {
-        std::unique_ptr<TesuTaskManager> made(new TesuTaskManager());
-        if (instance.compare_exchange_strong(manager, made.get(), std::memory_order_acq_rel)) {
-            manager = made.release();
-        }
-    }
-    return manager;
+    return GetOrMake(instance, creationLock, [] { return new TesuTaskManager(); });
 }
 
 int32_t TesuTaskManager::AddTesuTask(int32_t pid, TesuTask task) {

@@ -7,11 +7,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <string>
 
 #include "records/raw_event.h"
 #include "util/export.h"
+#include "util/mutex.h"
 
 namespace Tesu::Bpf {
 
@@ -57,31 +57,35 @@ class TESU_API TesuTaskManager {
 
     // The adders overwrite what is there and return 0. The getters give null for what is absent and
     // leave errno alone. The deleters set errno: 0, or ENOENT when there was nothing to delete.
-    int32_t AddTesuTask(int32_t pid, TesuTask task);
-    TesuTask* GetTesuTask(int32_t pid);
-    int32_t DelTesuTask(int32_t pid);  // -1 for an absent pid
-    uint32_t GetTesuTaskCount() const;
+    int32_t AddTesuTask(int32_t pid, TesuTask task) REQUIRES(tesuTaskManagerLock);
+    TesuTask* GetTesuTask(int32_t pid) REQUIRES(tesuTaskManagerLock);
+    // -1 for an absent pid
+    int32_t DelTesuTask(int32_t pid) REQUIRES(tesuTaskManagerLock);
+    uint32_t GetTesuTaskCount() const REQUIRES(tesuTaskManagerLock);
 
-    // By memory descriptor. The index does not own its tasks, and deleting a task leaves its entry.
-    int32_t AddMmidIndex(uint32_t mmid, TesuTask* task);
-    TesuTask* GetTesuTaskByMmid(uint32_t mmid);
-    int32_t DelMmidIndex(uint32_t mmid);  // -1 for an absent mmid
+    // By memory descriptor; for hosts, the service uses neither of these tables. The index does not
+    // own its tasks, and deleting a task leaves its entry.
+    int32_t AddMmidIndex(uint32_t mmid, TesuTask* task) REQUIRES(tesuTaskManagerLock);
+    TesuTask* GetTesuTaskByMmid(uint32_t mmid) REQUIRES(tesuTaskManagerLock);
+    // -1 for an absent mmid
+    int32_t DelMmidIndex(uint32_t mmid) REQUIRES(tesuTaskManagerLock);
 
-    int32_t AddRssTempTask(uint32_t mmid, TesuTask task);
-    TesuTask* GetRssTempTask(uint32_t mmid);
-    int32_t DelRssTempTask(uint32_t mmid);  // always 0
+    int32_t AddRssTempTask(uint32_t mmid, TesuTask task) REQUIRES(tesuTaskManagerLock);
+    TesuTask* GetRssTempTask(uint32_t mmid) REQUIRES(tesuTaskManagerLock);
+    // Always 0.
+    int32_t DelRssTempTask(uint32_t mmid) REQUIRES(tesuTaskManagerLock);
 
     // Replace the dump file by the table of this moment, largest processes first. IgnoreKernelTask
     // leaves out tasks without memory, Normal the columns of old figures. A file that cannot be
     // created is logged. Any thread, without the lock; not a signal handler (see
     // service/dump_requests.h).
-    void DumpTesuTaskInfo(const std::string& path = TESUTASK_DUMP_TEMPLATE);
-    void DumpTesuTaskIgnoreKernelTaskInfo(const std::string& path = TESUTASK_DUMP_TEMPLATE);
-    void DumpTesuTaskInfoNormal(const std::string& path = TESUTASK_DUMP_TEMPLATE);
-    void DumpTesuTaskIgnoreKernelTaskInfoNormal(const std::string& path = TESUTASK_DUMP_TEMPLATE);
+    void DumpTesuTaskInfo();
+    void DumpTesuTaskIgnoreKernelTaskInfo();
+    void DumpTesuTaskInfoNormal();
+    void DumpTesuTaskIgnoreKernelTaskInfoNormal();
 
     // Guards the table and every record in it. No other lock is taken while it is held.
-    static std::mutex tesuTaskManagerLock;
+    static Mutex tesuTaskManagerLock;
 
     static const std::string TESUTASK_DUMP_PATH;
     static const std::string TESUTASK_DUMP_TEMPLATE;
@@ -91,13 +95,15 @@ class TESU_API TesuTaskManager {
 
     enum class KernelTasks { INCLUDED, LEFT_OUT };
     enum class OldColumns { PRINTED, LEFT_OUT };
-    void dump(const std::string& path, KernelTasks kernelTasks, OldColumns oldColumns);
+    void dump(KernelTasks kernelTasks, OldColumns oldColumns);
 
+    // Not the table's, which the first caller may hold.
+    static Mutex creationLock;
     static std::atomic<TesuTaskManager*> instance;
 
-    std::map<int32_t, TesuTask> tasks;
-    std::map<uint32_t, TesuTask*> mmidIndex;
-    std::map<uint32_t, TesuTask> rssTempTasks;
+    std::map<int32_t, TesuTask> tasks GUARDED_BY(tesuTaskManagerLock);
+    std::map<uint32_t, TesuTask*> mmidIndex GUARDED_BY(tesuTaskManagerLock);
+    std::map<uint32_t, TesuTask> rssTempTasks GUARDED_BY(tesuTaskManagerLock);
 };
 
 // The dumps by signal number, for ordinary threads: 51 all, 52 without kernel tasks, 53 all without

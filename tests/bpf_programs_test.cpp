@@ -25,7 +25,6 @@
 #include <thread>
 #include <vector>
 
-#include "loader/kernel_peek.h"
 #include "service/lost_records.h"
 #include "tests/support/pins.h"
 #include "tests/support/record_injector.h"
@@ -189,11 +188,10 @@ class BpfProgramsTest : public BpfTest, public testing::WithParamInterface<Layou
         }
         LoadOptions options = BuiltObjects();
         if (GetParam() == LayoutUnderTest::POOR) {
-            options.findLayout = [](const LoadOptions& from, LibbpfLog* log) {
+            options.findLayout = [] {
                 LayoutSources sources;
-                sources.peekObject = from.objectDir + "/" + TASK_PEEK_OBJECT;
-                sources.members = MemberSource::PROBE;
-                KernelLayout layout = FindKernelLayout(sources, log);
+                sources.members = MemberSource::GUESSING;
+                KernelLayout layout = FindKernelLayout(sources);
                 layout.values.exitGroupDead = TESU_UNKNOWN_OFFSET;
                 layout.values.hasAtomics = 0;
                 layout.unusable.clear();  // programs that know too little do nothing
@@ -612,8 +610,7 @@ TEST_P(BpfProgramsTest, KeepsAccountOfDmaBufs) {
     std::string error;
     const auto memory = RecordInjector::Open(PinnedRing::GPL, &error);
     ASSERT_NE(memory, nullptr) << error;
-    LibbpfLog log(false);
-    const TesuKernelLayout layout = FindKernelLayout({}, &log).values;
+    const TesuKernelLayout layout = FindKernelLayout().values;
 
     // A dma_buf, its file and its inode in kernel memory; only what the programs read is set.
     constexpr size_t INODE = 8192;

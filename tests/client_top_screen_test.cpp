@@ -6,13 +6,13 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "tests/support/child_process.h"
+#include "tests/support/fake_service.h"
 #include "tests/support/records.h"
-#include "tests/support/test_service.h"
 #include "tests/support/wait_until.h"
 #include "util/monotonic_clock.h"
 
@@ -40,8 +40,8 @@ class TopTest : public testing::Test {
         return arguments;
     }
 
-    const std::string name = TestService::uniqueSocketName();
-    std::unique_ptr<TestService> service = std::make_unique<TestService>(name);
+    const std::string name = FakeService::uniqueName();
+    std::optional<FakeService> service{name};
 };
 
 TEST_F(TopTest, GivesTheTerminalBackHoweverItEndsAndWhileItIsStopped) {
@@ -49,6 +49,7 @@ TEST_F(TopTest, GivesTheTerminalBackHoweverItEndsAndWhileItIsStopped) {
         {"q", 0}, {"\x03", 0}, {"", SIGTERM}, {"", SIGHUP}};
     for (const auto& [keys, signal] : ends) {
         ChildProcess program(top({}), Terminal{});
+        service->acceptClient(TOP_SUBSCRIPTIONS);
         ASSERT_TRUE(program.waitForNewOutput("live"));
         EXPECT_FALSE(program.hasTerminalModesOfBefore());
         program.type("\x1a");
@@ -68,7 +69,7 @@ TEST_F(TopTest, GivesTheTerminalBackHoweverItEndsAndWhileItIsStopped) {
 
 TEST_F(TopTest, ShowsEventsFiltersAndSurvivesEverySize) {
     ChildProcess program(top({"--filter", "ghost"}), Terminal{});
-    ASSERT_TRUE(service->waitForSubscriptions(TOP_SUBSCRIPTIONS));
+    service->acceptClient(TOP_SUBSCRIPTIONS);
     // Later than anything that is read of /proc, which has none such.
     const int64_t later = MonotonicNanoseconds() + 3600 * NANOSECONDS_PER_SECOND;
     service->sendEvent(Bytes(Create(later, 1, GHOST_PID, "ghost-proc")));
@@ -92,6 +93,7 @@ TEST_F(TopTest, ShowsEventsFiltersAndSurvivesEverySize) {
 
 TEST_F(TopTest, ReadsProcAgainWhenTheServiceHasGoneAndReturned) {
     ChildProcess program(top({}), Terminal{});
+    service->acceptClient(TOP_SUBSCRIPTIONS);
     ASSERT_TRUE(program.waitForOutput("live"));
     service.reset();
     ASSERT_TRUE(program.waitForOutput("connection lost"));
@@ -99,13 +101,15 @@ TEST_F(TopTest, ReadsProcAgainWhenTheServiceHasGoneAndReturned) {
     const ChildProcess sleeper({"/bin/sleep", "600"});
     program.type("/" + std::to_string(sleeper.pid()) + "\n");
     ASSERT_TRUE(program.waitForNewOutput("filter"));
-    service = std::make_unique<TestService>(name);
+    service.emplace(name);
+    service->acceptClient(TOP_SUBSCRIPTIONS, {RAW_EVENT_RSS_STAT});
     EXPECT_TRUE(program.waitForNewOutput("sleep"));
+    EXPECT_TRUE(program.waitForOutput("refuses"));
 }
 
 TEST_F(TopTest, PrintsOneTableWithoutATerminalAndRefusesWhatItCannotShow) {
     ChildProcess batch(top({"--batch", "--seconds", "600", "--sort", "pid"}));
-    ASSERT_TRUE(service->waitForSubscriptions(TOP_SUBSCRIPTIONS));
+    service->acceptClient(TOP_SUBSCRIPTIONS);
     batch.sendSignal(SIGTERM);
     EXPECT_EQ(batch.waitForExit(), 0);
     EXPECT_THAT(batch.output, HasSubstr(" " + std::to_string(getpid()) + " "));

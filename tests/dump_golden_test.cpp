@@ -128,20 +128,20 @@ TEST(DumpGoldenTest, ACaptureGivesTheSameFilesOnEveryMachine) {
                   0);
     }
 
-    const TempDir folder;
-    const std::string path = folder.path("dump");
     TesuTaskManager* const manager = TesuTaskManager::GetInstance();
     const auto expectDump = [&](const std::string& name, auto dump) {
-        (manager->*dump)(path);
-        ExpectGolden(name, MaskTimes(ReadWholeFile(path), begin, Moment()));
+        (manager->*dump)();
+        ExpectGolden(name, MaskTimes(ReadWholeFile(TesuTaskManager::TESUTASK_DUMP_TEMPLATE), begin,
+                                     Moment()));
     };
     expectDump("tasks.golden", &TesuTaskManager::DumpTesuTaskInfo);
     expectDump("tasks-no-kernel.golden", &TesuTaskManager::DumpTesuTaskIgnoreKernelTaskInfo);
     expectDump("tasks-normal.golden", &TesuTaskManager::DumpTesuTaskInfoNormal);
     expectDump("tasks-no-kernel-normal.golden",
                &TesuTaskManager::DumpTesuTaskIgnoreKernelTaskInfoNormal);
-    TesuBpfDataState::GetInstance()->DumpState(path);
-    ExpectGolden("counters.golden", SumSeconds(ReadWholeFile(path)));
+    TesuBpfDataState::GetInstance()->DumpState();
+    ExpectGolden("counters.golden",
+                 SumSeconds(ReadWholeFile(TesuBpfDataState::TESUTASK_DUMP_TEMPLATE)));
     std::string notifications;
     for (const std::string& event : client.take()) {
         notifications += Hex(event) + "\n";

@@ -69,12 +69,18 @@ TEST(IpcFrame, HostileLengthsAreNeverCompleteNorReadBeyondTheBuffer) {
         << "a type with its top bit set";
 }
 
-TEST(IpcFrame, FramesShorterThanATypeWordDoNotBorrowTheNextFrame) {
-    // Whatever follows, and however the stream was cut.
-    EXPECT_TRUE(IsComplete(Word(0)));
-    EXPECT_TRUE(IsComplete(Word(0) + Word(20)));
-    EXPECT_TRUE(IsComplete(Word(3) + "abc"));
-    EXPECT_FALSE(IsComplete(Word(3) + "ab"));
+TEST(IpcFrame, ThePackageLengthIsTheFirstEightBytes) {
+    const std::string response = WireClient::frame(1, "body");
+    for (const size_t length : {size_t{6}, response.size()}) {
+        ExactBuffer buffer(response.substr(0, length));
+        long long headerLength = 0;
+        long long packageLength = 0;
+        EXPECT_FALSE(CheckIpcPackageComplete(buffer.get(), &headerLength, &packageLength));
+        EXPECT_EQ(packageLength, (1LL << 32) + 12);
+    }
+    EXPECT_FALSE(IsComplete(Word(0)));
+    EXPECT_FALSE(IsComplete(Word(0) + Word(20)));
+    EXPECT_TRUE(IsComplete(Word(0) + Word(0)));
 }
 
 TEST(IpcFrame, SaveUnuseBufferKeepsTheUnconsumedTail) {
@@ -174,7 +180,7 @@ TEST(IpcPackageHandler, MalformedFramesAreConsumedWithoutAHandler) {
     IpcPackageHandler handler({{0, [&](int, char*, int, BufferState*) { return ++calls; }}});
     const std::string bodyTooLong = Word(8) + Word(0) + Word(1);
     const std::string hugeBody = Word(12) + Word(0) + Word(0xfffffff8) + "1234";
-    const std::string tooShort = Word(0) + Word(3) + "abc" + Word(7) + Word(0) + "abc";
+    const std::string tooShort = Word(7) + Word(0) + "abc";
     ExactBuffer buffer(bodyTooLong + hugeBody + tooShort + WireClient::frame(0, ""));
     EXPECT_TRUE(handler.handleAllIpcPackageInBuffer(1, buffer.get(), nullptr));
     EXPECT_EQ(buffer->cursor, buffer->length);

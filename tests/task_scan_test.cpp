@@ -221,9 +221,8 @@ TEST(RealScan, EveryProcessIsForwardedKeptAndCountedTwice) {
     EXPECT_GT(self->rssAnonSize, 0);
     EXPECT_NE(manager->GetTesuTask(getppid()), nullptr);
 
-    TempDir folder;
-    TesuBpfDataState::GetInstance()->DumpState(folder.path("state.csv"));
-    std::istringstream csv(ReadWholeFile(folder.path("state.csv")));
+    TesuBpfDataState::GetInstance()->DumpState();
+    std::istringstream csv(ReadWholeFile(TesuBpfDataState::TESUTASK_DUMP_TEMPLATE));
     std::string line;
     std::getline(csv, line);
     size_t counted = 0;

@@ -7,24 +7,35 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <filesystem>
-#include <mutex>
+
+#include "util/mutex.h"
 
 namespace Tesu::Bpf {
 
 bool ReplaceDumpFile(const std::string& path, const std::string& text) {
-    static std::mutex fileLock;
+    static Mutex fileLock;
     const std::string folder = std::filesystem::path(path).parent_path();
-    std::lock_guard lock(fileLock);
+    const std::string beside = path + ".new";
+    MutexLock lock(fileLock);
     mkdir(folder.c_str(), 0775);
     unlink(path.c_str());
+    unlink(beside.c_str());
     const android::base::unique_fd fd(
-        open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+        open(beside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
     if (!fd.ok()) {
         return false;
     }
-    android::base::WriteFully(fd, text.data(), text.size());
-    return true;
+    const bool isWhole = android::base::WriteFully(fd, text.data(), text.size());
+    if (isWhole && rename(beside.c_str(), path.c_str()) == 0) {
+        return true;
+    }
+    const int error = errno;
+    unlink(beside.c_str());
+    errno = error;
+    return !isWhole;
 }
 
 }  // namespace Tesu::Bpf

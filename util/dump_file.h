@@ -7,10 +7,10 @@
 
 namespace Tesu::Bpf {
 
-// Removes the file at `path` and creates it anew (mode 0644, its folder with mode 0775 when that
-// alone is missing) with the given text, written in one go: a reader that sees the last line sees
-// all. False when it could not be created, errno says why; write errors are not reported. Any
-// thread; one file is written at a time.
+// Removes the file at `path`, writes the given text beside it (mode 0644, its folder with mode 0775
+// when that alone is missing) and puts it in place: whoever opens the file sees all of it. False
+// when it could not be created, errno says why; a write error is not reported, and leaves no file.
+// Any thread; one file is written at a time.
 bool ReplaceDumpFile(const std::string& path, const std::string& text);
 
 }  // namespace Tesu::Bpf

@@ -26,10 +26,10 @@
 #include <unordered_map>
 #include <vector>
 
-#include "client/event_decoder.h"
 #include "client/model/crash_loops.h"
 #include "client/model/sample_history.h"
 #include "proc/process_snapshot.h"
+#include "records/event_table.h"
 #include "records/raw_event.h"
 
 namespace Tesu::Bpf {

@@ -16,11 +16,11 @@
 #include <vector>
 
 #include "client/connection/service_connection.h"
-#include "client/event_decoder.h"
 #include "client/top/controls.h"
 #include "client/top/frame.h"
 #include "client/top/screen.h"
 #include "proc/process_snapshot.h"
+#include "records/event_table.h"
 #include "records/raw_event.h"
 #include "util/monotonic_clock.h"
 

@@ -48,7 +48,7 @@ int inject(struct InjectRequest* request) {
             return -1;
         }
         if (bpf_ringbuf_output(ring, record, bounded, 0) != 0) {
-            NoteFullRing(ring);
+            ReportFullRing(ring);
             ++request->refused;
         }
     }

@@ -77,7 +77,7 @@ class RingVolumeTest : public KernelTest {
         ringFd = bpf_map__fd(ring);
         programFd = bpf_program__fd(bpf_object__find_program_by_name(object.get(), "inject"));
         arrivals = &arrived;
-        positionBits = IsRingPosition32Bits() ? 32 : 64;
+        positionBits = IsRingPosition32Bits().value() ? 32 : 64;
         std::cout << "positions of " << positionBits << " bits, read by a process of "
                   << 8 * sizeof(long) << " bits\n";
     }

@@ -25,14 +25,8 @@ const char* ObjectName(PinnedRing ring) {
     return ring == PinnedRing::CORE ? "TesuBpfDefineset" : "TesuBpfGplDefineset";
 }
 
-std::string BuiltObjectDir() {
-    return TESUBPF_OBJECT_DIR;
-}
-
 LoadOptions BuiltObjects() {
-    LoadOptions options;
-    options.objectDir = BuiltObjectDir();
-    return options;
+    return {};
 }
 
 bool LoadPins(const LoadOptions& options, std::string* messages) {

@@ -22,9 +22,7 @@ enum class PinnedRing { CORE, GPL };
 // The object whose ring it is, as in the names of pins.
 const char* ObjectName(PinnedRing ring);
 
-// Where the objects of this build are.
-std::string BuiltObjectDir();
-// What the loader does by default, with the objects of this build.
+// What the loader does by default.
 LoadOptions BuiltObjects();
 
 // Loads and pins anew; `messages` gets everything the loader says. Whether all of it could be

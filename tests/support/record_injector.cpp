@@ -10,7 +10,8 @@
 #include <vector>
 
 #include "bpf/kernel_layout.h"
-#include "loader/kernel_layout_finder.h"
+#include "loader/kernel_atomics.h"
+#include "loader/kernel_layout.h"
 #include "tests/bpf/inject.h"
 
 namespace Tesu::Bpf {
@@ -32,28 +33,26 @@ int ProgramFd(const BpfObject& object, const char* name) {
 }  // namespace
 
 std::unique_ptr<RecordInjector> RecordInjector::Open(PinnedRing ring, std::string* error) {
-    LibbpfLog log(false);
-    for (const uint32_t hasAtomics : {1U, 0U}) {
-        BpfObject object = OpenObject(TESUBPF_INJECT_OBJECT, &log, error);
-        if (object == nullptr) {
-            return nullptr;
-        }
-        TesuKernelLayout layout = UnknownLayout();
-        layout.hasAtomics = hasAtomics;
-        bpf_map* const constants = bpf_object__find_map_by_name(object.get(), TESU_LAYOUT_SECTION);
-        if (!UsePinned(object.get(), ring, "ringbuf_map") ||
-            !UsePinned(object.get(), ring, "ringbuf_current") ||
-            !UsePinned(object.get(), ring, "ringbuf_status") ||
-            bpf_map__set_initial_value(constants, &layout, sizeof(layout)) != 0) {
-            *error = std::string("no pinned maps: ") + strerror(errno);
-            return nullptr;
-        }
-        if (bpf_object__load(object.get()) == 0) {
-            return std::unique_ptr<RecordInjector>(new RecordInjector(std::move(object)));
-        }
-        *error = FindRefusedProgram(log.takeWarnings()).reason;
+    BpfObject object(bpf_object__open_file(TESUBPF_INJECT_OBJECT, nullptr), &bpf_object__close);
+    if (object == nullptr) {
+        *error = std::string(TESUBPF_INJECT_OBJECT) + ": " + strerror(errno);
+        return nullptr;
     }
-    return nullptr;
+    TesuKernelLayout layout = UnknownLayout();
+    layout.hasAtomics = HasAtomics() ? 1 : 0;
+    bpf_map* const constants = bpf_object__find_map_by_name(object.get(), TESU_LAYOUT_SECTION);
+    if (!UsePinned(object.get(), ring, "ringbuf_map") ||
+        !UsePinned(object.get(), ring, "ringbuf_current") ||
+        !UsePinned(object.get(), ring, "ringbuf_status") ||
+        bpf_map__set_initial_value(constants, &layout, sizeof(layout)) != 0) {
+        *error = std::string("no pinned maps: ") + strerror(errno);
+        return nullptr;
+    }
+    if (bpf_object__load(object.get()) != 0) {
+        *error = strerror(errno);
+        return nullptr;
+    }
+    return std::unique_ptr<RecordInjector>(new RecordInjector(std::move(object)));
 }
 
 RecordInjector::RecordInjector(BpfObject loaded)

@@ -61,9 +61,9 @@ int64_t OwedByTheKernel() {
 
 }  // namespace
 
-std::string CompareTableWithProc(const std::string& path, const KnownProcesses& known) {
-    TesuTaskManager::GetInstance()->DumpTesuTaskInfo(path);
-    const std::map<pid_t, TableRow> table = ReadTable(path);
+std::string CompareTableWithProc(const KnownProcesses& known) {
+    TesuTaskManager::GetInstance()->DumpTesuTaskInfo();
+    const std::map<pid_t, TableRow> table = ReadTable(TesuTaskManager::TESUTASK_DUMP_TEMPLATE);
     std::vector<ProcessSnapshot> processes;
     ProcReader().readAll(&processes);
     std::map<pid_t, ProcessSnapshot> present;

@@ -1,0 +1,141 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "client/dump/dump_request.h"
+
+#include <android-base/file.h>
+#include <android-base/unique_fd.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+
+#include "ipc/local_socket.h"
+#include "proc/proc_files.h"
+#include "util/string_util.h"
+
+namespace Tesu::Bpf {
+
+namespace {
+
+using android::base::unique_fd;
+
+constexpr std::chrono::seconds PATIENCE{5};
+// Between two looks at the file.
+constexpr std::chrono::milliseconds STEP{20};
+
+// Whether the process lives and has a handler for the signal; without one a real-time signal ends
+// it.
+bool Catches(pid_t process, int signal) {
+    std::string text;
+    if (!ReadProcFile(ProcPath("/proc", std::to_string(process), "status"), &text)) {
+        return false;
+    }
+    const ProcStatus status = ParseProcStatus(text);
+    return !status.isZombie && (status.caughtSignals >> (signal - 1) & 1) != 0;
+}
+
+bool IsSameFile(int first, int second) {
+    struct stat a {};
+    struct stat b {};
+    return fstat(first, &a) == 0 && fstat(second, &b) == 0 && a.st_dev == b.st_dev &&
+           a.st_ino == b.st_ino;
+}
+
+// All task dumps share one file. Their title counts all tasks, so one without kernel tasks has
+// fewer rows; names with line ends can make more of them.
+bool IsOfKind(DumpSignal kind, const std::string& text) {
+    if (kind == DUMP_SIGNAL_STATE) {
+        return true;
+    }
+    const bool isFull = kind == DUMP_SIGNAL_TASKS || kind == DUMP_SIGNAL_NO_KERNEL;
+    const bool withKernelTasks = kind == DUMP_SIGNAL_TASKS || kind == DUMP_SIGNAL_NORMAL;
+    const size_t columns = std::min(text.find('\n'), text.size());
+    const size_t rows = std::min(text.find('\n', columns + 1), text.size());
+    const bool hasOldColumns =
+        text.substr(columns, rows - columns).find(" old") != std::string::npos;
+    unsigned count = 0;
+    std::sscanf(text.c_str(), "%*[^:]: %u", &count);
+    return hasOldColumns == isFull &&
+           (!withKernelTasks || std::count(text.begin() + rows, text.end(), '\n') > count);
+}
+
+// None when it was none of the wanted kind, or a signal came.
+Result<std::optional<std::string>> AwaitFile(pid_t service, DumpSignal kind,
+                                             const std::string& path, unique_fd old,
+                                             const TerminationSignals& signals) {
+    const auto end = std::chrono::steady_clock::now() + PATIENCE;
+    do {
+        // In this order: a daemon that ends may have written the file before.
+        const bool hasEnded = !Catches(service, kind);
+        unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        std::string text;
+        if (fd.ok() && !IsSameFile(fd.get(), old.get())) {
+            if (android::base::ReadFdToString(fd.get(), &text) && IsOfKind(kind, text)) {
+                return text;
+            }
+            old = std::move(fd);
+        }
+        if (hasEnded) {
+            return Failure(StringPrintf("the daemon (pid %d) has ended", service));
+        }
+        if (signals.wait(STEP)) {
+            return std::nullopt;
+        }
+    } while (std::chrono::steady_clock::now() < end);
+    if (access(path.c_str(), R_OK) != 0 && errno == EACCES) {
+        return Failure("no permission to read " + path);
+    }
+    return Failure(StringPrintf("the daemon (pid %d) wrote no whole %s within %d seconds", service,
+                                path.c_str(), static_cast<int>(PATIENCE.count())));
+}
+
+}  // namespace
+
+Result<pid_t> FindServiceProcess(const std::string& socketName) {
+    const unique_fd fd = ConnectLocalSocket(socketName, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (!fd.ok()) {
+        return Failure(errno == ECONNREFUSED ? "no daemon is listening on @" + socketName
+                                             : "cannot connect to the daemon on @" + socketName +
+                                                   ": " + strerror(errno));
+    }
+    // Of the process that began to listen.
+    ucred peer{};
+    socklen_t size = sizeof(peer);
+    if (getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 || peer.pid <= 0) {
+        return Failure("the daemon on @" + socketName + " runs where its process cannot be seen");
+    }
+    return peer.pid;
+}
+
+Result<std::optional<std::string>> RequestDump(pid_t service, DumpSignal kind,
+                                               const std::string& folder,
+                                               const TerminationSignals& signals) {
+    if (!Catches(service, kind)) {
+        return Failure(StringPrintf("the daemon (pid %d) is not ready for dumps yet", service));
+    }
+    // The last folder alone is made by the service.
+    const std::string parent = std::filesystem::path(folder).parent_path();
+    if (access(parent.c_str(), F_OK) != 0 && errno == ENOENT) {
+        return Failure("the folder " + parent +
+                       " does not exist, so the daemon cannot write its dumps");
+    }
+    const std::string path =
+        folder + "/" + (kind == DUMP_SIGNAL_STATE ? STATE_DUMP_FILE : TASK_DUMP_FILE);
+    // Held open, so that no new file can have its number.
+    unique_fd old(open(path.c_str(), O_PATH | O_CLOEXEC));
+    if (kill(service, kind) != 0) {
+        return Failure(
+            errno == EPERM
+                ? StringPrintf("no permission to signal the daemon (pid %d): try as root", service)
+                : StringPrintf("cannot signal the daemon (pid %d): %s", service, strerror(errno)));
+    }
+    return AwaitFile(service, kind, path, std::move(old), signals);
+}
+
+}  // namespace Tesu::Bpf

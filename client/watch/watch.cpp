@@ -1,0 +1,188 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "client/watch/watch.h"
+
+#include <android-base/unique_fd.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+#include "client/connection/service_connection.h"
+#include "client/events/event_json.h"
+#include "client/events/event_text.h"
+#include "client/text/output.h"
+#include "util/monotonic_clock.h"
+
+namespace Tesu::Bpf {
+
+namespace {
+
+// Readable from the moment on at which the caller wants an end: a signal has come, the time is up.
+class EndRequest {
+  public:
+    EndRequest(const TerminationSignals& signals, std::optional<double> seconds)
+        : epoll(epoll_create1(EPOLL_CLOEXEC)),
+          timer(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
+        if (seconds) {
+            const auto whole = static_cast<time_t>(*seconds);
+            const double rest = (*seconds - static_cast<double>(whole)) * NANOSECONDS_PER_SECOND;
+            const itimerspec end{.it_interval = {},
+                                 .it_value = {.tv_sec = whole, .tv_nsec = static_cast<long>(rest)}};
+            timerfd_settime(timer.get(), 0, &end, nullptr);
+        }
+        for (const int fd : {signals.fd(), timer.get()}) {
+            epoll_event event{};
+            event.events = EPOLLIN;
+            epoll_ctl(epoll.get(), EPOLL_CTL_ADD, fd, &event);
+        }
+    }
+
+    bool isWatching() const { return epoll.ok() && timer.ok(); }
+    int fd() const { return epoll.get(); }
+
+  private:
+    android::base::unique_fd epoll;
+    android::base::unique_fd timer;
+};
+
+class Watch {
+  public:
+    Watch(const WatchOptions& options, const EndRequest& endRequest, ServiceConnection connection)
+        : options(options),
+          endRequest(endRequest),
+          connection(std::move(connection)),
+          formatter(options.colour) {}
+
+    int run();
+
+  private:
+    void takeItems();
+    void onEvent(const ConnectionItem& item);
+    void onNews(const ConnectionItem& item);
+    void flush();
+
+    const WatchOptions& options;
+    const EndRequest& endRequest;
+    ServiceConnection connection;
+    TextFormatter formatter;
+    std::string batch;  // not yet written
+    uint64_t printed = 0;
+    size_t refused = 0;
+    bool isServed = false;
+    bool isEnded = false;
+    bool hasOutputFailed = false;
+};
+
+int Watch::run() {
+    if (options.header && !options.json) {
+        batch = TextFormatter::header();
+        flush();
+    }
+    // Of the output only errors are reported, such as a pipe without a reader.
+    pollfd entries[] = {{.fd = endRequest.fd(), .events = POLLIN, .revents = 0},
+                        {.fd = STDOUT_FILENO, .events = 0, .revents = 0},
+                        {.fd = connection.descriptor(), .events = POLLIN, .revents = 0}};
+    while (!isEnded) {
+        if (poll(entries, 3, -1) > 0) {
+            takeItems();
+            isEnded = isEnded || (entries[0].revents | entries[1].revents) != 0;
+        }
+    }
+    if (hasOutputFailed) {
+        return WATCH_OUTPUT_FAILED;
+    }
+    return isServed ? WATCH_OK : WATCH_NOT_SERVED;
+}
+
+// What is there now; written before news of the connection, to which it may lead up, are said.
+void Watch::takeItems() {
+    ConnectionItem::Kind kind = ConnectionItem::EVENT;
+    while (!isEnded && kind != ConnectionItem::NOTHING) {
+        const ConnectionItem item = connection.next();
+        kind = item.kind;
+        if (kind == ConnectionItem::EVENT) {
+            onEvent(item);
+        } else {
+            flush();
+            onNews(item);
+        }
+    }
+}
+
+void Watch::onEvent(const ConnectionItem& item) {
+    const Event event = DecodeEvent(item.data, item.size);
+    const int64_t receivedTime = MonotonicNanoseconds();
+    if (options.json) {
+        batch += FormatEventJson(event, receivedTime) + "\n";
+    } else {
+        formatter.append(event, receivedTime, &batch);
+    }
+    if (++printed == options.count) {
+        isEnded = true;
+        flush();
+    }
+}
+
+void Watch::onNews(const ConnectionItem& item) {
+    const char* const name = options.socketName.c_str();
+    switch (item.kind) {
+        case ConnectionItem::CONNECTED:
+            isServed = true;
+            refused = 0;
+            std::fprintf(stderr, "tesubpf: connected to @%s\n", name);
+            break;
+        case ConnectionItem::WAITING:
+            std::fprintf(stderr,
+                         "tesubpf: no daemon is listening on @%s; trying again every 5 seconds\n",
+                         name);
+            break;
+        case ConnectionItem::REFUSED:
+            std::fprintf(stderr, "tesubpf: the daemon refused the subscription to event type %d\n",
+                         item.eventType);
+            isServed = ++refused < options.eventTypes.size();
+            break;
+        case ConnectionItem::MALFORMED:
+            std::fprintf(stderr, "tesubpf: the other side does not speak the protocol: %s\n",
+                         item.reason.c_str());
+            break;
+        case ConnectionItem::LOST:
+            formatter.forgetProcesses();
+            std::fprintf(stderr, "tesubpf: the connection was lost\n");
+            break;
+        case ConnectionItem::NOTHING:
+        case ConnectionItem::SUBSCRIBED:
+        case ConnectionItem::EVENT:
+            break;
+    }
+}
+
+void Watch::flush() {
+    const WriteResult result = WriteUntilStopped(STDOUT_FILENO, batch, endRequest.fd());
+    batch.clear();
+    if (result == WriteResult::FAILED) {
+        std::fprintf(stderr, "tesubpf: cannot write: %s\n", strerror(errno));
+        hasOutputFailed = true;
+    }
+    isEnded = isEnded || result != WriteResult::WRITTEN;
+}
+
+}  // namespace
+
+int RunWatch(const WatchOptions& options, const TerminationSignals& signals) {
+    const EndRequest endRequest(signals, options.seconds);
+    Result<ServiceConnection> connection =
+        ServiceConnection::open(options.socketName, options.eventTypes);
+    if (!connection || !endRequest.isWatching()) {
+        std::fprintf(stderr, "tesubpf: %s\n",
+                     connection ? "cannot create an event descriptor" : connection.error().c_str());
+        return WATCH_OUTPUT_FAILED;
+    }
+    return Watch(options, endRequest, std::move(*connection)).run();
+}
+
+}  // namespace Tesu::Bpf

@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Puts together what the programs must know of the running kernel: tracepoint fields from the
+// tracing file system, structure members from the kernel's type information or, where it has none,
+// by offset guessing, function arguments from the machine, atomics from the kernel's answer.
+#pragma once
+
+#include <string>
+
+#include "bpf/kernel_layout.h"
+#include "loader/btf_offsets.h"
+#include "loader/load_object.h"
+#include "loader/tracepoint_format.h"
+
+namespace Tesu::Bpf {
+
+enum class MemberSource { BTF_OR_GUESSING, BTF, GUESSING };
+
+struct LayoutSources {
+    MemberSource members = MemberSource::BTF_OR_GUESSING;
+    std::string tracefsRoot = TRACEFS_ROOT;
+    std::string btfPath = KERNEL_BTF_PATH;
+};
+
+struct KernelLayout {
+    TesuKernelLayout values;
+    LeftOutPrograms unusable;   // programs that lack something they need
+    std::string memberSource;   // for the user: where structure members are from
+    std::string memberProblem;  // empty, or why structure members are missing
+};
+
+// A layout in which nothing is known, and no atomics are used.
+TesuKernelLayout UnknownLayout();
+
+// Never fails as a whole: what is not found makes the programs that need it unusable. Forks when it
+// guesses, so this process must have one thread then.
+KernelLayout FindKernelLayout(const LayoutSources& sources = {});
+
+}  // namespace Tesu::Bpf

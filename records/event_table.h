@@ -1,0 +1,80 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What there is to know of each event that a client receives, the kernel's records and the
+// service's notifications alike: one row for each type. Whoever decodes, names or prints events
+// goes by this table; a new type is a struct in raw_event.h or notification.h, an alternative of
+// Event and a row.
+//
+// Pure; any thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <variant>
+
+#include "records/notification.h"
+#include "records/raw_event.h"
+
+namespace Tesu::Bpf {
+
+// An event of a type that is not in the table.
+struct UnknownEvent {
+    std::optional<uint32_t> type;  // none: too short to carry one
+    uint32_t size = 0;             // bytes received
+    std::string start;             // the first bytes of it, at most MAX_START
+
+    static constexpr size_t MAX_START = 64;
+};
+
+// In the order of the table, the unknown last.
+using Event = std::variant<RawTesuTaskInitEvent, RawRssStatEvent, RawTaskCreateEvent,
+                           RawTaskExitEvent, RawDmabufAllocEvent, RawCgroupAttachEvent,
+                           RawFdUpdateEvent, ProcessCreatedNotification, ProcessExitedNotification,
+                           ThreadCountNotification, MemoryNotification, UnknownEvent>;
+
+enum class FieldKind { INT32, INT64, UINT64, TEXT };
+
+struct EventField {
+    const char* key;  // for programs, with the unit
+    FieldKind kind;
+    size_t offset;  // in the record
+    size_t size;    // bytes
+    // The name of a value, nullptr for one that has none. Without it values have no names.
+    const char* (*nameOf)(int32_t value);
+};
+
+struct EventType {
+    uint32_t type;
+    const char* name;       // e.g. "task-create"
+    const char* shortForm;  // e.g. "fork"
+    std::span<const EventField> fields;
+    // See DecodeEvent.
+    Event (*decode)(const void* data, uint32_t size);
+};
+
+// By type.
+extern const std::span<const EventType> EVENT_TYPES;
+
+// `data` may be unaligned. What a short event does not cover is 0; what a long one has beyond the
+// known fields is left out.
+Event DecodeEvent(const void* data, uint32_t size);
+
+// "file", "anon", "swap" or "shmem"; nullptr for a number that is no RssMember.
+const char* RssMemberName(int32_t member);
+
+// A fixed-size text field up to its first NUL, or whole when it has none. Valid as long as `field`.
+inline std::string_view FieldText(const char* field, size_t size) {
+    const std::string_view whole(field, size);
+    return whole.substr(0, whole.find('\0'));
+}
+
+template <size_t N>
+std::string_view FieldText(const char (&field)[N]) {
+    return FieldText(field, N);
+}
+
+}  // namespace Tesu::Bpf
