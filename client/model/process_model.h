@@ -5,9 +5,9 @@
 //
 //   subscribe -> begin = now -> read /proc -> mergeProc(begin, ...) -> apply, apply, ...
 //
-// In this order nothing is missed; events may also be applied before. What both report is told
-// apart by time, so that nothing counts twice: of two values the newer holds, and a thread counts
-// only if it came or went after its process was read.
+// In this order nothing is missed; events may also be applied before. Of what both report, time
+// decides, so that nothing counts twice: of two values the newer holds, and a thread counts only if
+// it came or went after its process was read.
 //
 // `tesubpf top` drives it from its poll loop. A test drives it the same way without a terminal: it
 // hands over what ServiceConnection and ProcReader give and compares view() with what it expects.

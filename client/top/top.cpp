@@ -88,7 +88,7 @@ class Top {
     std::unique_ptr<TopScreen> screen;
     FrameState state;
     ProcessView view;
-    bool isViewDue = true;  // a view that stands still is taken anew for this only
+    bool isViewDue = true;  // a view that stands still is renewed for this only
     int64_t frameDue = 0;
     int64_t lastFrame = 0;
     int64_t end = INT64_MAX;
@@ -146,7 +146,7 @@ bool Top::waitForFrame(const TerminationSignals& signals) {
     }
 }
 
-// What the connection has, up to one buffer of it: whoever has more to say waits for the keys.
+// What the connection has, up to one buffer of it, so that a flood of events holds up no key.
 void Top::takeItems() {
     for (ConnectionItem item = connection.next(); item.kind != ConnectionItem::NOTHING;
          item = connection.next()) {
