@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
 
 #include "records/contract.h"
 
@@ -13,7 +14,6 @@ namespace Tesu::Bpf {
 namespace {
 
 constexpr const char* CORE_PINS[] = {CORE_RING_MAP, CORE_STATUS_MAP};
-constexpr mode_t FOLDER_MODE = 0775;
 
 }  // namespace
 
@@ -26,19 +26,12 @@ PinState FindCorePins(const std::string& pinDir) {
     return PinState::PRESENT;
 }
 
-bool MakeParents(const std::string& path, std::string* failed) {
-    for (size_t slash = path.find('/', 1); slash != std::string::npos;
-         slash = path.find('/', slash + 1)) {
-        const std::string folder = path.substr(0, slash);
-        if (mkdir(folder.c_str(), FOLDER_MODE) == 0) {
-            // The process's umask is not to take bits away.
-            chmod(folder.c_str(), FOLDER_MODE);
-        } else if (errno != EEXIST) {
-            *failed = folder;
-            return false;
-        }
-    }
-    return true;
+std::error_code MakeParents(const std::string& path) {
+    std::error_code error;
+    const mode_t mask = umask(0002);
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), error);
+    umask(mask);
+    return error;
 }
 
 }  // namespace Tesu::Bpf

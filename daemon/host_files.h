@@ -4,6 +4,7 @@
 #pragma once
 
 #include <string>
+#include <system_error>
 
 namespace Tesu::Bpf {
 
@@ -13,8 +14,8 @@ enum class PinState { PRESENT, ABSENT, UNREADABLE };
 // why that cannot be known.
 PinState FindCorePins(const std::string& pinDir);
 
-// Makes the folders above `path`, with mode 0775, where they are missing. False, with the folder
-// that failed in `failed`: errno says why.
-bool MakeParents(const std::string& path, std::string* failed);
+// Makes the folders above `path`, with mode 0775 whatever the umask, where they are missing. Before
+// other threads are started: it changes the process's umask for a moment.
+std::error_code MakeParents(const std::string& path);
 
 }  // namespace Tesu::Bpf

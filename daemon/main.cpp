@@ -51,15 +51,13 @@ constexpr std::chrono::seconds SERVING_NOTICE{5};
 // Everything the service reads must be there before it starts. False when a property is refused.
 bool PrepareHost(Properties properties) {
     properties.try_emplace(KERNEL_VERSION_PROPERTY, RunningKernelVersion());
-    std::string error;
-    if (!SetProperties(properties, &error)) {
-        std::fprintf(stderr, "tesubpfd: %s\n", error.c_str());
+    if (const auto set = SetProperties(properties); !set) {
+        std::fprintf(stderr, "tesubpfd: %s\n", set.error().c_str());
         return false;
     }
-    std::string folder;
-    if (!MakeParents(DUMP_DIR, &folder)) {
-        std::fprintf(stderr, "tesubpfd: warning: no dumps can be written, %s: %s\n", folder.c_str(),
-                     strerror(errno));
+    if (const std::error_code error = MakeParents(DUMP_DIR)) {
+        std::fprintf(stderr, "tesubpfd: warning: no dumps can be written to %s: %s\n", DUMP_DIR,
+                     error.message().c_str());
     }
     return true;
 }
@@ -67,7 +65,7 @@ bool PrepareHost(Properties properties) {
 enum class PinWait { PRESENT, SIGNALLED, FAILED };
 
 PinWait WaitForPins(const TerminationSignals& signals) {
-    bool told = false;
+    bool isReported = false;
     do {
         const PinState state = FindCorePins(PIN_DIR);
         if (state == PinState::PRESENT) {
@@ -77,13 +75,13 @@ PinWait WaitForPins(const TerminationSignals& signals) {
             std::fprintf(stderr, "tesubpfd: cannot look into %s: %s\n", PIN_DIR, strerror(errno));
             return PinWait::FAILED;
         }
-        if (!told) {
+        if (!isReported) {
             std::fprintf(
                 stderr,
                 "tesubpfd: no eBPF maps are pinned under %s; waiting for them (tesubpfload "
                 "loads them)\n",
                 PIN_DIR);
-            told = true;
+            isReported = true;
         }
     } while (!signals.wait(PIN_INTERVAL));
     return PinWait::SIGNALLED;
@@ -93,12 +91,12 @@ PinWait WaitForPins(const TerminationSignals& signals) {
 // silently after a signal.
 void AnnounceServing(const TerminationSignals& signals) {
     const auto noticeTime = std::chrono::steady_clock::now() + SERVING_NOTICE;
-    bool told = false;
+    bool isReported = false;
     while (!IsServiceListening(SERVICE_SOCKET_NAME)) {
-        if (!told && std::chrono::steady_clock::now() >= noticeTime) {
+        if (!isReported && std::chrono::steady_clock::now() >= noticeTime) {
             std::fprintf(stderr, "tesubpfd: the socket @%s is not there yet\n",
                          SERVICE_SOCKET_NAME);
-            told = true;
+            isReported = true;
         }
         if (signals.wait(SERVING_INTERVAL)) {
             return;
@@ -180,13 +178,12 @@ int Main(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? DAEMON_ENDED : DAEMON_USAGE;
     }
-    Properties properties;
-    std::string error;
-    if (!ParseProperties(settings, &properties, &error)) {
-        std::fprintf(stderr, "tesubpfd: %s\n", error.c_str());
+    const Result<Properties> properties = ParseProperties(settings);
+    if (!properties) {
+        std::fprintf(stderr, "tesubpfd: %s\n", properties.error().c_str());
         return DAEMON_USAGE;
     }
-    return Run(properties, signals);
+    return Run(*properties, signals);
 }
 
 }  // namespace

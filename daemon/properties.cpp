@@ -4,34 +4,26 @@
 #include <android-base/properties.h>
 #include <sys/utsname.h>
 
-#include "util/string_util.h"
+#include <regex>
 
 namespace Tesu::Bpf {
 
-bool ParseProperties(const std::vector<std::string>& arguments, Properties* properties,
-                     std::string* error) {
+Result<Properties> ParseProperties(const std::vector<std::string>& arguments) {
+    Properties properties;
     for (const std::string& argument : arguments) {
         const size_t equals = argument.find('=');
         if (equals == std::string::npos || equals == 0) {
-            *error = "\"" + argument + "\" is no property setting, which reads NAME=VALUE";
-            return false;
+            return Failure("\"" + argument + "\" is no property setting, which reads NAME=VALUE");
         }
-        (*properties)[argument.substr(0, equals)] = argument.substr(equals + 1);
+        properties[argument.substr(0, equals)] = argument.substr(equals + 1);
     }
-    return true;
+    return properties;
 }
 
 std::string MajorMinor(const std::string& release) {
-    const size_t dot = release.find('.');
-    if (dot == std::string::npos) {
-        return release;
-    }
-    size_t end = dot + 1;
-    while (end < release.size() && IsDigits(release.substr(end, 1))) {
-        ++end;
-    }
-    const bool isVersion = IsDigits(release.substr(0, dot)) && end > dot + 1;
-    return isVersion ? release.substr(0, end) : release;
+    std::smatch version;
+    const std::regex twoNumbers("^[0-9]+\\.[0-9]+");
+    return std::regex_search(release, version, twoNumbers) ? version.str() : release;
 }
 
 std::string RunningKernelVersion() {
@@ -40,15 +32,13 @@ std::string RunningKernelVersion() {
     return MajorMinor(names.release);
 }
 
-bool SetProperties(const Properties& properties, std::string* error) {
+Result<> SetProperties(const Properties& properties) {
     for (const auto& [name, value] : properties) {
         if (!android::base::SetProperty(name, value)) {
-            *error = StringPrintf("the property \"%s\" cannot be set to \"%s\"", name.c_str(),
-                                  value.c_str());
-            return false;
+            return Failure("the property \"" + name + "\" cannot be set to \"" + value + "\"");
         }
     }
-    return true;
+    return {};
 }
 
 }  // namespace Tesu::Bpf

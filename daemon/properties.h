@@ -8,14 +8,15 @@
 #include <string>
 #include <vector>
 
+#include "util/result.h"
+
 namespace Tesu::Bpf {
 
 using Properties = std::map<std::string, std::string>;
 
-// Adds each "NAME=VALUE" to `properties`, a later one replacing an earlier; the value may be empty
-// and may hold further "=". False, with a message in `error`, at the first that is malformed.
-bool ParseProperties(const std::vector<std::string>& arguments, Properties* properties,
-                     std::string* error);
+// From "NAME=VALUE" arguments, a later one replacing an earlier; the value may be empty and may
+// hold further "=". Fails at the first that is malformed.
+Result<Properties> ParseProperties(const std::vector<std::string>& arguments);
 
 // "6.18" of the kernel release "6.18.44-cloud-amd64"; the whole text when it does not begin with
 // two numbers.
@@ -24,7 +25,7 @@ std::string MajorMinor(const std::string& release);
 // The same of the running kernel.
 std::string RunningKernelVersion();
 
-// Sets them in this process; false, with the name in `error`, when one cannot be set.
-bool SetProperties(const Properties& properties, std::string* error);
+// Sets them in this process; fails at the first that cannot be set.
+Result<> SetProperties(const Properties& properties);
 
 }  // namespace Tesu::Bpf

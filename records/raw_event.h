@@ -81,7 +81,8 @@ struct RawRssStatEvent {
 static_assert(sizeof(struct RawRssStatEvent) == 32, "wire layout");
 static_assert(offsetof(struct RawRssStatEvent, size) == 24, "wire layout");
 
-/* A process or a thread was made. Comes before any other record of that task. */
+/* A process or a thread was made. Comes before any other record of that task from the same ring;
+ * between the two rings there is no order. */
 struct RawTaskCreateEvent {
     struct RawEventHeader header; /* time of the fork */
     int32_t ppid;                 /* process id of the parent; for a thread, of its own process */

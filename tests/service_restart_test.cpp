@@ -19,7 +19,8 @@
 namespace Tesu::Bpf {
 namespace {
 
-// Shell commands: to wait to be continued, and to take some megabytes.
+// Shell commands: to wait to be continued, and to take some megabytes, since kernels report small
+// changes of memory late.
 #define STOP "kill -STOP $$; "
 #define GROW "b=0123456789abcdef; while [ ${#b} -lt 4000000 ]; do b=$b$b; done; "
 
@@ -57,8 +58,8 @@ TEST_F(ServiceRestartTest, KnowsNothingOfWhatAnEarlierServiceSaw) {
     ASSERT_TRUE(LoadPins({}, &messages)) << messages;
     SetRingFlags(PinnedRing::CORE, FLAG_CORE_ENABLED);
     auto attached = AttachPinnedTracepoint(PinnedRing::CORE, "kmem_rss_stat");
-    const pid_t execs = StartShell(STOP "exec sh -c '" STOP GROW STOP "'");
-    const pid_t reused = StartShell(STOP);
+    const pid_t execs = StartShell(GROW STOP "exec sh -c '" STOP GROW STOP "'");
+    const pid_t reused = StartShell(GROW STOP);
     attached = AttachPinnedTracepoint(PinnedRing::CORE, "sched_sched_process_fork");
     const pid_t unborn = StartShell(STOP);  // has not come to its create record
     attached.reset();

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "util/string_util.h"
 
+#include <android-base/stringprintf.h>
+
 #include <algorithm>
 #include <cstdarg>
-#include <cstdio>
 
 namespace Tesu::Bpf {
 
@@ -15,9 +16,6 @@ bool IsDigits(const std::string& text) {
 std::string ConvertToHexString(const char* bytes, int count) {
     static constexpr char DIGITS[] = "0123456789abcdef";
     std::string text;
-    if (count > 0) {
-        text.reserve(static_cast<size_t>(count) * 3);
-    }
     for (int i = 0; i < count; ++i) {
         const auto byte = static_cast<unsigned char>(bytes[i]);
         text += {DIGITS[byte >> 4], DIGITS[byte & 0xf], ' '};
@@ -26,18 +24,10 @@ std::string ConvertToHexString(const char* bytes, int count) {
 }
 
 std::string StringPrintf(const char* format, ...) {
+    std::string text;
     va_list arguments;
     va_start(arguments, format);
-    va_list measured;
-    va_copy(measured, arguments);
-    const int length = std::vsnprintf(nullptr, 0, format, measured);
-    va_end(measured);
-    std::string text;
-    if (length > 0) {
-        text.resize(static_cast<size_t>(length));
-        // The string keeps room for the NUL behind its last character.
-        std::vsnprintf(text.data(), text.size() + 1, format, arguments);
-    }
+    android::base::StringAppendV(&text, format, arguments);
     va_end(arguments);
     return text;
 }

@@ -65,7 +65,7 @@ bool IsOfKind(DumpSignal kind, const std::string& text) {
            (!withKernelTasks || std::count(text.begin() + rows, text.end(), '\n') > count);
 }
 
-// None when it was none of the wanted kind, or a signal came.
+// The text of the first file of the wanted kind that is not `old`; none when a signal came.
 Result<std::optional<std::string>> AwaitFile(pid_t service, DumpSignal kind,
                                              const std::string& path, unique_fd old,
                                              const TerminationSignals& signals) {
@@ -78,6 +78,10 @@ Result<std::optional<std::string>> AwaitFile(pid_t service, DumpSignal kind,
         if (fd.ok() && !IsSameFile(fd.get(), old.get())) {
             if (android::base::ReadFdToString(fd.get(), &text) && IsOfKind(kind, text)) {
                 return text;
+            }
+            // Somebody else's, which may have replaced ours.
+            if (!hasEnded) {
+                kill(service, kind);
             }
             old = std::move(fd);
         }
