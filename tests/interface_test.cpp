@@ -16,6 +16,7 @@
 #include <string>
 #include <thread>
 
+#include "ipc/ipc_package.h"
 #include "ipc/unix_ipc_manager.h"
 #include "ipc/unix_socket.h"
 #include "tests/support/wait_until.h"
