@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Members of the public interface that nothing in the product calls, limits that no machine meets,
-// and a race that no machine shows.
+// Limits that no machine meets, and races and failures that no machine shows.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/eventfd.h>
@@ -17,11 +16,9 @@
 #include <string>
 #include <thread>
 
-#include "ipc/ipc_package_handler.h"
+#include "ipc/ipc_package.h"
 #include "ipc/unix_ipc_manager.h"
 #include "ipc/unix_socket.h"
-#include "service/bpf_program.h"
-#include "task/tesu_bpf_task_manager.h"
 #include "tests/support/wait_until.h"
 #include "tests/support/wire_client.h"
 #include "util/time_util.h"
@@ -59,54 +56,6 @@ extern "C" int epoll_ctl(int epollFd, int operation, int fd, epoll_event* event)
 
 namespace Tesu::Bpf {
 namespace {
-
-constexpr auto word = WireClient::word;
-
-TEST(InterfaceTest, MembersThatNobodyCalls) {
-    IpcPackageManager queue;
-    const TesuReqIpcPackage request{7, "register-event-monitor", 4, "\2\0\0"};
-    const TesuRespIpcPackage response{8, -1, 3, "abc"};
-    const TesuReqIpcPackage tooLong{.length = 0xfffffff0};
-    const std::string event = WireClient::frame(3, "12345678");
-    const std::string reply = word(8) + word(UINT_MAX) + word(3);
-    EXPECT_TRUE(queue.appendReqIpcPackage(&request) && queue.appendRespIpcPackage(&response));
-    EXPECT_TRUE(queue.buildAndAppendIpcPackage(event.data() + 4, 16));
-    EXPECT_FALSE(queue.appendReqIpcPackage(&tooLong)) << "the sum wraps in 32 bits";
-    EXPECT_EQ(queue.getRefusedPackageCount(), 1U);
-    queue.waitEventReady(INT_MAX);
-    const std::string all =
-        WireClient::subscription(7, 2) + WireClient::frame(1, reply + word(0) + "abc") + event;
-    std::string bytes(all.size(), '\0');
-    BufferState buffer{0, 0, static_cast<int>(all.size()), bytes.data()};
-    while (queue.fillNextIpcPackageToBuffer(&buffer)) {
-    }
-    EXPECT_EQ(queue.getIpcPackageCount(), 1U) << "one byte stays free";
-    EXPECT_TRUE(queue.fillIpcPackageToBuffer(&buffer)) << "or none";
-    EXPECT_EQ(bytes, all);
-
-    IpcReqCallBackManager callbacks;
-    std::string seen;
-    callbacks.addIpcReqCallBack(8, [&](unsigned, int result, char* data, unsigned length) {
-        seen.assign(data, length) += std::to_string(result);
-        return 0;
-    });
-    EXPECT_FALSE(callbacks.delIpcReq(7));
-    std::string body = reply + "abc";
-    auto* const received = reinterpret_cast<TesuRespIpcPackage*>(body.data());
-    EXPECT_TRUE(callbacks.handleReqCallBack(received) && !callbacks.handleReqCallBack(received));
-    EXPECT_EQ(seen, "abc-1");
-
-    TesuTaskManager& table = *TesuTaskManager::GetInstance();
-    TesuTask task;
-    EXPECT_EQ(table.AddMmidIndex(3, &task) + table.AddRssTempTask(3, task), 0);
-    EXPECT_EQ(table.GetTesuTaskByMmid(3), &task);
-    EXPECT_NE(table.GetRssTempTask(3), nullptr);
-    EXPECT_EQ(table.DelMmidIndex(3) + table.DelRssTempTask(3) + errno, 0);
-    EXPECT_EQ(table.DelMmidIndex(3), -1);
-    EXPECT_EQ(table.DelRssTempTask(3), 0) << "a miss shows in errno alone";
-    EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(AttachAllTesuBpfProgram("/nowhere"), 0) << "nothing failed";
-}
 
 TEST(InterfaceTest, LimitsOfTimesAndDifferences) {
     std::istringstream late("cpu 1\nbtime 4294967296\n");
