@@ -2,10 +2,6 @@
 //
 // Records go the way of every record: what an operator and a client then get is byte for byte what
 // it was on every other machine. Needs no kernel program.
-//
-// The files are in tests/data of the sources, or in the folder that TESUBPF_TEST_DATA of the
-// environment names. With TESUBPF_UPDATE_GOLDEN set they are written instead of compared: read what
-// changed.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -22,6 +18,7 @@
 #include "client/events/event_text.h"
 #include "records/read_prefix.h"
 #include "task/tesu_bpf_task_manager.h"
+#include "tests/support/golden.h"
 #include "tests/support/records.h"
 #include "tests/support/served_test.h"
 #include "tests/support/temp_dir.h"
@@ -222,17 +219,6 @@ class GoldenTest : public ServedTest {
   private:
     TextFormatter text{false};
 };
-
-void ExpectGolden(const std::string& name, const std::string& text) {
-    const char* const folder = std::getenv("TESUBPF_TEST_DATA");
-    const std::string path = (folder != nullptr ? folder : TESUBPF_TEST_DATA) + ("/" + name);
-    if (std::getenv("TESUBPF_UPDATE_GOLDEN") != nullptr) {
-        std::ofstream(path, std::ios::binary) << text;
-    }
-    const std::string golden = ReadWholeFile(path);
-    ASSERT_FALSE(golden.empty()) << "no " << path;
-    EXPECT_EQ(text, golden) << name;
-}
 
 TEST_F(GoldenTest, EveryMachineGivesTheSameEventsAndDumps) {
     Records records;
