@@ -16,6 +16,7 @@
 #include <string>
 #include <thread>
 
+#include "ipc/ipc_package.h"
 #include "ipc/unix_ipc_manager.h"
 #include "ipc/unix_socket.h"
 #include "tests/support/wait_until.h"
@@ -62,6 +63,16 @@ TEST(InterfaceTest, LimitsOfTimesAndDifferences) {
     EXPECT_EQ(NarrowNanoseconds(2, 999999999), 2999999999U - 4294967296ULL);
     EXPECT_EQ(SubAbs(LLONG_MIN, 0), LLONG_MAX);
     EXPECT_EQ(SubAbs(-3, 4), 7);
+}
+
+TEST(InterfaceTest, OneByteOfAWriteBufferStaysFree) {
+    IpcPackageManager queue;
+    queue.buildAndAppendSecondIpcPackage(IPC_PACKAGE_EVENT, "12345678", 8);
+    char bytes[21];
+    BufferState buffer{.cursor = 0, .length = 0, .capacity = 20, .data = bytes};
+    EXPECT_FALSE(queue.fillNextIpcPackageToBuffer(&buffer));
+    buffer.capacity = 21;
+    EXPECT_TRUE(queue.fillNextIpcPackageToBuffer(&buffer));
 }
 
 TEST(InterfaceTest, ARequestDuringTheWriteCallbackIsServed) {

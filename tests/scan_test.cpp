@@ -50,7 +50,7 @@ TEST(ScanTest, ReadersOfAnOddTree) {
           {"12", zombie + "1\n", Stat("12 (zombie) Z"), ""},
           {"13", zombie + "2\n", Stat("13 (first) Z"), ""},  // its other thread lives
           {"14", "", Stat("14 (a\n) S"), ""},
-          {"18", "", Stat("19 (of another) S"), ""},
+          {"18", "", Stat("19 (other) S"), ""},
           {"15a", status, Stat("15 (nobody) S"), ""}}) {
         for (size_t i = 1; i < process.size(); ++i) {
             const std::string files[] = {"", "/status", "/stat", "/maps"};
