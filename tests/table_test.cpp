@@ -37,7 +37,6 @@
 #include "task/tesu_bpf_task_manager.h"
 #include "tests/support/child_process.h"
 #include "tests/support/kernel.h"
-#include "tests/support/temp_dir.h"
 #include "tests/support/vgem_buffer.h"
 #include "tests/support/wait_until.h"
 #include "util/monotonic_clock.h"
@@ -74,11 +73,11 @@ std::vector<ProcessSnapshot> ReadProc() {
 
 // The service's, from a dump with all columns. The name fills its column and may hold anything but
 // line ends here.
-Rows ReadTable(const std::string& path) {
+Rows ReadTable() {
     constexpr size_t NAME_WIDTH = 16;
-    TesuTaskManager::GetInstance()->DumpTesuTaskInfo(path);
+    TesuTaskManager::GetInstance()->DumpTesuTaskInfo();
     Rows table;
-    std::ifstream file(path);
+    std::ifstream file(std::string(DUMP_DIR) + "/" + TASK_DUMP_FILE);
     std::string line;
     std::getline(file, line);
     std::getline(file, line);
@@ -232,15 +231,13 @@ class TableTest : public ServiceTest {
             });
             return differences;
         };
-        EXPECT_THAT(lasting([&] { return CompareWithProc(ReadTable(temp.path("table")), known); }),
-                    IsEmpty())
+        EXPECT_THAT(lasting([&] { return CompareWithProc(ReadTable(), known); }), IsEmpty())
             << "of the service's table";
         EXPECT_THAT(lasting([&] { return CompareWithProc(top.rows(), today); }), IsEmpty())
             << "of the client's model";
         EXPECT_EQ(LostRecords(RING_CORE), 0U);
     }
 
-    TempDir temp;
     WireClient client;
     TopModel top;
 };
