@@ -38,11 +38,12 @@ bool ReadAsService(BufferState* buffer, Outcome* outcome) {
 }
 
 bool ReadAsClient(BufferState* buffer, Outcome* outcome) {
-    std::string error;
-    const auto take = [&](uint32_t type, const char* body, uint32_t length) {
-        outcome->packages.push_back(WireClient::frame(type, {body, length}));
-    };
-    return ReadFrames(buffer, take, &error);
+    auto package = TakePackage(buffer);
+    for (; package && *package; package = TakePackage(buffer)) {
+        outcome->packages.push_back(
+            WireClient::frame((*package)->type, {(*package)->body, (*package)->length}));
+    }
+    return package.ok();
 }
 
 // Whatever is received lies in a block of exactly its size, so that a read past it is found.

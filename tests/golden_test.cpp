@@ -18,8 +18,8 @@
 #include <string>
 #include <vector>
 
-#include "client/event_json.h"
-#include "client/event_text.h"
+#include "client/events/event_json.h"
+#include "client/events/event_text.h"
 #include "records/read_prefix.h"
 #include "task/tesu_bpf_task_manager.h"
 #include "tests/support/records.h"

@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Members of the public interface that nothing in the product calls, limits that no machine meets,
-// and a race that no machine shows.
+// Limits that no machine meets, and races and failures that no machine shows.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -12,62 +16,46 @@
 #include <string>
 #include <thread>
 
-#include "ipc/ipc_package_handler.h"
+#include "ipc/ipc_package.h"
 #include "ipc/unix_ipc_manager.h"
-#include "task/tesu_bpf_task_manager.h"
+#include "ipc/unix_socket.h"
 #include "tests/support/wait_until.h"
 #include "tests/support/wire_client.h"
 #include "util/time_util.h"
 
-namespace Tesu::Bpf {
 namespace {
 
-constexpr auto word = WireClient::word;
+// A system call that fails with `error`, unless that is 0, and how often it has.
+struct FailingCall {
+    std::atomic<int> error{0};
+    std::atomic<int> count{0};
 
-TEST(InterfaceTest, MembersThatNobodyCalls) {
-    IpcPackageManager queue;
-    const TesuReqIpcPackage request{7, "register-event-monitor", 4, "\2\0\0"};
-    const TesuRespIpcPackage response{8, -1, 3, "abc"};
-    const TesuReqIpcPackage tooLong{.length = 0xfffffff0};
-    const std::string event = WireClient::frame(3, "12345678");
-    const std::string reply = word(8) + word(UINT_MAX) + word(3);
-    EXPECT_TRUE(queue.appendReqIpcPackage(&request) && queue.appendRespIpcPackage(&response));
-    EXPECT_TRUE(queue.buildAndAppendIpcPackage(event.data() + 4, 16));
-    EXPECT_FALSE(queue.appendReqIpcPackage(&tooLong)) << "the sum wraps in 32 bits";
-    EXPECT_EQ(queue.getRefusedPackageCount(), 1U);
-    queue.waitEventReady(INT_MAX);
-    const std::string all =
-        WireClient::subscription(7, 2) + WireClient::frame(1, reply + word(0) + "abc") + event;
-    std::string bytes(all.size(), '\0');
-    BufferState buffer{0, 0, static_cast<int>(all.size()), bytes.data()};
-    while (queue.fillNextIpcPackageToBuffer(&buffer)) {
+    template <class... Arguments>
+    int make(long number, Arguments... arguments) {
+        if ((errno = error) != 0) {
+            ++count;
+            return -1;
+        }
+        return static_cast<int>(syscall(number, arguments...));
     }
-    EXPECT_EQ(queue.getIpcPackageCount(), 1U) << "one byte stays free";
-    EXPECT_TRUE(queue.fillIpcPackageToBuffer(&buffer)) << "or none";
-    EXPECT_EQ(bytes, all);
+} accepting, timing, watching;
 
-    IpcReqCallBackManager callbacks;
-    std::string seen;
-    callbacks.addIpcReqCallBack(8, [&](unsigned, int result, char* data, unsigned length) {
-        seen.assign(data, length) += std::to_string(result);
-        return 0;
-    });
-    EXPECT_FALSE(callbacks.delIpcReq(7));
-    std::string body = reply + "abc";
-    auto* const received = reinterpret_cast<TesuRespIpcPackage*>(body.data());
-    EXPECT_TRUE(callbacks.handleReqCallBack(received) && !callbacks.handleReqCallBack(received));
-    EXPECT_EQ(seen, "abc-1");
+}  // namespace
 
-    TesuTaskManager& table = *TesuTaskManager::GetInstance();
-    TesuTask task;
-    EXPECT_EQ(table.AddMmidIndex(3, &task) + table.AddRssTempTask(3, task), 0);
-    EXPECT_EQ(table.GetTesuTaskByMmid(3), &task);
-    EXPECT_NE(table.GetRssTempTask(3), nullptr);
-    EXPECT_EQ(table.DelMmidIndex(3) + table.DelRssTempTask(3) + errno, 0);
-    EXPECT_EQ(table.DelMmidIndex(3), -1);
-    EXPECT_EQ(table.DelRssTempTask(3), 0) << "a miss shows in errno alone";
-    EXPECT_EQ(errno, ENOENT);
+extern "C" int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
+    return accepting.make(SYS_accept4, fd, address, length, flags);
 }
+extern "C" int timerfd_create(int clock, int flags) noexcept {
+    return timing.make(SYS_timerfd_create, clock, flags);
+}
+extern "C" int epoll_ctl(int epollFd, int operation, int fd, epoll_event* event) noexcept {
+    static FailingCall others;
+    return (operation == EPOLL_CTL_ADD ? watching : others)
+        .make(SYS_epoll_ctl, epollFd, operation, fd, event);
+}
+
+namespace Tesu::Bpf {
+namespace {
 
 TEST(InterfaceTest, LimitsOfTimesAndDifferences) {
     std::istringstream late("cpu 1\nbtime 4294967296\n");
@@ -119,6 +107,47 @@ TEST(InterfaceTest, WritingNowMeetsConnectionsThatComeAndGo) {
         ASSERT_TRUE(client.connectTo(name));
         EXPECT_EQ(client.next().value_or(WireClient::Package()).body, text);
     }
+}
+
+TEST(InterfaceTest, AServerTriesAgainWhateverFailsAndDoesNotSpin) {
+    const std::string name = "/tesubpf-test/" + std::to_string(getpid());
+    std::atomic<int> connections{0};
+    IpcHandlerState handlers;
+    handlers.connection = [&](int) { ++connections; };
+    android::base::unique_fd holder(CreateNonblockingServerSocket(name.c_str()));
+    UnixIpcManager server(true, IPC_BUFFER_SIZE, name, handlers, "IpcTest", 10, 32);
+    timing.error = EMFILE;
+    server.start();
+    EXPECT_TRUE(WaitUntil([] { return timing.count > 1; }));
+    holder.reset();
+    WireClient clients[2];
+    ASSERT_TRUE(clients[0].connectTo(name)) << "a taken name, and no timer to wait with";
+    EXPECT_TRUE(WaitUntil([&] { return connections == 1; }));
+    timing.error = 0;
+    accepting.error = EPERM;
+    ASSERT_TRUE(clients[1].connectTo(name));
+    EXPECT_TRUE(WaitUntil([] { return accepting.count > 1; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_LT(accepting.count, 100) << "a busy machine makes it fewer calls yet";
+    watching.error = ENOSPC;
+    EXPECT_TRUE(WaitUntil([] { return watching.count > 1; }));
+    accepting.error = 0;
+    watching.error = 0;
+    EXPECT_TRUE(WaitUntil([&] { return connections == 2; }));
+}
+
+TEST(InterfaceTest, AHangUpThatComesAfterStopClosesNothing) {
+    UnixIpcManager server(true, IPC_BUFFER_SIZE, "/tesubpf-test/hang-up", {}, 10, 32);
+    const int timer = dup(STDIN_FILENO);
+    close(timer);
+    server.createServer();  // its timer, then its socket
+    server.stop();
+    const android::base::unique_fd heir(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, timer + 1));
+    ASSERT_EQ(heir.get(), timer + 1);
+    epoll_event hangUp{};
+    hangUp.data.fd = heir.get();
+    server.onServerCloseCallback(hangUp);
+    EXPECT_NE(fcntl(heir.get(), F_GETFD), -1);
 }
 
 }  // namespace

@@ -30,7 +30,7 @@ using testing::Not;
 const std::string PINS = PIN_DIR;
 const std::string STAGING = PINS + "_loading";
 
-class LoaderTest : public SandboxTest {
+class LoaderTest : public KernelTest {
   protected:
     void TearDown() override { (void)RemovePins(PINS); }
 

@@ -29,7 +29,7 @@
 #include <utility>
 #include <vector>
 
-#include "client/process_model.h"
+#include "client/model/process_model.h"
 #include "proc/process_snapshot.h"
 #include "records/contract.h"
 #include "records/event_table.h"
@@ -102,8 +102,8 @@ Rows ReadTable() {
 class TopModel {
   public:
     void start() {
-        model.beginSnapshot(MonotonicNanoseconds());
-        model.finishSnapshot(ReadProc());
+        const int64_t begin = MonotonicNanoseconds();
+        model.mergeProc(begin, ReadProc());
     }
     void readEvents() {
         while (const auto package = client.next(milliseconds(0))) {
@@ -114,8 +114,8 @@ class TopModel {
     Rows rows() {
         readEvents();
         model.advanceTo(MonotonicNanoseconds());
-        for (const int32_t pid : model.takeRereads(MonotonicNanoseconds(), SIZE_MAX)) {
-            model.applyReread(pid, ProcReader().read(pid));
+        for (const int32_t pid : model.takeRefreshes(MonotonicNanoseconds(), SIZE_MAX)) {
+            model.refresh(pid, ProcReader().read(pid));
         }
         Rows rows;
         for (const ProcessRow& row : model.view({}).rows) {

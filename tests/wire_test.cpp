@@ -267,7 +267,27 @@ TEST_F(ServiceTest, PropertiesSayWhatStarts) {
     EXPECT_EQ(client.subscribe(TYPE), 0);
 }
 
+// A host may do so while clients are there and more come.
+TEST_F(SandboxTest, AServiceIsDeletedWithItsClients) {
+    SetProperty(READY_PROPERTY, "0");
+    const std::jthread passers([](const std::stop_token& done) {
+        while (!done.stop_requested()) {
+            WireClient passer;
+            passer.tryConnect(SERVICE_SOCKET_NAME);
+            passer.sendBytes(WireClient::subscription(1, TYPE));
+        }
+    });
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_TRUE(BpfServiceMain());
+        WireClient client;
+        ASSERT_TRUE(client.connectTo(SERVICE_SOCKET_NAME));
+        EXPECT_EQ(client.subscribe(TYPE), 0);
+        delete TesuBpfService::GetInstance();
+    }
+}
+
 TEST_F(ServiceTest, StopIsPromptAndFinal) {
+    EXPECT_EQ(service->Wait(), 0) << "nothing was started, and may still be";
     SetProperty(KERNEL_VERSION_PROPERTY, "6.1");
     start();
     EXPECT_TRUE(BpfServiceMain()) << "a second start keeps what runs";

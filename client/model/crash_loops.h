@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Finds crash loops: names whose processes end, again and again, shortly after their start.
+// Finds crash loops: names whose processes exit, again and again, shortly after their start.
 #pragma once
 
 #include <array>
@@ -14,13 +14,13 @@
 namespace Tesu::Bpf {
 
 // Times are monotonic nanoseconds. Used by one thread at a time.
-class YoungExits {
+class CrashLoops {
   public:
-    // A process that lived no longer ended young.
-    static constexpr int64_t YOUNG = 10'000'000'000;
-    // How long an exit counts, and how many make a loop.
+    // A process that lived no longer is short-lived.
+    static constexpr int64_t SHORT_LIFE = 10'000'000'000;
+    // How long an exit counts, and how many of them make a loop.
     static constexpr int64_t WINDOW = 60'000'000'000;
-    static constexpr uint32_t LOOP = 3;
+    static constexpr uint32_t MIN_EXITS = 3;
 
     struct Loop {
         std::string name;
@@ -28,13 +28,13 @@ class YoungExits {
         int64_t lastLifetime = 0;  // nanoseconds
     };
 
-    // A process ended at `time`, `lifetime` after its start.
-    void note(std::string_view name, int64_t lifetime, int64_t time);
+    // A process exited at `time`, `lifetime` after its start.
+    void addExit(std::string_view name, int64_t lifetime, int64_t time);
 
-    // How often the name ended young within the window; 0 when it makes no loop.
+    // Short-lived processes of this name that exited within the window; 0 when they are no loop.
     uint32_t exitsOf(std::string_view name, int64_t now) const;
 
-    // The names that make loops, most exits first, then by name.
+    // The names in a loop, most exits first, then by name.
     std::vector<Loop> loops(int64_t now, size_t limit) const;
 
   private:

@@ -1,13 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/top_screen.h"
+#include "client/top/screen.h"
 
 #include <ncurses.h>
 #include <sys/ioctl.h>
+#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
+#include <utility>
+
+#include "client/top/controls.h"
 
 namespace Tesu::Bpf {
 
@@ -44,23 +48,34 @@ attr_t AttributesOf(Style style, bool colour) {
     return A_NORMAL;
 }
 
-}  // namespace
-
-std::unique_ptr<TopScreen> TopScreen::open(bool colour, std::string* error) {
-    if (isatty(STDIN_FILENO) != 1 || isatty(STDOUT_FILENO) != 1) {
-        *error = "standard input and output are no terminal; --batch needs none";
-        return nullptr;
+android::base::unique_fd BlockTerminalSignals() {
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    for (const int signal : {SIGWINCH, SIGTSTP, SIGHUP, SIGQUIT}) {
+        sigaddset(&blocked, signal);
     }
-    if (newterm(nullptr, stdout, stdin) == nullptr) {
-        const char* const terminal = std::getenv("TERM");
-        *error = std::string("the terminal \"") + (terminal != nullptr ? terminal : "") +
-                 "\" is not known here; set TERM, or use --batch";
-        return nullptr;
-    }
-    return std::unique_ptr<TopScreen>(new TopScreen(colour));
+    pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+    return android::base::unique_fd(signalfd(-1, &blocked, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
-TopScreen::TopScreen(bool colour) : colour(colour && has_colors()) {
+}  // namespace
+
+Result<std::unique_ptr<TopScreen>> TopScreen::open(bool colour) {
+    if (isatty(STDIN_FILENO) != 1 || isatty(STDOUT_FILENO) != 1) {
+        return Failure("standard input and output are no terminal; --batch needs none");
+    }
+    // Before the screen is taken: from then on no signal may end or stop the process.
+    android::base::unique_fd signals = BlockTerminalSignals();
+    if (newterm(nullptr, stdout, stdin) == nullptr) {
+        const char* const terminal = std::getenv("TERM");
+        return Failure(std::string("the terminal \"") + (terminal != nullptr ? terminal : "") +
+                       "\" is not known here; set TERM, or use --batch");
+    }
+    return std::unique_ptr<TopScreen>(new TopScreen(colour, std::move(signals)));
+}
+
+TopScreen::TopScreen(bool colour, android::base::unique_fd signals)
+    : colour(colour && has_colors()), signals(std::move(signals)) {
     cbreak();
     noecho();
     nonl();
@@ -89,7 +104,7 @@ size_t TopScreen::height() const {
     return static_cast<size_t>(std::max(getmaxy(stdscr), 0));
 }
 
-void TopScreen::draw(const std::vector<FrameLine>& lines) {
+void TopScreen::draw(const std::vector<StyledLine>& lines) {
     erase();
     const size_t count = std::min(lines.size(), height());
     for (size_t row = 0; row < count; ++row) {
@@ -130,6 +145,20 @@ std::optional<int> TopScreen::readKey() {
         default:
             return key > 0xff ? SCREEN_KEY_OTHER : key;
     }
+}
+
+bool TopScreen::handleSignals() {
+    signalfd_siginfo info{};
+    while (TEMP_FAILURE_RETRY(read(signals.get(), &info, sizeof(info))) == sizeof(info)) {
+        if (info.ssi_signo == SIGWINCH) {
+            resize();
+        } else if (info.ssi_signo == SIGTSTP) {
+            suspend();
+        } else {
+            return false;
+        }
+    }
+    return true;
 }
 
 void TopScreen::resize() {

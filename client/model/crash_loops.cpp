@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/young_exits.h"
+#include "client/model/crash_loops.h"
 
 #include <algorithm>
 
 namespace Tesu::Bpf {
 
-void YoungExits::note(std::string_view name, int64_t lifetime, int64_t time) {
-    if (lifetime < 0 || lifetime > YOUNG || time < 0) {
+void CrashLoops::addExit(std::string_view name, int64_t lifetime, int64_t time) {
+    if (lifetime < 0 || lifetime > SHORT_LIFE || time < 0) {
         return;
     }
     const auto [found, isNew] = names.try_emplace(std::string(name));
@@ -28,7 +28,7 @@ void YoungExits::note(std::string_view name, int64_t lifetime, int64_t time) {
     }
 }
 
-uint32_t YoungExits::countOf(const Exits& exits, int64_t now) {
+uint32_t CrashLoops::countOf(const Exits& exits, int64_t now) {
     const int64_t age = std::max<int64_t>(now / SLOT - exits.lastSlot, 0);
     uint32_t count = 0;
     const int64_t kept = std::min(static_cast<int64_t>(SLOTS) - age, exits.lastSlot + 1);
@@ -38,24 +38,25 @@ uint32_t YoungExits::countOf(const Exits& exits, int64_t now) {
     return count;
 }
 
-void YoungExits::forgetOld(int64_t now) {
-    std::erase_if(names, [now](const auto& entry) { return countOf(entry.second, now) < LOOP; });
+void CrashLoops::forgetOld(int64_t now) {
+    std::erase_if(names,
+                  [now](const auto& entry) { return countOf(entry.second, now) < MIN_EXITS; });
     if (names.size() > MAX_NAMES / 2) {
         names.clear();
     }
 }
 
-uint32_t YoungExits::exitsOf(std::string_view name, int64_t now) const {
+uint32_t CrashLoops::exitsOf(std::string_view name, int64_t now) const {
     const auto found = names.find(std::string(name));
     const uint32_t count = found == names.end() ? 0 : countOf(found->second, now);
-    return count < LOOP ? 0 : count;
+    return count < MIN_EXITS ? 0 : count;
 }
 
-std::vector<YoungExits::Loop> YoungExits::loops(int64_t now, size_t limit) const {
+std::vector<CrashLoops::Loop> CrashLoops::loops(int64_t now, size_t limit) const {
     std::vector<Loop> found;
     for (const auto& [name, exits] : names) {
         const uint32_t count = countOf(exits, now);
-        if (count >= LOOP) {
+        if (count >= MIN_EXITS) {
             found.push_back({name, count, exits.lastLifetime});
         }
     }

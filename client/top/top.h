@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "client/process_model.h"
+#include "client/model/process_model.h"
 #include "util/termination_signals.h"
 
 namespace Tesu::Bpf {
@@ -25,9 +25,6 @@ enum TopStatus {
     TOP_NOT_SERVED = 1,  // a batch run that had no service to listen to
     TOP_FAILED = 3,      // no terminal, no /proc, or the output could not be written
 };
-
-// The sort key of a name, "memory", "change", "threads", "fds", "age", "pid" or "name".
-std::optional<SortKey> ParseSortKey(const std::string& name);
 
 // Returns a TopStatus. Blocks further signals in the calling thread, for good.
 int RunTop(const TopOptions& options, const TerminationSignals& signals);
