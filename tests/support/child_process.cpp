@@ -10,6 +10,7 @@
 #include <unistd.h>
 #include <utmp.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <sstream>
