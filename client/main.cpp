@@ -1,24 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // tesubpf: the client for people and scripts.
-#include <android/log.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <functional>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "client/dump/dump.h"
 #include "client/events/event_names.h"
 #include "client/text/terminal_text.h"
-#include "client/top.h"
+#include "client/top/columns.h"
+#include "client/top/top.h"
 #include "client/watch/watch.h"
 #include "records/contract.h"
 #include "records/raw_event.h"
@@ -43,7 +43,7 @@ Exit status: 0 printed; 1 no daemon, or it gave no dump; 2 wrong usage; 3 the ou
 written.)";
 
 constexpr const char* TOP_FOOTER = R"(
-Begins with what /proc tells and follows the daemon's events from there; without a daemon the figures
+Begins with what /proc shows and follows the daemon's events from there; without a daemon the figures
 stand still until there is one. Press ? for the keys. Colours are left out when NO_COLOR is set.
 A batch run is as wide as COLUMNS says, or 100 characters.
 
@@ -58,7 +58,7 @@ struct Command {
     bool withoutKernelTasks = false;
     bool withAllColumns = false;
     Tesu::Bpf::TopOptions top;
-    std::string sortName = "memory";
+    std::string sortName = Tesu::Bpf::OrderColumns().front()->order.name;
     // The subcommand. Returns the exit status.
     std::function<int(Command&, const Tesu::Bpf::TerminationSignals&)> run;
 };
@@ -155,16 +155,17 @@ void AddCounters(CLI::App& app, Command& command) {
 }
 
 int Top(Command& command, const Tesu::Bpf::TerminationSignals& signals) {
-    const std::optional<Tesu::Bpf::SortKey> sortKey = Tesu::Bpf::ParseSortKey(command.sortName);
-    if (!sortKey) {
-        std::fprintf(stderr,
-                     "tesubpf: \"%s\" is no order; it is one of memory, change, threads, fds, age, "
-                     "pid, name\n",
-                     command.sortName.c_str());
+    const std::vector<const Tesu::Bpf::Column*> orders = Tesu::Bpf::OrderColumns();
+    const auto chosen = std::find_if(
+        orders.begin(), orders.end(),
+        [&](const Tesu::Bpf::Column* column) { return command.sortName == column->order.name; });
+    if (chosen == orders.end()) {
+        std::fprintf(stderr, "tesubpf: \"%s\" is no order; it is one of %s\n",
+                     command.sortName.c_str(), Tesu::Bpf::ListOrders().c_str());
         return EXIT_USAGE;
     }
     command.top.socketName = command.socketName;
-    command.top.view.sortKey = *sortKey;
+    command.top.view.order = (*chosen)->order.compare;
     command.top.view.withKernelThreads = !command.withoutKernelTasks;
     command.top.colour = MayColour();
     return Tesu::Bpf::RunTop(command.top, signals);
@@ -174,7 +175,7 @@ void AddTop(CLI::App& app, Command& command) {
     CLI::App* const top =
         app.add_subcommand("top", "Show processes live, with their memory and what is odd");
     top->add_option("--sort", command.sortName,
-                    "memory, change, threads, fds, age, pid or name (default: memory)")
+                    Tesu::Bpf::ListOrders() + " (default: " + command.sortName + ")")
         ->type_name("ORDER");
     top->add_option("--filter", command.top.view.filter,
                     "Only names that contain TEXT, or pids that begin with it")
@@ -200,8 +201,6 @@ int Main(int argc, char** argv) {
     Tesu::Bpf::ChooseCharacterSet();
     const Tesu::Bpf::TerminationSignals signals;
     std::signal(SIGPIPE, SIG_IGN);
-    // What the transport would log is said in plainer words here.
-    __android_log_set_minimum_priority(ANDROID_LOG_SILENT);
 
     CLI::App app("Shows what the eBPF task service sees", "tesubpf");
     app.set_version_flag("--version", "tesubpf " TESUBPF_VERSION);

@@ -3,472 +3,215 @@
 // The picture of the processes: what events and /proc make of it, in every order of the two.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
-#include "client/process_model.h"
-#include "client/sample_history.h"
-#include "client/young_exits.h"
-#include "proc/proc_text.h"
-#include "proc/process_snapshot.h"
-#include "tests/support/child_process.h"
+#include "client/model/process_model.h"
+#include "client/top/columns.h"
+#include "tests/support/records.h"
+#include "util/string_util.h"
 
 namespace Tesu::Bpf {
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::SizeIs;
 
 constexpr int64_t SECOND = 1'000'000'000;
 constexpr int64_t START = 100 * SECOND;
+constexpr int64_t READ = START + 10 * SECOND;
 constexpr int64_t MIB = 1 << 20;
 
-template <size_t N>
-void SetName(char (&field)[N], const std::string& name) {
-    std::memset(field, 0, N);
-    std::memcpy(field, name.data(), std::min(N, name.size()));
+ProcessSnapshot Found(int32_t pid, int64_t readTime = READ, const std::string& name = "found",
+                      int32_t threads = 4, int64_t startTime = START, bool isEnding = false) {
+    return {pid, 1, 0, name, false, isEnding, threads, {0, 10 * MIB}, 5, startTime, readTime};
 }
 
-RawTaskCreateEvent Create(int32_t pid, int64_t time, int32_t taskType = RAW_TASK_PROCESS) {
-    RawTaskCreateEvent event{};
-    event.header = {RAW_EVENT_TASK_CREATE, 0, time};
-    event.pid = pid;
-    event.ppid = 1;
-    event.taskType = taskType;
-    SetName(event.comm, "parent");
-    return event;
+// Of threads of process 7.
+RawTaskCreateEvent Began(int64_t time) {
+    return Create(time, 7, 7, "", RAW_TASK_THREAD);
+}
+RawTaskExitEvent Ended(int64_t time) {
+    return Exit(time, 7, "", RAW_TASK_THREAD);
+}
+RawFdUpdateEvent Fds(int64_t time, int32_t openFds) {
+    return {Header(RAW_EVENT_FD_UPDATE, time), 7, 0, openFds, 0, ""};
 }
 
-RawTaskExitEvent Exit(int32_t pid, int64_t time, int32_t taskType = RAW_TASK_PROCESS) {
-    RawTaskExitEvent event{};
-    event.header = {RAW_EVENT_TASK_EXIT, 0, time};
-    event.pid = pid;
-    event.taskType = taskType;
-    SetName(event.comm, "crashd");
-    return event;
-}
-
-RawRssStatEvent Rss(int32_t pid, int64_t time, int32_t member, int64_t size) {
-    return {{RAW_EVENT_RSS_STAT, 0, time}, pid, member, size};
-}
-
-ProcessSnapshot Found(int32_t pid, int64_t readTime, const std::string& name = "found") {
-    ProcessSnapshot process;
-    process.pid = pid;
-    process.name = name;
-    process.threads = 4;
-    process.startTime = START;
-    process.readTime = readTime;
-    process.memory[MEMORY_ANON] = 10 * MIB;
-    process.openFds = 5;
-    return process;
-}
-
+// What /proc and events give returns the table by pid: "pid name threads/descriptors/resident MiB",
+// what is odd, and the crash loops.
 class ProcessModelTest : public testing::Test {
   protected:
-    void snapshot(int64_t begin, const std::vector<ProcessSnapshot>& processes) {
-        model.beginSnapshot(begin);
-        model.finishSnapshot(processes);
+    std::string proc(int64_t begin, const std::vector<ProcessSnapshot>& processes) {
+        model.mergeProc(begin, processes);
+        return events();
     }
-
-    // The row of a process; one with pid 0 when it is not there.
-    ProcessRow row(int32_t pid) {
-        for (const ProcessRow& row : model.view({}).rows) {
-            if (row.pid == pid) {
-                return row;
-            }
+    template <class... Events>
+    std::string events(const Events&... events) {
+        (model.apply(events), ...);
+        const ProcessView view = model.view({});
+        std::string text;
+        for (const ProcessRow& row : view.rows) {
+            text += StringPrintf("%d %s %d/%lld/%lld ", row.pid, row.name.c_str(), row.threads,
+                                 row.openFds.value_or(-1) + 0LL, row.resident / MIB + 0LL) +
+                    (row.newThreads > 0 ? "storm " : "") + (row.isGrowing ? "grows " : "") +
+                    (row.loopExits > 0 ? "loop " : "");
         }
-        return {};
+        for (const CrashLoops::Loop& loop : view.loops) {
+            text +=
+                StringPrintf("%s %ux %lld", loop.name.c_str(), loop.exits, loop.lastLifetime + 0LL);
+        }
+        return text;
     }
-
-    std::vector<int32_t> order(const ViewRequest& request) {
-        std::vector<int32_t> pids;
-        for (const ProcessRow& row : model.view(request).rows) {
-            pids.push_back(row.pid);
-        }
-        return pids;
+    std::vector<int32_t> due(int64_t time, size_t limit = 9) {
+        return model.takeRefreshes(time, limit);
     }
 
     ProcessModel model;
 };
 
 TEST_F(ProcessModelTest, TakesOfEachValueTheNewer) {
-    const int64_t read = START + 10 * SECOND;
-    // Both before the process is read: one told before, one after the snapshot is merged.
-    model.apply(Rss(7, read - 2, MEMORY_ANON, 1 * MIB));
-    snapshot(read - 1, {Found(7, read)});
-    model.apply(Rss(7, read - 1, MEMORY_ANON, 2 * MIB));
-    EXPECT_EQ(row(7).memory[MEMORY_ANON], 10 * MIB);
-    model.apply(Rss(7, read + 1, MEMORY_ANON, 30 * MIB));
-    model.apply(RawFdUpdateEvent{{RAW_EVENT_FD_UPDATE, 0, read + 1}, 7, 0, 90, 80, ""});
-    model.apply(RawFdUpdateEvent{{RAW_EVENT_FD_UPDATE, 0, read - 1}, 7, 0, 1, 2, ""});
-    EXPECT_EQ(row(7).resident, 30 * MIB);
-    EXPECT_EQ(row(7).openFds, 90);
-    // A second snapshot, one kind of whose values is older than what was told.
-    snapshot(read, {Found(7, read)});
-    EXPECT_EQ(row(7).resident, 30 * MIB);
-    snapshot(read, {Found(7, read + 2)});
-    EXPECT_EQ(row(7).resident, 10 * MIB);
-    EXPECT_EQ(row(7).openFds, 5);
-
-    // Nonsense changes nothing.
-    model.apply(Rss(7, read + 3, MEMORY_KINDS, MIB));
-    model.apply(Rss(7, read + 3, -1, MIB));
-    model.apply(Rss(7, read + 3, MEMORY_ANON, -MIB));
-    model.apply(Rss(7, INT64_MAX, MEMORY_ANON, MIB));
-    model.apply(Rss(8, read + 3, MEMORY_ANON, MIB));
-    model.apply(Exit(9, INT64_MIN));
-    model.apply(Create(9, INT64_MIN));
-    EXPECT_EQ(row(7).resident, 10 * MIB);
-    EXPECT_THAT(model.view({}).rows, SizeIs(1));
+    proc(READ, {Found(7)});
+    EXPECT_EQ(events(Rss(READ - 1, 7, RSS_ANON, 2 * MIB), Fds(READ - 1, 1)), "7 found 4/5/10 ");
+    events(Rss(READ + 1, 7, RSS_ANON, 30 * MIB), Rss(READ + 1, 7, RSS_FILE, 2 * MIB),
+           Rss(READ + 1, 7, RSS_SWAP, 2 * MIB), Fds(READ + 1, 90));
+    EXPECT_EQ(proc(READ, {Found(7)}), "7 found 4/90/32 ");
+    EXPECT_EQ(proc(READ, {Found(7, READ + 2)}), "7 found 4/5/10 ");
+    // Nonsense, and what belongs to nobody.
+    EXPECT_EQ(events(Rss(READ + 3, 7, -1, MIB), Rss(READ + 3, 7, RSS_MEMBER_COUNT, MIB),
+                     Rss(READ + 3, 7, RSS_ANON, -MIB), Rss(READ + 3, 7, RSS_ANON, INT64_MAX),
+                     Rss(INT64_MAX, 7, RSS_ANON, MIB), Rss(READ + 3, 8, RSS_ANON, MIB),
+                     Create(INT64_MIN, 1, 9, "late"), Exit(INT64_MIN, 9, "")),
+              "7 found 4/5/10 ");
 }
 
-TEST_F(ProcessModelTest, CountsAThreadOnceWhoeverToldFirst) {
-    const int64_t read = START + 10 * SECOND;
-    snapshot(read, {Found(7, read)});
-    model.apply(Create(7, read - 1, RAW_TASK_THREAD));
-    EXPECT_EQ(row(7).threads, 4);
-    model.apply(Create(7, read + 1, RAW_TASK_THREAD));
-    model.apply(Create(7, read + 2, RAW_TASK_THREAD));
-    model.apply(Exit(7, read + 3, RAW_TASK_THREAD));
-    EXPECT_EQ(row(7).threads, 5);
-    // Of a process that is not known, and more exits than there were threads.
-    model.apply(Create(8, read + 3, RAW_TASK_THREAD));
-    for (int i = 0; i < 9; ++i) {
-        model.apply(Exit(7, read + 4 + i, RAW_TASK_THREAD));
-    }
-    EXPECT_EQ(row(7).threads, 1);
-    EXPECT_EQ(model.view({}).totals.threads, 1);
-}
-
-TEST_F(ProcessModelTest, ReadsAgainWhereProcMayHaveCountedAThreadThatHadEnded) {
-    const int64_t read = START + 10 * SECOND;
-    snapshot(read, {Found(7, read)});
-    model.apply(Exit(7, read - 1, RAW_TASK_THREAD));
-    EXPECT_EQ(row(7).threads, 4);
-    EXPECT_THAT(model.takeRereads(read + SECOND, 9), ElementsAre(7));
-    ProcessSnapshot again = Found(7, read + SECOND);
-    again.threads = 3;
-    model.applyReread(7, again);
-    EXPECT_EQ(row(7).threads, 3);
-    EXPECT_THAT(model.takeRereads(read + 9 * SECOND, 9), IsEmpty());
-}
-
-TEST_F(ProcessModelTest, AForkedProcessGetsItsOwnNameOnceItHasSettled) {
-    model.apply(Create(7, START));
-    EXPECT_EQ(row(7).name, "parent");
-    EXPECT_EQ(row(7).threads, 1);
-    EXPECT_THAT(model.takeRereads(START + ProcessModel::SETTLE_TIMES[0] - 1, 9), IsEmpty());
-    EXPECT_THAT(model.takeRereads(START + ProcessModel::SETTLE_TIMES[0], 9), ElementsAre(7));
-    model.apply(Rss(7, START + 5 * SECOND, MEMORY_ANON, 3 * MIB));
-    ProcessSnapshot settled = Found(7, START + 4 * SECOND, "own");
-    settled.memory[MEMORY_FILE] = MIB;
-    model.applyReread(7, settled);
-    EXPECT_EQ(row(7).name, "own");
-    EXPECT_EQ(row(7).threads, 1);  // every thread is told
-    EXPECT_EQ(row(7).resident, 4 * MIB);
-    EXPECT_THAT(model.takeRereads(START + 99 * SECOND, 9), IsEmpty());
-
-    // One that keeps the name of the fork is looked at again, but not without end.
-    model.apply(Create(6, START));
-    for (const int64_t time : ProcessModel::SETTLE_TIMES) {
-        EXPECT_THAT(model.takeRereads(START + time - 1, 9), IsEmpty());
-        EXPECT_THAT(model.takeRereads(START + time, 9), ElementsAre(6));
-        model.applyReread(6, Found(6, START + time, "parent"));
-    }
-    EXPECT_THAT(model.takeRereads(START + 99 * SECOND, 9), IsEmpty());
-
-    // One that was found in /proc before it had its own name.
-    ProcessSnapshot young = Found(5, START + SECOND / 2, "parent");
-    snapshot(START, {young});
-    EXPECT_THAT(model.takeRereads(START + 99 * SECOND, 9), ElementsAre(5));
-
-    // What has gone meanwhile stays gone, and is not read.
-    model.apply(Create(8, START));
-    model.apply(Create(9, START));
-    model.apply(Exit(8, START + 1));
-    EXPECT_THAT(model.takeRereads(START + SECOND, 9), ElementsAre(9));
-    model.apply(Exit(9, START + 1));
-    model.applyReread(9, Found(9, START + SECOND));
-    EXPECT_EQ(row(9).pid, 0);
-    // No more than asked for at a time; none is forgotten.
-    for (int32_t pid = 20; pid < 25; ++pid) {
-        model.apply(Create(pid, START));
-    }
-    EXPECT_THAT(model.takeRereads(START + SECOND, 3), ElementsAre(20, 21, 22));
-    EXPECT_THAT(model.takeRereads(START + SECOND, 3), ElementsAre(23, 24));
+TEST_F(ProcessModelTest, CountsAThreadOnceWhoeverReportedItFirst) {
+    proc(READ, {Found(7)});
+    EXPECT_EQ(events(Began(READ - 1)), "7 found 4/5/10 ");
+    events(Began(READ + 1), Began(READ + 2), Began(READ + 3), Ended(READ + 4));
+    EXPECT_EQ(proc(READ, {Found(7)}), "7 found 6/5/10 ");
+    // Whether /proc counted a thread that ended just before is not known: it is asked again.
+    proc(READ + SECOND, {Found(7, READ + SECOND)});
+    EXPECT_EQ(events(Ended(READ + SECOND - 1)), "7 found 4/5/10 ");
+    EXPECT_THAT(due(READ + 2 * SECOND), ElementsAre(7));
+    model.refresh(7, Found(7, READ + 2 * SECOND, "found", 3));
+    EXPECT_EQ(events(), "7 found 3/5/10 ");
 }
 
 TEST_F(ProcessModelTest, KeepsProcessesOfOneNumberApart) {
-    const int64_t read = START + 10 * SECOND;
-    snapshot(read, {Found(7, read)});
-    // A fork and an exit that belong to what /proc told, and an exit of an earlier process.
-    model.apply(Create(7, START + SECOND / 100));
-    EXPECT_EQ(row(7).name, "found");
-    model.apply(Exit(7, START - SECOND));
-    EXPECT_EQ(row(7).name, "found");
-    // The number is given to a new process, whose predecessor's exit was lost.
-    model.apply(Create(7, read + SECOND));
-    EXPECT_EQ(row(7).name, "parent");
-    EXPECT_EQ(row(7).resident, 0);
-    // /proc may tell of the predecessor late; its successor stays.
-    model.applyReread(7, Found(7, read));
-    snapshot(read, {Found(7, read)});
-    EXPECT_EQ(row(7).name, "parent");
-    model.apply(Exit(7, read + 2 * SECOND));
-    EXPECT_EQ(row(7).pid, 0);
-    model.apply(Exit(7, read + 2 * SECOND));
-    EXPECT_EQ(model.view({}).totals.processes, 0U);
+    proc(READ, {Found(7)});
+    // A fork that /proc had shown already, and the exit of an earlier process.
+    EXPECT_EQ(events(Create(START + SECOND / 100, 1, 7, "fork"), Exit(START - SECOND, 7, "")),
+              "7 found 4/5/10 ");
+    // The number comes again, the exit between was lost; what was read before comes late.
+    events(Create(READ + SECOND, 1, 7, "fork"));
+    model.refresh(7, Found(7));
+    EXPECT_EQ(proc(READ, {Found(7)}), "7 fork 1/-1/0 ");
+    EXPECT_EQ(proc(READ + 3 * SECOND, {Found(7, READ, "third", 4, READ + 2 * SECOND)}),
+              "7 third 4/5/10 ");
+    EXPECT_EQ(events(Exit(READ + 3 * SECOND / 2, 7, "")), "7 third 4/5/10 ");
+    EXPECT_EQ(events(Exit(READ + 4 * SECOND, 7, "")), "");
 }
 
-TEST_F(ProcessModelTest, ASnapshotNeitherBringsBackWhatEndedNorLosesWhatBegan) {
-    const int64_t begin = START + 10 * SECOND;
-    snapshot(begin - SECOND, {Found(6, begin - SECOND), Found(7, begin - SECOND)});
-    model.beginSnapshot(begin);
-    model.apply(Exit(7, begin + 1));
-    model.apply(Create(8, begin + 1));
-    ProcessSnapshot ending = Found(9, begin);
-    ending.isEnding = true;
-    ending.threads = 1;
-    ProcessSnapshot withoutMainThread = Found(10, begin);
-    withoutMainThread.isEnding = true;
-    // 6 ended unseen, 7 was found before it ended, 8 began after its place was passed.
-    model.finishSnapshot({Found(7, begin), ending, withoutMainThread});
-    EXPECT_THAT(order({.sortKey = SortKey::PID}), ElementsAre(8, 10));
-    EXPECT_THAT(model.takeRereads(begin + 2 * SECOND, 9), testing::UnorderedElementsAre(8, 10));
-    model.applyReread(10, std::nullopt);
-    EXPECT_THAT(order({.sortKey = SortKey::PID}), ElementsAre(8));
+TEST_F(ProcessModelTest, FollowsProcThroughStartsAndEnds) {
+    proc(READ - SECOND, {Found(6, READ - SECOND), Found(7, READ - SECOND)});
+    events(Create(READ + 1, 1, 8, "fork"));
+    // 6 has gone unseen, 8 was forked when its place had been passed, 10 lost its main thread only.
+    EXPECT_EQ(proc(READ, {Found(7), Found(9, READ, "zombie", 1, START, true),
+                          Found(10, READ, "found", 4, START, true)}),
+              "7 found 4/5/10 8 fork 1/-1/0 10 found 4/5/10 ");
+    EXPECT_THAT(due(READ + 2 * SECOND), testing::UnorderedElementsAre(8, 10));
+    model.refresh(8, std::nullopt);  // its exit record is on its way
+    model.refresh(10, std::nullopt);
+    EXPECT_EQ(events(), "7 found 4/5/10 8 fork 1/-1/0 ");
+    // The service starts: what happened until then is in no record.
+    events(Init(READ, 7, 1, 4, "found", {}));
+    EXPECT_FALSE(model.wantsProc(READ));
+    EXPECT_TRUE(model.wantsProc(READ + 2 * SECOND));
+    proc(READ + 2 * SECOND, {});
+    EXPECT_FALSE(model.wantsProc(READ + 9 * SECOND));
 }
 
-TEST_F(ProcessModelTest, WantsProcAgainWhenTheServiceHasJustBegun) {
-    snapshot(START, {});
-    EXPECT_FALSE(model.wantsSnapshot(START + 9 * SECOND));
-    RawTesuTaskInitEvent init{};
-    init.header = {RAW_EVENT_TASK_INIT, 0, START};
-    model.apply(init);
-    EXPECT_FALSE(model.wantsSnapshot(START));
-    EXPECT_TRUE(model.wantsSnapshot(START + 2 * SECOND));
-    snapshot(START + 2 * SECOND, {});
-    EXPECT_FALSE(model.wantsSnapshot(START + 9 * SECOND));
+TEST_F(ProcessModelTest, RefreshesAForkedProcessUntilItHasItsOwnName) {
+    const auto& delays = ProcessModel::REFRESH_DELAYS;
+    events(Create(START, 1, 6, "fork"), Create(START, 1, 7, "fork"));
+    EXPECT_THAT(due(START + delays[0] - 1), ElementsAre());
+    EXPECT_THAT(due(START + delays[0], 1), ElementsAre(6));
+    EXPECT_THAT(due(START + delays[0]), ElementsAre(7));
+    events(Rss(START + 5 * SECOND, 7, RSS_ANON, 3 * MIB));
+    model.refresh(7, Found(7, START + delays[0], "own"));
+    model.refresh(6, Found(6, START + delays[0], "fork"));
+    EXPECT_EQ(events(), "6 fork 1/5/10 7 own 1/5/3 ");
+    for (const int64_t delay : {delays[1], delays[2]}) {
+        EXPECT_THAT(due(START + delay), ElementsAre(6));
+        model.refresh(6, Found(6, START + delay, "fork"));
+    }
+    EXPECT_THAT(due(START + 99 * SECOND), ElementsAre());
 }
 
 TEST_F(ProcessModelTest, SortsFiltersAndScrolls) {
-    const int64_t read = START + 10 * SECOND;
     std::vector<ProcessSnapshot> found;
     for (int32_t pid = 1; pid <= 6; ++pid) {
-        found.push_back(Found(pid, read, pid % 2 == 0 ? "Even" : "odd"));
+        found.push_back(Found(pid, READ, pid % 2 == 0 ? "Even" : "odd", pid == 5 ? 9 : 4));
     }
-    found[2].memory[MEMORY_SHMEM] = MIB;
     found[3].openFds.reset();
-    found[4].threads = 9;
     found[5].isKernelThread = true;
     found[5].startTime = START - SECOND;
-    snapshot(read, found);
+    proc(READ, found);
+    model.advanceTo(READ + SECOND);
+    events(Rss(READ + SECOND, 4, RSS_ANON, 12 * MIB), Rss(READ + SECOND, 2, RSS_ANON, 9 * MIB));
+    const auto order = [this](const ViewRequest& request) {
+        std::string pids;
+        for (const ProcessRow& row : model.view(request).rows) {
+            pids += std::to_string(row.pid);
+        }
+        return pids + " ";
+    };
     // Equal ones by number, whichever way round.
-    EXPECT_THAT(order({}), ElementsAre(3, 1, 2, 4, 5, 6));
-    EXPECT_THAT(order({.isReversed = true}), ElementsAre(1, 2, 4, 5, 6, 3));
-    EXPECT_THAT(order({.sortKey = SortKey::THREADS}), ElementsAre(5, 1, 2, 3, 4, 6));
-    EXPECT_THAT(order({.sortKey = SortKey::FDS}), ElementsAre(1, 2, 3, 5, 6, 4));
-    EXPECT_THAT(order({.sortKey = SortKey::AGE, .isReversed = true}),
-                ElementsAre(6, 1, 2, 3, 4, 5));
-    EXPECT_THAT(order({.sortKey = SortKey::NAME}), ElementsAre(2, 4, 6, 1, 3, 5));
-    EXPECT_THAT(order({.sortKey = SortKey::PID, .withKernelThreads = false, .filter = "eVE"}),
-                ElementsAre(2, 4));
-    EXPECT_THAT(order({.filter = "5"}), ElementsAre(5));
-    EXPECT_THAT(order({.filter = "none"}), IsEmpty());
-
-    const ProcessView end = model.view({.sortKey = SortKey::PID, .firstRow = 99, .rowLimit = 4});
-    EXPECT_EQ(end.firstRow, 2U);
-    EXPECT_EQ(end.matching, 6U);
-    EXPECT_EQ(end.rows.front().pid, 3);
-    EXPECT_THAT(end.rows, SizeIs(4));
-    EXPECT_EQ(end.totals.processes, 5U);
-    EXPECT_EQ(end.totals.kernelThreads, 1U);
-
-    model.advanceTo(read + SECOND);
-    model.apply(Rss(4, read + SECOND, MEMORY_ANON, 12 * MIB));
-    model.apply(Rss(2, read + SECOND, MEMORY_ANON, 9 * MIB));
-    EXPECT_THAT(order({.sortKey = SortKey::CHANGE}), ElementsAre(4, 1, 3, 5, 6, 2));
-    EXPECT_EQ(row(2).change, -MIB);
+    std::string orders;
+    for (const Column* const column : OrderColumns()) {
+        orders += column->order.name + (" " + order({.order = column->order.compare})) +
+                  order({.order = column->order.compare, .isReversed = true});
+    }
+    EXPECT_EQ(orders,
+              "memory 413562 213564 change 413562 213564 threads 512346 123465 fds 123564 412356 "
+              "age 123456 612345 pid 123456 654321 name 246135 135246 ");
+    EXPECT_EQ(order({.withKernelThreads = false, .filter = "eVE"}) + order({.filter = "5"}) +
+                  order({.filter = "none"}) + order({.firstRow = 99, .rowLimit = 4}),
+              "24 5  3456 ");
+    EXPECT_EQ(model.view({}).totals.kernelThreads, 1U);
 }
 
 TEST_F(ProcessModelTest, PointsOutThreadStormsCrashLoopsAndGrowth) {
-    int64_t now = START + 10 * SECOND;
-    ProcessSnapshot next = Found(8, now, "crashd");
-    next.startTime = now + 15 * SECOND;
-    snapshot(now, {Found(6, now, "calm"), Found(7, now, "busy"), next, Found(9, now, "crashd")});
+    int64_t now = READ;
+    proc(now, {Found(6, now), Found(7, now), Found(8, now, "crashd", 1, now + 15 * SECOND)});
     for (int i = 0; i < 20; ++i) {
         now += SECOND;
         model.advanceTo(now);
-        for (int thread = 0; thread < 4; ++thread) {
-            model.apply(Create(7, now + thread, RAW_TASK_THREAD));
-            model.apply(Exit(7, now + thread, RAW_TASK_THREAD));
-        }
-        model.apply(Rss(7, now, MEMORY_FILE, i * MIB));
-        model.apply(Create(100 + i, now));
-        model.apply(Exit(100 + i, now + 3'000'000));
+        events(Began(now), Began(now), Began(now), Began(now), Rss(now, 7, RSS_FILE, i * MIB),
+               Create(now, 1, 9, "crashd"), Exit(now + 3'000'000, 9, "crashd"),
+               Create(now - 11 * SECOND, 1, 10, "long-lived"), Exit(now, 10, "long-lived"));
     }
-    EXPECT_EQ(row(7).newThreads, 40);
-    EXPECT_EQ(row(7).threads, 4);
-    EXPECT_TRUE(row(7).isGrowing);
-    EXPECT_EQ(row(7).change, 19 * MIB);
-    EXPECT_EQ(row(6).newThreads, 0);
-    EXPECT_FALSE(row(6).isGrowing);
-    EXPECT_EQ(row(8).youngExits, 20U);
-    EXPECT_EQ(row(9).youngExits, 0U);  // too old to be one of them
-    ASSERT_THAT(model.view({}).loops, SizeIs(1));
-    EXPECT_EQ(model.view({}).loops[0].name, "crashd");
-    EXPECT_EQ(model.view({}).loops[0].lastLifetime, 3'000'000);
-    EXPECT_NEAR(model.view({}).totals.forksPerSecond, 1, 0.01);
-    EXPECT_NEAR(model.view({}).totals.recordsPerSecond, 11, 0.01);
-
+    EXPECT_EQ(events(),
+              "6 found 4/5/10 7 found 84/5/29 storm grows 8 crashd 1/5/10 loop crashd 20x 3000000");
+    EXPECT_NEAR(model.view({}).totals.forksPerSecond, 2, 0.01);
     model.advanceTo(now + 70 * SECOND);
-    EXPECT_EQ(row(7).newThreads, 0);
-    EXPECT_FALSE(row(7).isGrowing);
-    EXPECT_EQ(row(8).youngExits, 0U);
-    EXPECT_THAT(model.view({}).loops, IsEmpty());
-    EXPECT_EQ(model.view({}).totals.forksPerSecond, 1.0 / 70);
+    EXPECT_EQ(events(), "6 found 4/5/10 7 found 84/5/29 8 crashd 1/5/10 ");
 }
 
-TEST(SampleHistory, KeepsTheLastMinuteAndFillsWhatNobodyLookedAt) {
-    SampleHistory history;
-    EXPECT_THAT(history.upTo(5), IsEmpty());
-    history.record(5, 1);
-    history.record(5, 2);
-    history.record(8, 7);
-    EXPECT_THAT(history.upTo(9), ElementsAre(2, 2, 2, 7, 7));
-    EXPECT_EQ(history.rise(9, 1), 0);
-    EXPECT_EQ(history.rise(9, 99), 5);
-    // A second that comes late counts as the newest.
-    history.record(6, 3);
-    EXPECT_THAT(history.upTo(9), ElementsAre(2, 2, 2, 7, 3));
-    history.record(1'000'000, 4);
-    EXPECT_THAT(history.upTo(1'000'001), SizeIs(HISTORY_SAMPLES));
-    EXPECT_EQ(history.rise(1'000'001, 99), 1);
-}
-
-TEST(SampleHistory, TellsGrowthFromAJumpAPlateauAndASaw) {
-    constexpr uint32_t KIB_PER_MIB = 1024;
-    std::vector<uint32_t> steps;
-    std::vector<uint32_t> jump(40, KIB_PER_MIB);
-    std::vector<uint32_t> saw;
-    std::vector<uint32_t> slight;
-    for (uint32_t i = 0; i < 40; ++i) {
-        steps.push_back((10 + i / 4) * KIB_PER_MIB);
-        saw.push_back((10 + i % 20) * KIB_PER_MIB);
-        slight.push_back(1000 * KIB_PER_MIB + i * KIB_PER_MIB);
-    }
-    jump.back() = 100 * KIB_PER_MIB;
-    saw.push_back(15 * KIB_PER_MIB);
-    EXPECT_TRUE(IsGrowing(steps));
-    EXPECT_FALSE(IsGrowing(jump));
-    EXPECT_FALSE(IsGrowing(saw));
-    EXPECT_FALSE(IsGrowing(slight));
-    steps.insert(steps.end(), 10, steps.back());
-    EXPECT_FALSE(IsGrowing(steps));
-    EXPECT_FALSE(IsGrowing({}));
-}
-
-TEST(YoungExits, CountsWithinItsWindowAndStaysBounded) {
-    YoungExits exits;
-    exits.note("a", 1, 10);
-    exits.note("a", 1, 20 * SECOND);
-    EXPECT_EQ(exits.exitsOf("a", 20 * SECOND), 0U);  // no loop yet
-    exits.note("a", YoungExits::YOUNG + 1, 20 * SECOND);
-    exits.note("a", -1, 20 * SECOND);
-    EXPECT_EQ(exits.exitsOf("a", 20 * SECOND), 0U);
-    exits.note("a", 5, 40 * SECOND);
-    exits.note("a", 6, 39 * SECOND);
-    EXPECT_EQ(exits.exitsOf("a", 41 * SECOND), 4U);
-    EXPECT_EQ(exits.exitsOf("a", 75 * SECOND), 3U);
-    EXPECT_EQ(exits.exitsOf("a", 85 * SECOND), 0U);
-    // Any number of names; the loop among them is kept.
-    for (int i = 0; i < 3; ++i) {
-        exits.note("loop", 1, 90 * SECOND);
-    }
-    for (int i = 0; i < 10000; ++i) {
-        exits.note("name" + std::to_string(i), 1, 91 * SECOND);
-    }
-    EXPECT_EQ(exits.exitsOf("loop", 91 * SECOND), 3U);
-}
-
-TEST(ProcSnapshot, ReadsStatWhateverTheName) {
-    const std::string rest =
-        " S 12 7 7 0 -1 4194560 1 2 3 4 5 6 7 8 20 0 33 0 12345 99 88 rest of it\n";
-    for (const std::string name : {"a b", "x) S 1 (y", "line\nend", "", ")", "("}) {
-        const std::string text = "4711 (" + name + ")" + rest;
-        const auto stat = ParseProcStat(text);
-        ASSERT_TRUE(stat) << name;
-        EXPECT_EQ(stat->name, name);
-        EXPECT_THAT(
-            (std::vector<int64_t>{stat->pid, stat->ppid, stat->threadNum, stat->startTicks}),
-            ElementsAre(4711, 12, 33, 12345));
-    }
-    EXPECT_FALSE(ParseProcStat("4711 (bash) S 12 7 7 0 -1 4194560 1 2 3 4 5 6 7 8 20 0 33 0 "));
-}
-
-class FakeProc : public testing::Test {
-  protected:
-    FakeProc() {
-        char path[] = "/tmp/tesubpf.proc.XXXXXX";
-        root = mkdtemp(path);
-    }
-    ~FakeProc() override { std::filesystem::remove_all(root); }
-
-    void write(const std::string& file, const std::string& text) const {
-        std::filesystem::create_directories((root / file).parent_path());
-        std::ofstream(root / file) << text;
-    }
-
-    std::filesystem::path root;
-};
-
-TEST_F(FakeProc, FindsWhatIsWholeAndSkipsTheRest) {
-    const std::string rest = ") Z 1 7 7 0 -1 4 1 2 3 4 5 6 7 8 20 0 2 0 12345 99 88\n";
-    write("20/stat", "20 (a b" + rest);
-    write("20/status", "Uid:\t5\nRssAnon:\t4 kB\n");
-    write("20/fd/0", "");
-    write("20/fd/7", "");
-    write("21/stat", "");              // ended since it was listed
-    write("22/stat", "23 (x" + rest);  // another's
-    write("24/status", "Uid:\t5\n");
-    write("self/stat", "20 (a b" + rest);
-    write("99999999999/stat", "1 (a" + rest);
-    write("stat", "cpu 1 2 3");
-    write("25/stat", "25 (kthread) S 2 0 0 0 -1 2129984 1 2 3 4 5 6 7 8 20 0 1 0 5 0\n");
-    ProcReader reader(root);
-    std::vector<ProcessSnapshot> found;
-    ASSERT_TRUE(reader.readAll(&found));
-    ASSERT_THAT(found, SizeIs(2));
-    const ProcessSnapshot& process = found[found[0].pid == 20 ? 0 : 1];
-    EXPECT_EQ(process.name, "a b");
-    EXPECT_EQ(process.memory[MEMORY_ANON], 4096);
-    EXPECT_TRUE(process.isEnding);
-    EXPECT_TRUE(process.openFds.has_value());
-    EXPECT_TRUE(found[found[0].pid == 25 ? 0 : 1].isKernelThread);
-    EXPECT_FALSE(ProcReader(root / "none").readAll(&found));
-}
-
-TEST_F(FakeProc, ReadsThisProcessFromTheRealOne) {
-    if (!EmulatorCommand().empty()) {
-        GTEST_SKIP() << "the emulator makes its own /proc/self/stat, without threads";
-    }
-    const std::optional<ProcessSnapshot> self = ProcReader().read(getpid());
-    ASSERT_TRUE(self.has_value());
-    EXPECT_EQ(self->ppid, getppid());
-    EXPECT_EQ(self->threads, 1);
-    EXPECT_EQ(self->uid, static_cast<int32_t>(getuid()));
-    EXPECT_GT(self->memory[MEMORY_ANON], 0);
-    EXPECT_GE(self->openFds.value_or(0), 3);
-    EXPECT_LT(self->startTime, self->readTime);
-    EXPECT_GT(self->startTime, self->readTime - 300 * SECOND);
+TEST(SampleHistory, DistinguishesGrowthFromAJumpASawAPlateauAndATrifle) {
+    const auto grows = [](uint32_t (*mebibytes)(uint32_t second)) {
+        std::vector<uint32_t> sizes;
+        for (uint32_t second = 0; second < 40; ++second) {
+            sizes.push_back(mebibytes(second) * 1024);
+        }
+        return IsGrowing(sizes);
+    };
+    EXPECT_TRUE(grows([](uint32_t second) { return 10 + second / 4; }));
+    EXPECT_FALSE(grows([](uint32_t second) { return second == 39 ? 100U : 10; }));
+    EXPECT_FALSE(grows([](uint32_t second) { return 10 + second % 19; }));
+    EXPECT_FALSE(grows([](uint32_t second) { return 10 + std::min(second, 25U) / 4; }));
+    EXPECT_FALSE(grows([](uint32_t second) { return 1000 + second; }));
 }
 
 }  // namespace

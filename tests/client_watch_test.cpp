@@ -6,29 +6,24 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <random>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "records/raw_event.h"
 #include "tests/support/child_process.h"
 #include "tests/support/fake_service.h"
+#include "tests/support/records.h"
 
 namespace Tesu::Bpf {
 namespace {
 
-using testing::ElementsAre;
 using testing::HasSubstr;
 
-std::string ExitEvent(int32_t pid) {
-    const RawTaskExitEvent record{.header = {.type = RAW_EVENT_TASK_EXIT, .padding = 0, .time = 0},
-                                  .pid = pid,
-                                  .comm = {},
-                                  .taskType = RAW_TASK_PROCESS};
-    return {reinterpret_cast<const char*>(&record), sizeof(record)};
+std::string ExitOf(int32_t pid) {
+    return Bytes(Exit(0, pid, "name"));
 }
 
 class WatchTest : public testing::Test {
@@ -40,24 +35,25 @@ class WatchTest : public testing::Test {
     }
 
     const std::string name = FakeService::uniqueName();
-    std::unique_ptr<FakeService> service = std::make_unique<FakeService>(name);
+    std::optional<FakeService> service{std::in_place, name};
 };
 
 TEST_F(WatchTest, PrintsEachEventOnceInOrderHoweverItIsCut) {
-    constexpr int COUNT = 300;
+    constexpr uint32_t COUNT = 180;  // lines, of less than 300 bytes, that fit a pipe
     constexpr size_t LARGEST = 32768 - 12;
     ChildProcess client(watch({"--json", "--count", std::to_string(COUNT)}));
-    EXPECT_THAT(service->acceptClient(2), ElementsAre(2, 3));
+    EXPECT_EQ(service->acceptClient(2), (std::vector<uint32_t>{2, 3}));
     std::mt19937 random(1);
     std::string stream;
     std::string sent;
-    for (uint32_t i = 0; i < COUNT + 20; ++i) {
-        // Of unknown types; odd sizes leave most of them unaligned.
-        std::string event = WireClient::word(100000 + i);
-        event.resize(i % 50 == 7 ? LARGEST : 4 + random() % (i % 3 == 0 ? 20000 : 90), 'x');
+    for (uint32_t type = 1000; type < 1000 + COUNT + 20; ++type) {
+        // Odd sizes leave most of them unaligned.
+        std::string event = WireClient::word(type);
+        event.resize(type % 50 == 7 ? LARGEST : 4 + random() % (type % 3 == 0 ? 20000 : 90), 'x');
         stream += WireClient::frame(3, event);
-        sent +=
-            i < COUNT ? std::to_string(100000 + i) + ":" + std::to_string(event.size()) + " " : "";
+        if (type < 1000 + COUNT) {
+            sent += std::to_string(type) + ":" + std::to_string(event.size()) + " ";
+        }
     }
     for (size_t at = 0, size = 0; at < stream.size(); at += size) {
         size = 1 + random() % (random() % 4 == 0 ? 60000 : 100);
@@ -75,39 +71,35 @@ TEST_F(WatchTest, PrintsEachEventOnceInOrderHoweverItIsCut) {
 }
 
 TEST_F(WatchTest, SaysWhatIsRefusedAndEndsOnASignal) {
-    struct {
-        std::vector<uint32_t> refused;
-        int signal;
-        int status;
-    } const cases[] = {{{2, 3}, SIGINT, 1}, {{3}, SIGTERM, 0}};
-    for (const auto& [refused, signal, status] : cases) {
+    for (const int signal : {SIGINT, SIGTERM}) {
+        const bool isAllRefused = signal == SIGINT;
         ChildProcess client(watch({"--seconds", "1000"}));
-        service->acceptClient(2, refused);
+        service->acceptClient(2, {3, isAllRefused ? 2U : 3U});
         EXPECT_TRUE(client.waitForError("refused the subscription to event type 3"));
-        service->sendEvent(ExitEvent(4711));
+        service->sendEvent(ExitOf(4711));
         EXPECT_TRUE(client.waitForOutput("4711"));
         client.sendSignal(signal);
-        EXPECT_EQ(client.waitForExit(), status);
+        EXPECT_EQ(client.waitForExit(), isAllRefused ? 1 : 0);
     }
 }
 
 TEST_F(WatchTest, ConnectsAgainWhateverBecameOfTheConnection) {
     ChildProcess client(watch({"--type", "exit"}));
     service->acceptClient(1);
-    service->sendEvent(ExitEvent(101));
-    service->sendBytes(WireClient::word(7));
+    service->sendEvent(ExitOf(101));
+    service->sendBytes(WireClient::word(7));  // no frame is as short
     EXPECT_TRUE(client.waitForError("does not speak the protocol"));
-    EXPECT_THAT(service->acceptClient(1), ElementsAre(3));
-    service->sendEvent(ExitEvent(102));
+    EXPECT_THAT(client.output, HasSubstr("101"));
+    service->acceptClient(1);
+    service->sendEvent(ExitOf(102));
     EXPECT_TRUE(client.waitForOutput("102"));
 
     service.reset();
     EXPECT_TRUE(client.waitForError("no daemon is listening on @" + name));
-    service = std::make_unique<FakeService>(name);
-    EXPECT_THAT(service->acceptClient(1), ElementsAre(3));
-    service->sendEvent(ExitEvent(103));
+    service.emplace(name);
+    service->acceptClient(1);
+    service->sendEvent(ExitOf(103));
     EXPECT_TRUE(client.waitForOutput("103"));
-    EXPECT_THAT(client.output, HasSubstr("101"));
 }
 
 TEST_F(WatchTest, EndsWhateverTheReaderOfItsOutputDoes) {
@@ -119,12 +111,12 @@ TEST_F(WatchTest, EndsWhateverTheReaderOfItsOutputDoes) {
             client.closeOutput();  // no event is needed for it
         } else {
             client.holdOutput();
-            std::string stream;
-            for (int32_t pid = 1; pid <= 1200; ++pid) {
-                stream += WireClient::frame(3, ExitEvent(pid));
+            std::string events;
+            while (events.size() < 60000) {
+                events += WireClient::frame(3, ExitOf(4711));
             }
-            service->sendBytes(stream);
-            // The rest does not fit the pipe, whose 64 KiB are not used to the last byte.
+            // Makes more lines than a pipe holds; its 64 KiB are not used to the last byte.
+            service->sendBytes(events);
             ASSERT_TRUE(WaitUntil([&] { return client.heldOutput() > 16384; }));
             client.sendSignal(SIGTERM);
         }
@@ -133,9 +125,10 @@ TEST_F(WatchTest, EndsWhateverTheReaderOfItsOutputDoes) {
 }
 
 TEST_F(WatchTest, FailsWhenNobodyListens) {
-    ChildProcess client({TESUBPF_PATH, "watch", "--socket", name + ".absent", "--seconds", "0.3"});
+    service.reset();
+    ChildProcess client(watch({"--seconds", "0.3"}));
     EXPECT_EQ(client.waitForExit(), 1);
-    EXPECT_THAT(client.error, HasSubstr("no daemon is listening on @" + name + ".absent"));
+    EXPECT_THAT(client.error, HasSubstr("no daemon is listening on @" + name));
 }
 
 }  // namespace

@@ -16,7 +16,7 @@
 
 #include "loader/load_set.h"
 #include "loader/pin_set.h"
-#include "tests/support/pins.h"
+#include "tests/support/kernel.h"
 #include "tests/support/sandbox.h"
 #include "tests/support/temp_dir.h"
 
@@ -50,7 +50,7 @@ class LoaderTest : public KernelTest {
     static uint32_t ringMapId() {
         bpf_map_info info = {};
         uint32_t size = sizeof(info);
-        bpf_obj_get_info_by_fd(OpenPinnedMap(PinnedRing::CORE, "ringbuf_map").get(), &info, &size);
+        bpf_obj_get_info_by_fd(OpenPin(CORE_RING_MAP).get(), &info, &size);
         return info.id;
     }
 };

@@ -2,6 +2,7 @@
 //
 // What the programs' maps hold of an earlier service is forgotten: of tasks that went through an
 // exec, or whose ids are in use again, while no service ran.
+#include <bcc/libbpf.h>
 #include <bpf/bpf.h>
 #include <gtest/gtest.h>
 #include <linux/sched.h>
@@ -12,9 +13,9 @@
 #include <csignal>
 #include <set>
 
+#include "records/contract.h"
 #include "records/read_prefix.h"
-#include "tests/support/running_service.h"
-#include "tests/support/wire_client.h"
+#include "tests/support/kernel.h"
 
 namespace Tesu::Bpf {
 namespace {
@@ -51,28 +52,34 @@ void End(pid_t pid) {
     ASSERT_EQ(waitpid(pid, nullptr, 0), pid);
 }
 
-class ServiceRestartTest : public RunningServiceTest {};
+android::base::unique_fd Attach(const char* program, const char* category, const char* event) {
+    const auto fd = OpenPin(program);
+    return android::base::unique_fd(bpf_attach_tracepoint(fd.get(), category, event));
+}
+
+using ServiceRestartTest = ServiceTest;
 
 TEST_F(ServiceRestartTest, KnowsNothingOfWhatAnEarlierServiceSaw) {
-    std::string messages;
-    ASSERT_TRUE(LoadPins({}, &messages)) << messages;
-    SetRingFlags(PinnedRing::CORE, FLAG_CORE_ENABLED);
-    auto attached = AttachPinnedTracepoint(PinnedRing::CORE, "kmem_rss_stat");
+    ASSERT_NO_FATAL_FAILURE(load());
+    SetRingFlags(RING_CORE, FLAG_CORE_ENABLED);
+    auto attached =
+        Attach("prog_" TESU_CORE_OBJECT "_tracepoint_kmem_rss_stat", "kmem", "rss_stat");
     const pid_t execs = StartShell(GROW STOP "exec sh -c '" STOP GROW STOP "'");
     const pid_t reused = StartShell(GROW STOP);
-    attached = AttachPinnedTracepoint(PinnedRing::CORE, "sched_sched_process_fork");
+    attached = Attach("prog_" TESU_CORE_OBJECT "_tracepoint_sched_sched_process_fork", "sched",
+                      "sched_process_fork");
     const pid_t unborn = StartShell(STOP);  // has not come to its create record
     attached.reset();
 
     uint64_t value[4] = {};
-    const auto exits = OpenPinnedMap(PinnedRing::CORE, "process_exit_written");
-    const auto totals = OpenPinnedMap(PinnedRing::GPL, "dmabuf_size_map");
+    const auto exits = OpenPin(TESU_CORE_MAP("process_exit_written"));
+    const auto totals = OpenPin(DMABUF_SIZE_MAP);
     for (const auto* map : {&exits, &totals}) {
         ASSERT_EQ(bpf_map_update_elem(map->get(), &reused, value, BPF_ANY), 0);
     }
-    const auto pending = OpenPinnedMap(PinnedRing::CORE, "task_create_pending");
+    const auto pending = OpenPin(TESU_CORE_MAP("task_create_pending"));
     ASSERT_EQ(bpf_map_lookup_elem(pending.get(), &unborn, value), 0);
-    const auto mms = OpenPinnedMap(PinnedRing::CORE, "process_mm");
+    const auto mms = OpenPin(TESU_CORE_MAP("process_mm"));
     ASSERT_EQ(bpf_map_lookup_elem(mms.get(), &reused, value), 0);
 
     kill(execs, SIGCONT);
@@ -84,10 +91,8 @@ TEST_F(ServiceRestartTest, KnowsNothingOfWhatAnEarlierServiceSaw) {
     ASSERT_NO_FATAL_FAILURE(startService({}, "6.1"));
     EXPECT_NE(bpf_map_lookup_elem(totals.get(), &reused, value), 0);
     WireClient client;
-    ASSERT_TRUE(client.connectTo(SOCKET));
-    for (const int32_t type : {RAW_EVENT_TASK_CREATE, RAW_EVENT_TASK_EXIT, RAW_EVENT_RSS_STAT}) {
-        ASSERT_EQ(client.subscribe(type), 0);
-    }
+    ASSERT_NO_FATAL_FAILURE(
+        subscribe(&client, {RAW_EVENT_TASK_CREATE, RAW_EVENT_TASK_EXIT, RAW_EVENT_RSS_STAT}));
     std::set<pid_t> living = {execs, reused, unborn};
     for (const pid_t pid : living) {
         kill(pid, SIGCONT);

@@ -29,12 +29,15 @@ constexpr std::chrono::seconds PATIENCE{5};
 // Between two looks at the file.
 constexpr std::chrono::milliseconds STEP{20};
 
-// Whether the process has a handler for the signal; without one a real-time signal ends it. One that
-// has ended has none.
+// Whether the process lives and has a handler for the signal; without one a real-time signal ends
+// it.
 bool Catches(pid_t process, int signal) {
-    std::string status;
-    return ReadProcFile(ProcPath("/proc", std::to_string(process), "status"), &status) &&
-           (ParseProcStatus(status).caughtSignals >> (signal - 1) & 1) != 0;
+    std::string text;
+    if (!ReadProcFile(ProcPath("/proc", std::to_string(process), "status"), &text)) {
+        return false;
+    }
+    const ProcStatus status = ParseProcStatus(text);
+    return !status.isZombie && (status.caughtSignals >> (signal - 1) & 1) != 0;
 }
 
 bool IsSameFile(int first, int second) {
@@ -62,7 +65,7 @@ bool IsOfKind(DumpSignal kind, const std::string& text) {
            (!withKernelTasks || std::count(text.begin() + rows, text.end(), '\n') > count);
 }
 
-// None when it was none of the wanted kind, or a signal came.
+// The text of the first file of the wanted kind that is not `old`; none when a signal came.
 Result<std::optional<std::string>> AwaitFile(pid_t service, DumpSignal kind,
                                              const std::string& path, unique_fd old,
                                              const TerminationSignals& signals) {
@@ -75,6 +78,10 @@ Result<std::optional<std::string>> AwaitFile(pid_t service, DumpSignal kind,
         if (fd.ok() && !IsSameFile(fd.get(), old.get())) {
             if (android::base::ReadFdToString(fd.get(), &text) && IsOfKind(kind, text)) {
                 return text;
+            }
+            // Somebody else's, which may have replaced ours.
+            if (!hasEnded) {
+                kill(service, kind);
             }
             old = std::move(fd);
         }

@@ -29,18 +29,14 @@ int inject(struct InjectRequest* request) {
     struct InjectedRecord* record = bpf_map_lookup_elem(&injected_record, &key);
     const uint32_t size = request->size;
     const uint32_t count = request->count;
-    const uint32_t isSequence = request->isSequence;
-    const uint64_t first = request->firstSequence;
     void* ring = CurrentRing();
     if (ring == NULL || record == NULL || size < sizeof(struct RawEventHeader) ||
         size > INJECT_MAX_BYTES) {
         return -1;
     }
     request->refused = 0;
+    request->address = (uint64_t)record;
     for (uint32_t i = 0; i < INJECT_BATCH && i < count; ++i) {
-        if (isSequence) {
-            record->header.time = first + i;
-        }
         // Verifiers of 6.1 forget the bounds of a number that was put on the stack meanwhile.
         uint64_t bounded = size;
         asm volatile("" : "+r"(bounded));
@@ -51,16 +47,8 @@ int inject(struct InjectRequest* request) {
             ReportFullRing(ring);
             ++request->refused;
         }
+        ++record->header.time;
     }
-    return 0;
-}
-
-// Where the kernel keeps the injected record: memory that a test can fill and a program can read as
-// if it were a structure of the kernel.
-SEC("syscall")
-int scratch_address(struct ScratchRequest* request) {
-    const uint32_t key = 0;
-    request->address = (uint64_t)bpf_map_lookup_elem(&injected_record, &key);
     return 0;
 }
 

@@ -12,20 +12,17 @@ namespace Tesu::Bpf {
 #include <stdint.h>
 #endif
 
+/* Of a record, and of the kernel memory that holds it. */
 #define INJECT_MAX_BYTES 65536
 /* Records of one run of the program; the verifier follows every turn of the loop. */
 #define INJECT_BATCH 256
 
 struct InjectRequest {
-    uint64_t firstSequence; /* in */
-    uint32_t isSequence;    /* in: number the records in their header's time */
-    uint32_t size;          /* in: bytes of each record, 16 to INJECT_MAX_BYTES */
-    uint32_t count;         /* in: at most INJECT_BATCH */
-    uint32_t refused;       /* out: how many found the buffer full */
-};
-
-struct ScratchRequest {
-    uint64_t address; /* out: kernel address of the scratch memory */
+    uint32_t size;    /* in: bytes of each record, 16 to INJECT_MAX_BYTES */
+    uint32_t count;   /* in: copies of the record, their times rising by 1; at most INJECT_BATCH */
+    uint32_t refused; /* out: how many found the buffer full */
+    uint32_t padding;
+    uint64_t address; /* out: of the record in kernel memory */
 };
 
 #ifdef __cplusplus

@@ -20,7 +20,8 @@
 
 class FakeService {
   public:
-    explicit FakeService(const std::string& name) : listener(socket(AF_UNIX, SOCK_STREAM, 0)) {
+    explicit FakeService(const std::string& name)
+        : listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
         std::memcpy(address.sun_path + 1, name.data(), name.size());
         const size_t size = offsetof(sockaddr_un, sun_path) + 1 + name.size();

@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// `tesubpf top`: a live view of the processes, by memory or whatever the user looks for.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "client/model/process_model.h"
+#include "util/termination_signals.h"
+
+namespace Tesu::Bpf {
+
+struct TopOptions {
+    std::string socketName;
+    std::string procRoot = "/proc";
+    bool isBatch = false;           // one snapshot as text instead of a screen
+    std::optional<double> seconds;  // how long; a batch run prints at the end of it
+    bool colour = false;
+    ViewRequest view;  // what to show, at first
+};
+
+enum TopStatus {
+    TOP_OK = 0,
+    TOP_NOT_SERVED = 1,  // a batch run that had no service to listen to
+    TOP_FAILED = 3,      // no terminal, no /proc, or the output could not be written
+};
+
+// Returns a TopStatus. Blocks further signals in the calling thread, for good.
+int RunTop(const TopOptions& options, const TerminationSignals& signals);
+
+}  // namespace Tesu::Bpf

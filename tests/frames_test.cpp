@@ -1,0 +1,111 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// How each side cuts a stream of bytes into packages: the service its requests, a client its
+// replies and events. A stream comes in pieces of any size, and may be anything.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "ipc/frame_reader.h"
+#include "ipc/ipc_package_handler.h"
+#include "tests/support/wire_client.h"
+
+namespace Tesu::Bpf {
+namespace {
+
+constexpr int CAPACITY = 512;
+
+struct Outcome {
+    std::vector<std::string> packages;  // as frames
+    bool isOutOfStep = false;           // the reader has given up
+    size_t consumed = 0;
+    bool operator==(const Outcome&) const = default;
+};
+
+// Reads what is there, from the cursor on; false when it gives up.
+using Reader = bool (*)(BufferState*, Outcome*);
+
+bool ReadAsService(BufferState* buffer, Outcome* outcome) {
+    const auto take = [&](int, const char* body, int length, BufferState*) {
+        outcome->packages.push_back(WireClient::frame(0, {body, static_cast<size_t>(length)}));
+        return 0;
+    };
+    return IpcPackageHandler({{0, take}}).handleAllIpcPackageInBuffer(0, buffer, nullptr);
+}
+
+bool ReadAsClient(BufferState* buffer, Outcome* outcome) {
+    auto package = TakePackage(buffer);
+    for (; package && *package; package = TakePackage(buffer)) {
+        outcome->packages.push_back(
+            WireClient::frame((*package)->type, {(*package)->body, (*package)->length}));
+    }
+    return package.ok();
+}
+
+// Whatever is received lies in a block of exactly its size, so that a read past it is found.
+Outcome Receive(Reader reader, const std::string& stream, const std::function<size_t()>& nextSize) {
+    Outcome outcome;
+    for (size_t end = 0; end < stream.size() && !outcome.isOutOfStep;) {
+        end = std::min(stream.size(), end + nextSize());
+        const size_t length = end - outcome.consumed;
+        const std::unique_ptr<char[]> block(new char[length]);
+        std::memcpy(block.get(), stream.data() + outcome.consumed, length);
+        BufferState buffer{
+            .length = static_cast<int>(length), .capacity = CAPACITY, .data = block.get()};
+        outcome.isOutOfStep = !reader(&buffer, &outcome);
+        outcome.consumed += static_cast<size_t>(buffer.cursor);
+    }
+    return outcome;
+}
+
+class FramesTest : public testing::TestWithParam<Reader> {};
+INSTANTIATE_TEST_SUITE_P(BothSides, FramesTest, testing::Values(ReadAsService, ReadAsClient));
+
+TEST_P(FramesTest, AnyPieceOfAnyStreamIsReadAlike) {
+    std::mt19937_64 random(1);
+    const auto pick = [&](size_t count) { return static_cast<size_t>(random() % count); };
+    for (int i = 0; i < 20000; ++i) {
+        const bool isHostile = i % 4 != 0;
+        std::vector<std::string> frames;
+        std::string stream;
+        for (size_t left = pick(6); left > 0; --left) {
+            const uint32_t types[] = {0, 1, 3, 7, 0x80000000, 0xffffffff};
+            const uint32_t type = GetParam() == ReadAsService && !isHostile ? 0 : types[pick(6)];
+            frames.push_back(WireClient::frame(type, std::string(pick(60), 'x')));
+            stream += frames.back();
+            if (isHostile && pick(3) == 0) {
+                const auto size = static_cast<uint32_t>(frames.back().size());
+                const uint32_t words[] = {0,        3,        7,          8,          size - 13,
+                                          size - 3, CAPACITY, 0x7fffffff, 0xfffffff8, 0xffffffff};
+                stream.replace(stream.size() - size + pick(2) * 8, 4,
+                               WireClient::word(words[pick(10)]));
+            }
+        }
+        stream.resize(stream.size() - (isHostile ? std::min(stream.size(), pick(20)) : 0));
+        const Outcome whole = Receive(GetParam(), stream, [&] { return stream.size(); });
+        ASSERT_EQ(Receive(GetParam(), stream, [&] { return 1 + pick(40); }), whole) << i;
+        ASSERT_TRUE(isHostile || whole == (Outcome{frames, false, stream.size()})) << i;
+    }
+}
+
+TEST(ClientFramesTest, GivesUpFramesThatCannotBe) {
+    constexpr auto word = WireClient::word;
+    const std::string good = WireClient::frame(3, "good");
+    for (const std::string& bad :
+         {word(0), word(7) + word(3), word(0xffffffff) + word(3), word(0x80000000),
+          word(CAPACITY - 3), word(16) + word(3) + word(9) + "12345678",
+          word(16) + word(3) + word(7) + "12345678", word(8) + word(3) + word(0xffffffff)}) {
+        const Outcome outcome = Receive(ReadAsClient, good + bad, [] { return CAPACITY; });
+        EXPECT_EQ(outcome, (Outcome{{good}, true, good.size()})) << testing::PrintToString(bad);
+    }
+    const std::string largest = WireClient::frame(3, std::string(CAPACITY - 12, 'x'));
+    EXPECT_EQ(Receive(ReadAsClient, largest, [] { return 1; }),
+              (Outcome{{largest}, false, CAPACITY}));
+}
+
+}  // namespace
+}  // namespace Tesu::Bpf

@@ -1,0 +1,154 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Limits that no machine meets, and races and failures that no machine shows.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "ipc/ipc_package.h"
+#include "ipc/unix_ipc_manager.h"
+#include "ipc/unix_socket.h"
+#include "tests/support/wait_until.h"
+#include "tests/support/wire_client.h"
+#include "util/time_util.h"
+
+namespace {
+
+// A system call that fails with `error`, unless that is 0, and how often it has.
+struct FailingCall {
+    std::atomic<int> error{0};
+    std::atomic<int> count{0};
+
+    template <class... Arguments>
+    int make(long number, Arguments... arguments) {
+        if ((errno = error) != 0) {
+            ++count;
+            return -1;
+        }
+        return static_cast<int>(syscall(number, arguments...));
+    }
+} accepting, timing, watching;
+
+}  // namespace
+
+extern "C" int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
+    return accepting.make(SYS_accept4, fd, address, length, flags);
+}
+extern "C" int timerfd_create(int clock, int flags) noexcept {
+    return timing.make(SYS_timerfd_create, clock, flags);
+}
+extern "C" int epoll_ctl(int epollFd, int operation, int fd, epoll_event* event) noexcept {
+    static FailingCall others;
+    return (operation == EPOLL_CTL_ADD ? watching : others)
+        .make(SYS_epoll_ctl, epollFd, operation, fd, event);
+}
+
+namespace Tesu::Bpf {
+namespace {
+
+TEST(InterfaceTest, LimitsOfTimesAndDifferences) {
+    std::istringstream late("cpu 1\nbtime 4294967296\n");
+    EXPECT_EQ(ParseBootTime(late, 0), 4294967296) << "past 32 bits";
+    EXPECT_EQ(NarrowNanoseconds(2, 999999999), 2999999999U - 4294967296ULL);
+    EXPECT_EQ(SubAbs(LLONG_MIN, 0), LLONG_MAX);
+    EXPECT_EQ(SubAbs(-3, 4), 7);
+}
+
+TEST(InterfaceTest, ARequestDuringTheWriteCallbackIsServed) {
+    const android::base::unique_fd writable(eventfd(0, EFD_CLOEXEC));
+    std::atomic<int> writes{0};
+    EpollManager manager(10, 32, {}, "EpollTest", -1);
+    EpollCallback callbacks;
+    callbacks.writeCallback = [&](epoll_event event) {
+        // A producer comes after the callback has looked and before the loop disarms.
+        EXPECT_TRUE(++writes != 1 || manager.notifyWriteEventReady(event.data.fd));
+        return EPOLL_RESULT_NOTHING_LEFT;
+    };
+    ASSERT_TRUE(manager.addMonitorFd(writable.get(), callbacks));
+    ASSERT_TRUE(manager.notifyWriteEventReady(writable.get()));
+    manager.start();
+    EXPECT_TRUE(WaitUntil([&] { return writes == 2; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(writes, 2) << "then write readiness is off";
+}
+
+TEST(InterfaceTest, WritingNowMeetsConnectionsThatComeAndGo) {
+    const std::string name = "/tesubpf-test/" + std::to_string(getpid());
+    const std::string text(100, 'x');
+    std::atomic<int> lastClient{-1};
+    std::atomic<unsigned> writes{0};
+    IpcHandlerState handlers;
+    handlers.connection = [&](int fd) { lastClient = fd; };
+    handlers.writeable = [&](int, BufferState* out) {
+        const std::string bytes = ++writes % 2 == 0 ? WireClient::frame(3, text) : "";
+        out->length = static_cast<int>(bytes.copy(out->data, bytes.size()));
+        return 0;
+    };
+    UnixIpcManager server(true, IPC_BUFFER_SIZE, name, handlers, "IpcTest", 10, 32);
+    server.start();
+    const std::jthread writer([&](const std::stop_token& done) {
+        while (!done.stop_requested()) {
+            server.writeDataNow(lastClient);
+        }
+    });
+    WireClient client;
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_TRUE(client.connectTo(name));
+        EXPECT_EQ(client.next().value_or(WireClient::Package()).body, text);
+    }
+}
+
+TEST(InterfaceTest, AServerTriesAgainWhateverFailsAndDoesNotSpin) {
+    const std::string name = "/tesubpf-test/" + std::to_string(getpid());
+    std::atomic<int> connections{0};
+    IpcHandlerState handlers;
+    handlers.connection = [&](int) { ++connections; };
+    android::base::unique_fd holder(CreateNonblockingServerSocket(name.c_str()));
+    UnixIpcManager server(true, IPC_BUFFER_SIZE, name, handlers, "IpcTest", 10, 32);
+    timing.error = EMFILE;
+    server.start();
+    EXPECT_TRUE(WaitUntil([] { return timing.count > 1; }));
+    holder.reset();
+    WireClient clients[2];
+    ASSERT_TRUE(clients[0].connectTo(name)) << "a taken name, and no timer to wait with";
+    EXPECT_TRUE(WaitUntil([&] { return connections == 1; }));
+    timing.error = 0;
+    accepting.error = EPERM;
+    ASSERT_TRUE(clients[1].connectTo(name));
+    EXPECT_TRUE(WaitUntil([] { return accepting.count > 1; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_LT(accepting.count, 100) << "a busy machine makes it fewer calls yet";
+    watching.error = ENOSPC;
+    EXPECT_TRUE(WaitUntil([] { return watching.count > 1; }));
+    accepting.error = 0;
+    watching.error = 0;
+    EXPECT_TRUE(WaitUntil([&] { return connections == 2; }));
+}
+
+TEST(InterfaceTest, AHangUpThatComesAfterStopClosesNothing) {
+    UnixIpcManager server(true, IPC_BUFFER_SIZE, "/tesubpf-test/hang-up", {}, 10, 32);
+    const int timer = dup(STDIN_FILENO);
+    close(timer);
+    server.createServer();  // its timer, then its socket
+    server.stop();
+    const android::base::unique_fd heir(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, timer + 1));
+    ASSERT_EQ(heir.get(), timer + 1);
+    epoll_event hangUp{};
+    hangUp.data.fd = heir.get();
+    server.onServerCloseCallback(hangUp);
+    EXPECT_NE(fcntl(heir.get(), F_GETFD), -1);
+}
+
+}  // namespace
+}  // namespace Tesu::Bpf

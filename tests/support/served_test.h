@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A test with the service in this process, without kernel programs: a service that waits for
+// readiness serves clients already.
+#pragma once
+
+#include <android-base/properties.h>
+
+#include <future>
+#include <string>
+
+#include "records/contract.h"
+#include "service/tesu_bpf_service.h"
+#include "tests/support/sandbox.h"
+#include "tests/support/wire_client.h"
+
+namespace Tesu::Bpf {
+
+// Starts nothing by itself.
+class ServiceTest : public SandboxTest {
+  protected:
+    ~ServiceTest() override { service->stop(); }
+
+    void start(const std::string& ready = "0") {
+        android::base::SetProperty(READY_PROPERTY, ready);
+        ASSERT_TRUE(BpfServiceMain());
+        waitResult = std::async(std::launch::async, [this] { return service->Wait(); });
+    }
+
+    TesuBpfService* const service = TesuBpfService::GetInstance();
+    std::future<int> waitResult;  // of Wait()
+    WireClient client;
+};
+
+// With a service that runs and a client that is connected.
+class ServedTest : public ServiceTest {
+  protected:
+    void SetUp() override {
+        ServiceTest::SetUp();
+        if (!IsSkipped()) {
+            start();
+            ASSERT_TRUE(client.connectTo(SERVICE_SOCKET_NAME));
+        }
+    }
+};
+
+}  // namespace Tesu::Bpf

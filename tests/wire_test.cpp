@@ -1,0 +1,308 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The service at its socket, as clients of every kind meet it. No kernel program is needed: a
+// service that waits for readiness serves clients already, and the tests hand it the records.
+#include <android-base/properties.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <climits>
+#include <filesystem>
+#include <map>
+#include <random>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "daemon/properties.h"
+#include "ipc/unix_socket.h"
+#include "records/raw_event.h"
+#include "tests/support/served_test.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/wait_until.h"
+
+namespace Tesu::Bpf {
+namespace {
+
+using android::base::SetProperty;
+
+// Their content is nobody's business but the client's.
+constexpr int32_t TYPE = RAW_EVENT_FD_UPDATE;
+constexpr int32_t OTHER_TYPE = RAW_EVENT_DMABUF_SIZE;
+
+void Emit(const std::string& content, int32_t type = TYPE) {
+    std::string record = WireClient::word(static_cast<uint32_t>(type)) + content;
+    TesuBpfService::handleBpfRingBuffEvent(nullptr, record.data(),
+                                           static_cast<unsigned>(record.size()));
+}
+
+// What the next event holds behind its type.
+std::string NextContent(WireClient& client) {
+    const auto event = client.next();
+    return event && event->type == WireClient::EVENT ? event->body.substr(4) : "no event";
+}
+
+// The server's receive fails, so that it drops the connection without being hung up on.
+void SendOutOfBand(const WireClient& client) {
+    EXPECT_EQ(send(client.descriptor(), "!", 1, MSG_OOB | MSG_NOSIGNAL), 1);
+}
+
+long CountThreads(const std::string& name) {
+    const std::filesystem::directory_iterator threads("/proc/self/task");
+    return std::count_if(begin(threads), end(threads), [&](const auto& thread) {
+        return ReadWholeFile(thread.path() / "comm") == name + "\n";
+    });
+}
+
+class WireTest : public ServedTest {
+  protected:
+    void SetUp() override {
+        ServedTest::SetUp();
+        ASSERT_TRUE(IsSkipped() || client.subscribe(TYPE) == 0);
+    }
+};
+
+TEST_F(WireTest, EveryRequestHasItsReply) {
+    constexpr auto word = WireClient::word;
+    constexpr auto frame = WireClient::frame;
+    constexpr auto request = WireClient::request;
+    constexpr auto subscription = WireClient::subscription;
+    const std::string type = word(TYPE);
+    const struct {
+        const char* name;
+        std::string bytes;
+        std::map<uint32_t, int32_t> replies;  // result by request id
+        bool isStuck = false;  // the service waits for the rest of a frame that never comes
+    } rows[] = {
+        {"two in one write", subscription(7, TYPE) + subscription(8, TYPE), {{7, 0}, {8, 0}}},
+        {"a type that never comes", subscription(9, INT_MIN), {{9, 0}}},
+        {"not subscribed", request(10, UNREGISTER_COMMAND, type), {{10, 0}}},
+        {"more data", request(11, REGISTER_COMMAND, type + "more"), {{11, 0}}},
+        {"no data", request(12, REGISTER_COMMAND, ""), {{12, -1}}},
+        {"half a type", request(13, REGISTER_COMMAND, "abc"), {{13, -1}}},
+        {"longer command", request(14, "register-event-monitors", type), {{14, -1}}},
+        {"shorter command", request(15, "unregister-event-monito", type), {{15, -1}}},
+        {"no command", request(16, "", type), {{16, -1}}},
+        {"no NUL", request(17, REGISTER_COMMAND + std::string(10, 'x'), type), {{17, -1}}},
+        {"no body", frame(0, ""), {{0, -1}}},
+        {"an id alone", frame(0, word(18)), {{18, -1}}},
+        {"a body shorter than its frame",
+         word(20) + word(0) + word(4) + word(19) + type + type,
+         {{19, -1}}},
+        {"a body longer than its frame", word(8) + word(0) + word(1), {}},
+        {"a body that wraps", word(12) + word(0) + word(0xfffffff8) + type, {}},
+        {"no room for a package", word(7) + word(0) + "abc", {}},
+        {"an empty frame", word(0), {}, true},
+        {"an event", frame(3, type), {}, true},
+        {"a reply", frame(1, word(20) + word(0) + word(0)), {}, true},
+        {"the largest type", frame(UINT_MAX, ""), {}, true},
+        {"two gigabytes", word(INT_MAX) + word(0), {}, true},
+        {"four gigabytes", subscription(21, TYPE) + word(UINT_MAX) + word(0), {{21, 0}}, true},
+    };
+    constexpr uint32_t LAST = 1000;
+    for (const auto& row : rows) {
+        WireClient guest;
+        ASSERT_TRUE(guest.tryConnect(SERVICE_SOCKET_NAME));
+        EXPECT_TRUE(guest.sendBytes(row.bytes + request(LAST, "no such command", "")));
+        for (const auto& [id, result] : row.replies) {
+            EXPECT_EQ(guest.reply(id), result) << row.name;
+        }
+        if (row.isStuck) {
+            guest.sendBytes(std::string(IPC_BUFFER_SIZE + 8192, 'x'));
+            EXPECT_FALSE(guest.next().has_value()) << row.name;
+            EXPECT_TRUE(guest.isClosedByServer()) << row.name;
+        } else {
+            EXPECT_EQ(guest.reply(LAST), -1) << row.name;
+            EXPECT_FALSE(guest.next(WireClient::Milliseconds(0)).has_value()) << row.name;
+        }
+    }
+    Emit("still served");
+    EXPECT_EQ(NextContent(client), "still served");
+}
+
+TEST_F(WireTest, SubscriptionsEndWithTheirConnection) {
+    SendOutOfBand(client);
+    EXPECT_TRUE(client.isClosedByServer());
+    // Both sides' numbers are free again, and given out again in the same order.
+    ASSERT_TRUE(client.tryConnect(SERVICE_SOCKET_NAME));
+    ASSERT_EQ(client.subscribe(OTHER_TYPE), 0);
+    Emit("for the former client");
+    Emit("for its heir", OTHER_TYPE);
+    EXPECT_EQ(NextContent(client), "for its heir");
+    const std::string type = WireClient::word(OTHER_TYPE);
+    EXPECT_TRUE(client.sendBytes(WireClient::request(2, UNREGISTER_COMMAND, type)));
+    EXPECT_EQ(client.reply(2), 0);
+    Emit("for nobody", OTHER_TYPE);
+    ASSERT_EQ(client.subscribe(TYPE), 0);
+    Emit("subscribed again");
+    EXPECT_EQ(NextContent(client), "subscribed again");
+}
+
+TEST_F(WireTest, ARecordThatNeverFitsBlocksNothing) {
+    constexpr size_t LARGEST = IPC_MAX_PACKAGE_SIZE - IPC_PACKAGE_HEADER_SIZE - 4;
+    Emit(std::string(LARGEST, 'a'));
+    Emit(std::string(LARGEST + 1, 'b'));
+    Emit("");
+    Emit(std::string(LARGEST, 'c'));
+    EXPECT_EQ(NextContent(client), std::string(LARGEST, 'a'));
+    EXPECT_EQ(NextContent(client), "");
+    EXPECT_EQ(NextContent(client), std::string(LARGEST, 'c'));
+}
+
+TEST_F(WireTest, RequestsComeInPiecesOfAnySize) {
+    std::string requests;  // more than a read buffer; the replies fit one
+    for (uint32_t id = 0; id < 1000; ++id) {
+        requests += WireClient::subscription(id, OTHER_TYPE);
+    }
+    std::mt19937_64 random(1);
+    for (size_t at = 0, size = 0; at < requests.size(); at += size) {
+        size = 1 + random() % 90;
+        ASSERT_TRUE(client.sendBytes(requests.substr(at, size)));
+    }
+    for (uint32_t id = 0; id < 1000; ++id) {
+        ASSERT_EQ(client.reply(id), 0);
+    }
+}
+
+TEST_F(WireTest, ASlowReaderGetsAllOfIt) {
+    // Both sides are in this process: hardly a send of the service's is taken as a whole.
+    for (int fd = 3; fd < 100; ++fd) {
+        const int least = 0;
+        setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &least, sizeof(least));
+    }
+    constexpr int EVENTS = 4000;
+    const std::string filler(1000, '.');
+    for (int i = 0; i < EVENTS; ++i) {
+        Emit(std::to_string(i) + filler);
+    }
+    for (int i = 0; i < EVENTS; ++i) {
+        ASSERT_EQ(NextContent(client), std::to_string(i) + filler);
+        // At first so slow that the service gives up and waits for room: nothing else wakes it.
+        std::this_thread::sleep_for(std::chrono::milliseconds(i < 20 ? 20 : 0));
+    }
+}
+
+TEST_F(WireTest, WritersRepliesAndPassersByNeverMix) {
+    constexpr size_t WRITERS = 3;
+    constexpr int EVENTS = 3000;
+    std::vector<std::jthread> threads;
+    threads.emplace_back([](const std::stop_token& done) {
+        for (int i = 0; !done.stop_requested(); ++i) {
+            WireClient passer;
+            passer.connectTo(SERVICE_SOCKET_NAME);
+            passer.sendBytes(WireClient::subscription(1, TYPE).substr(0, i % 2 == 0 ? 56 : 30));
+            if (i % 3 == 0) {
+                SendOutOfBand(passer);
+            }
+        }
+    });
+    for (size_t writer = 0; writer < WRITERS; ++writer) {
+        threads.emplace_back([writer] {
+            for (int i = 0; i < EVENTS; ++i) {
+                Emit(std::to_string(writer) + ":" + std::to_string(i));
+            }
+        });
+    }
+    int next[WRITERS] = {};
+    for (int i = 0; i < static_cast<int>(WRITERS) * EVENTS; ++i) {
+        if (i % 500 == 0) {
+            ASSERT_EQ(client.subscribe(100 + i, static_cast<uint32_t>(i)), 0);
+        }
+        const std::string content = NextContent(client);
+        const auto writer = static_cast<size_t>(content[0] - '0');
+        ASSERT_LT(writer, WRITERS) << content;
+        ASSERT_EQ(content, std::to_string(writer) + ":" + std::to_string(next[writer]++));
+    }
+}
+
+TEST_F(WireTest, AcceptsAgainWhenDescriptorsAreFreeAgain) {
+    rlimit former{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &former), 0);
+    const int nextFree = fcntl(0, F_DUPFD_CLOEXEC, 0);
+    close(nextFree);
+    // Room for the new client's own side alone.
+    const rlimit full{.rlim_cur = static_cast<rlim_t>(nextFree) + 1, .rlim_max = former.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &full), 0);
+    WireClient waiting;
+    EXPECT_TRUE(waiting.tryConnect(SERVICE_SOCKET_NAME));
+    EXPECT_EQ(client.subscribe(OTHER_TYPE), 0) << "others are served meanwhile";
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &former), 0);
+    EXPECT_EQ(waiting.subscribe(TYPE), 0);
+}
+
+TEST_F(ServiceTest, ATakenNameIsTakenOverOnceFree) {
+    android::base::unique_fd holder(CreateNonblockingServerSocket(SERVICE_SOCKET_NAME));
+    ASSERT_TRUE(holder.ok());
+    start();
+    ASSERT_TRUE(WaitUntil([] { return CountThreads("BpfServiceTr") == 1; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // it has tried by now
+    holder.reset();
+    ASSERT_TRUE(client.connectTo(SERVICE_SOCKET_NAME));
+    EXPECT_EQ(client.subscribe(TYPE), 0);
+}
+
+TEST_F(ServiceTest, PropertiesSayWhatStarts) {
+    SetProperty(DISABLE_PROPERTY, "1");
+    EXPECT_FALSE(BpfServiceMain());
+    EXPECT_EQ(CountThreads("BpfServicePoll"), 0);
+    SetProperty(DISABLE_PROPERTY, "01");
+    for (const std::string other : {"6.1.25", "6.1 ", "", "6.10", "16.1"}) {
+        SetProperty(KERNEL_VERSION_PROPERTY, other);
+        EXPECT_FALSE(TesuBpfService::checkKernelVersion()) << other;
+    }
+    for (const char* release : {"6.1.0-13-armmp", "6.1-rc3", "6.1"}) {
+        SetProperty(KERNEL_VERSION_PROPERTY, MajorMinor(release));
+        EXPECT_TRUE(TesuBpfService::checkKernelVersion()) << release;
+    }
+    EXPECT_EQ(MajorMinor("6.18.44-cloud-amd64"), "6.18");
+    EXPECT_EQ(MajorMinor("next.6.1"), "next.6.1");
+
+    // Anything but "0" is ready. Monitors without pinned maps end; the rest goes on.
+    start("false");
+    ASSERT_TRUE(client.connectTo(SERVICE_SOCKET_NAME));
+    EXPECT_TRUE(WaitUntil(
+        [] { return CountThreads("BpfServicePoll") + CountThreads("BpfServicePGpl") == 0; }));
+    EXPECT_EQ(client.subscribe(TYPE), 0);
+}
+
+// A host may do so while clients are there and more come.
+TEST_F(SandboxTest, AServiceIsDeletedWithItsClients) {
+    SetProperty(READY_PROPERTY, "0");
+    const std::jthread passers([](const std::stop_token& done) {
+        while (!done.stop_requested()) {
+            WireClient passer;
+            passer.tryConnect(SERVICE_SOCKET_NAME);
+            passer.sendBytes(WireClient::subscription(1, TYPE));
+        }
+    });
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_TRUE(BpfServiceMain());
+        WireClient client;
+        ASSERT_TRUE(client.connectTo(SERVICE_SOCKET_NAME));
+        EXPECT_EQ(client.subscribe(TYPE), 0);
+        delete TesuBpfService::GetInstance();
+    }
+}
+
+TEST_F(ServiceTest, StopIsPromptAndFinal) {
+    EXPECT_EQ(service->Wait(), 0) << "nothing was started, and may still be";
+    SetProperty(KERNEL_VERSION_PROPERTY, "6.1");
+    start();
+    EXPECT_TRUE(BpfServiceMain()) << "a second start keeps what runs";
+    ASSERT_TRUE(client.connectTo(SERVICE_SOCKET_NAME));
+    EXPECT_EQ(CountThreads("BpfServicePoll"), 1);
+    EXPECT_EQ(CountThreads("BpfServicePGpl"), 0) << "not before readiness";
+    service->stop();
+    EXPECT_FALSE(client.tryConnect(SERVICE_SOCKET_NAME));
+    // The supervisor looks after its threads once a minute.
+    ASSERT_EQ(waitResult.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    EXPECT_EQ(waitResult.get(), 0);
+    EXPECT_EQ(CountThreads("BpfServicePoll") + CountThreads("BpfServiceTr"), 0);
+    EXPECT_FALSE(BpfServiceMain()) << "a stopped service stays stopped";
+    EXPECT_EQ(service->Wait(), 0);
+}
+
+}  // namespace
+}  // namespace Tesu::Bpf
