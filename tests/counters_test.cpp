@@ -23,20 +23,12 @@ namespace {
 
 class CountersTest : public SandboxTest {
   protected:
-    static unsigned long long readSecond() {
-        const unsigned long long read = second;
-        // Other threads get a chance to pass the one that has read.
-        if (++readings % 16 == 0) {
-            std::this_thread::yield();
-        }
-        return read;
-    }
+    static unsigned long long readSecond() { return second; }
     static std::string dump(TesuBpfDataState& state) {
         state.DumpState();
         return ReadWholeFile(std::string(DUMP_DIR) + "/" + STATE_DUMP_FILE);
     }
     static inline std::atomic<unsigned long long> second{1000};
-    static inline std::atomic<unsigned> readings{0};
 };
 
 TEST_F(CountersTest, ARowPerSecondWhateverTheClockDoes) {

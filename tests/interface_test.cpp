@@ -65,6 +65,16 @@ TEST(InterfaceTest, LimitsOfTimesAndDifferences) {
     EXPECT_EQ(SubAbs(-3, 4), 7);
 }
 
+TEST(InterfaceTest, OneByteOfAWriteBufferStaysFree) {
+    IpcPackageManager queue;
+    queue.buildAndAppendSecondIpcPackage(IPC_PACKAGE_EVENT, "12345678", 8);
+    char bytes[21];
+    BufferState buffer{.cursor = 0, .length = 0, .capacity = 20, .data = bytes};
+    EXPECT_FALSE(queue.fillNextIpcPackageToBuffer(&buffer));
+    buffer.capacity = 21;
+    EXPECT_TRUE(queue.fillNextIpcPackageToBuffer(&buffer));
+}
+
 TEST(InterfaceTest, ARequestDuringTheWriteCallbackIsServed) {
     const android::base::unique_fd writable(eventfd(0, EFD_CLOEXEC));
     std::atomic<int> writes{0};

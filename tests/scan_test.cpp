@@ -9,7 +9,7 @@
 
 #include <sstream>
 #include <string>
-#include <utility>
+#include <tuple>
 #include <vector>
 
 #include "proc/process_snapshot.h"
@@ -30,12 +30,6 @@ std::string Stat(const std::string& start) {
     return start + " 7 1 1 0 -1 64 1 2 3 4 5 6 7 8 20 0 17 0 1230000 1 2\n";
 }
 
-std::string Line(const auto&... values) {
-    std::ostringstream line;
-    ((line << values << " "), ...);
-    return line.str();
-}
-
 TEST(ScanTest, ReadersOfAnOddTree) {
     std::string maps;  // longer than one read
     while (maps.size() < 300000) {
@@ -45,72 +39,64 @@ TEST(ScanTest, ReadersOfAnOddTree) {
         "\nName:\tPPid:\t9\nPPid:\t7\nUid:\t1000\t1001\nRssAnon:\t  20 kB\nRssFile:\t  30 kB\n"
         "RssShmem:\t  40 kB\nVmSwap:\t  12 kB";
     const std::string zombie = "Name:\tname of sixteen!\nState:\tZ (zombie)\nThreads:\t";
-    const std::pair<const char*, std::string> files[] = {
-        {"10/status", status},
-        {"10/stat", Stat("10 (a) (b) S")},
-        {"10/fd/0", ""},
-        {"10/fd/255", ""},
-        {"10/fd/.hidden", ""},
-        {"10/maps", maps + "1000-2000 rw-s 0 00:0a 1 /dmabuf:\n1-2-3 rw-s 0 00:0a 2 /dmabuf\n"
-                           "4000-7000 rw-s 0 00:0a 18446744073709551615   /dmabuf:gpu"},
-        {"11/status", "Name:\tshort\nVmSwap:\t9223372036854775807 kB\n"},
-        {"11/stat", "11 (short) S 1\n"},
-        {"11/fd/7", ""},
-        {"11/maps", "0-9 rw-s 0 00:0a 3 /dmabuf:\n9-0 rw-s 0 00:0a 3 /dmabuf:\n"},
-        {"12/status", zombie + "1\n"},
-        {"12/stat", Stat("12 (zombie) Z")},
-        {"13/status", zombie + "2\n"},  // other threads live
-        {"13/stat", Stat("13 (first) Z")},
-        {"14/status", ""},
-        {"14/stat", Stat("14 (empty) S")},
-        {"15/fd/0", ""},
-        {"16/status/opens", "but cannot be read"},
-        {"17/status", status},
-        {"18a/status", status},
-    };
+    const std::string dmabufs =
+        "1000-2000 rw-s 0 00:0a 1 /dmabuf:\n1-2-3 rw-s 0 00:0a 2 /dmabuf\n"
+        "4000-7000 rw-s 0 00:0a 18446744073709551615   /dmabuf:gpu";
     const TempDir proc;
-    for (const auto& [name, text] : files) {
-        proc.write(name, text);
+    for (const std::vector<std::string>& process :
+         {std::vector<std::string>{"10", status, Stat("10 (a) (b) S"), maps + dmabufs, "0", "9"},
+          {"11", "Name:\tshort\nVmSwap:\t9223372036854775807 kB\n", "11 (short) S 1\n",
+           "0-9 rw-s 0 00:0a 3 /dmabuf:\n9-0 rw-s 0 00:0a 3 /dmabuf:\n", "7", ".hidden"},
+          {"12", zombie + "1\n", Stat("12 (zombie) Z"), ""},
+          {"13", zombie + "2\n", Stat("13 (first) Z"), ""},  // its other thread lives
+          {"14", "", Stat("14 (a\n) S"), ""},
+          {"18", "", Stat("19 (other) S"), ""},
+          {"15a", status, Stat("15 (nobody) S"), ""}}) {
+        for (size_t i = 1; i < process.size(); ++i) {
+            const std::string files[] = {"", "/status", "/stat", "/maps"};
+            proc.write(process[0] + (i < 4 ? files[i] : "/fd/" + process[i]), process[i]);
+        }
     }
+    proc.write("16/status", status);
+    proc.makeFolder("17/status");  // opens, but cannot be read
+    proc.makeFolder("17/fd");
     std::vector<std::string> lines;
-    EXPECT_EQ(
-        ScanTasks(proc.path(),
-                  [&](const RawTesuTaskInitEvent& task) {
-                      lines.push_back(Line(task.pid, task.comm, task.ppid, task.uid, task.threadNum,
-                                           task.startTime, task.rssFileSize, task.rssAnonSize,
-                                           task.rssShmemSize, task.rssSwapSize));
-                      return true;
-                  }),
-        4);
-    EXPECT_THAT(lines, UnorderedElementsAre("10 PPid:\t9 7 1000 0 0 30720 20480 40960 12288 ",
-                                            "11 short 0 0 0 0 0 0 0 -1024 ",
-                                            "13 name of sixteen 0 0 17 12300 0 0 0 0 ",
-                                            "14  0 0 17 12300 0 0 0 0 "));
-    lines.clear();
+    const auto add = [&](const auto&... values) {
+        std::ostringstream line;
+        ((line << values << " "), ...);
+        lines.push_back(line.str());
+        return true;
+    };
+    const int count = ScanTasks(proc.path(), [&](const RawTesuTaskInitEvent& task) {
+        return add("task", task.pid, task.comm, task.ppid, task.uid, task.threadNum, task.startTime,
+                   task.rssFileSize, task.rssAnonSize, task.rssShmemSize, task.rssSwapSize);
+    });
+    EXPECT_EQ(count, 5);
     const auto all = [] { return true; };
     ScanOpenFds(proc.path(), all, [&](const OpenFdCaller& caller) {
-        lines.push_back(Line(caller.pid, caller.comm, caller.openFds));
+        add("fds", caller.pid, caller.comm, caller.openFds);
     });
-    EXPECT_THAT(lines, UnorderedElementsAre("10 PPid:\t9 2 ", "11 short 1 "));
-    lines.clear();
-    const auto takeMapping = [&](uint64_t inode, const DmabufAllocation& allocation) {
-        lines.push_back(Line(allocation.pid, inode, allocation.size));
+    const auto addMapping = [&](uint64_t inode, const DmabufAllocation& allocation) {
+        add("mapping", allocation.pid, inode, allocation.size);
     };
-    const auto takeTotal = [&](int32_t pid, int64_t total) { lines.push_back(Line(pid, total)); };
-    ScanDmabufs(proc.path(), all, {takeMapping, takeTotal});
-    EXPECT_THAT(lines, UnorderedElementsAre("10 1 4096 ", "10 18446744073709551615 12288 ",
-                                            "10 16384 ", "11 3 9 ", "11 3 -9 "));
-    lines.clear();
+    ScanDmabufs(proc.path(), all,
+                {addMapping, [&](int pid, int64_t sum) { add("sum", pid, sum); }});
     std::vector<ProcessSnapshot> processes;
     EXPECT_TRUE(ProcReader(proc.path()).readAll(&processes));
     for (const ProcessSnapshot& process : processes) {
-        lines.push_back(Line(process.pid, process.name, process.ppid, process.uid, process.threads,
-                             process.openFds.value_or(-1), process.isEnding, process.memory[1],
-                             process.memory[2]));
+        add("top", process.pid, process.name, process.ppid, process.uid, process.threads,
+            process.openFds.value_or(-1), process.isEnding, process.memory[RSS_SWAP]);
     }
-    EXPECT_THAT(lines, UnorderedElementsAre(
-                           "10 a) (b 7 1000 17 2 0 20480 12288 ", "12 zombie 7 0 17 -1 1 0 0 ",
-                           "13 first 7 0 17 -1 1 0 0 ", "14 empty 7 -1 17 -1 0 0 0 "));
+    EXPECT_THAT(
+        lines,
+        UnorderedElementsAre(
+            "task 10 PPid:\t9 7 1000 0 0 30720 20480 40960 12288 ",
+            "task 11 short 0 0 0 0 0 0 0 -1024 ", "task 13 name of sixteen 0 0 17 12300 0 0 0 0 ",
+            "task 14  0 0 0 0 0 0 0 0 ", "task 18  0 0 17 12300 0 0 0 0 ", "fds 10 PPid:\t9 2 ",
+            "fds 11 short 1 ", "mapping 10 1 4096 ", "mapping 10 18446744073709551615 12288 ",
+            "sum 10 16384 ", "mapping 11 3 9 ", "mapping 11 3 -9 ",
+            "top 10 a) (b 7 1000 17 2 0 12288 ", "top 12 zombie 7 0 17 -1 1 0 ",
+            "top 13 first 7 0 17 -1 1 0 ", "top 14 a\n 7 -1 17 -1 0 0 "));
 }
 
 TEST(ScanTest, SomeNamesAreReadAgain) {
@@ -129,23 +115,17 @@ TEST(ScanTest, SomeNamesAreReadAgain) {
     EXPECT_EQ(task.ppid, getppid());
 
     const auto now = static_cast<int64_t>(GetSystemSecondsTime());
-    const struct {
-        const char* name;
-        int64_t lastTime;
-        bool isRead;
-    } rows[] = {{"main", now - 1000, true},
-                {"main", now + 1000, false},
-                {"main", now - 3, true},
-                {"re-initialized>", 0, true},
-                {"mainly", 0, false}};
-    for (const auto& row : rows) {
-        SetName(task.comm, row.name);
+    using Row = std::tuple<const char*, int64_t, bool>;  // name, time of the last look, looks again
+    for (const auto& [name, time, looks] :
+         {Row("main", now - 3, true), Row("main", now + 1000, false),
+          Row("re-initialized>", 0, true), Row("mainly", 0, false)}) {
+        SetName(task.comm, name);
         task.ppid = -1;
-        task.lastRefreshTime = row.lastTime;
+        task.lastRefreshTime = time;
         feed(Rss(0, self, 0, 1));
-        EXPECT_STREQ(task.comm, row.isRead ? "renamed" : row.name);
-        EXPECT_EQ(task.ppid, row.isRead ? getppid() : -1);
-        EXPECT_EQ(task.lastRefreshTime >= now && task.lastRefreshTime < now + 1000, row.isRead);
+        EXPECT_STREQ(task.comm, looks ? "renamed" : name);
+        EXPECT_EQ(task.ppid, looks ? getppid() : -1);
+        EXPECT_EQ(task.lastRefreshTime != time, looks);
     }
     feed(Rss(0, NOBODY, 0, 1));
     EXPECT_STREQ(gone.comm, "main");

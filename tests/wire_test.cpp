@@ -3,21 +3,16 @@
 // The service at its socket, as clients of every kind meet it. No kernel program is needed: a
 // service that waits for readiness serves clients already, and the tests hand it the records.
 #include <android-base/properties.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <climits>
 #include <filesystem>
-#include <map>
 #include <random>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "daemon/properties.h"
-#include "ipc/unix_socket.h"
 #include "records/raw_event.h"
 #include "tests/support/served_test.h"
 #include "tests/support/temp_dir.h"
@@ -215,32 +210,6 @@ TEST_F(WireTest, WritersRepliesAndPassersByNeverMix) {
         ASSERT_LT(writer, WRITERS) << content;
         ASSERT_EQ(content, std::to_string(writer) + ":" + std::to_string(next[writer]++));
     }
-}
-
-TEST_F(WireTest, AcceptsAgainWhenDescriptorsAreFreeAgain) {
-    rlimit former{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &former), 0);
-    const int nextFree = fcntl(0, F_DUPFD_CLOEXEC, 0);
-    close(nextFree);
-    // Room for the new client's own side alone.
-    const rlimit full{.rlim_cur = static_cast<rlim_t>(nextFree) + 1, .rlim_max = former.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &full), 0);
-    WireClient waiting;
-    EXPECT_TRUE(waiting.tryConnect(SERVICE_SOCKET_NAME));
-    EXPECT_EQ(client.subscribe(OTHER_TYPE), 0) << "others are served meanwhile";
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &former), 0);
-    EXPECT_EQ(waiting.subscribe(TYPE), 0);
-}
-
-TEST_F(ServiceTest, ATakenNameIsTakenOverOnceFree) {
-    android::base::unique_fd holder(CreateNonblockingServerSocket(SERVICE_SOCKET_NAME));
-    ASSERT_TRUE(holder.ok());
-    start();
-    ASSERT_TRUE(WaitUntil([] { return CountThreads("BpfServiceTr") == 1; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // it has tried by now
-    holder.reset();
-    ASSERT_TRUE(client.connectTo(SERVICE_SOCKET_NAME));
-    EXPECT_EQ(client.subscribe(TYPE), 0);
 }
 
 TEST_F(ServiceTest, PropertiesSayWhatStarts) {
