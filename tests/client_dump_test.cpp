@@ -67,7 +67,9 @@ TEST(DumpRequest, TakesTheNewFileOfItsKindAndNothingElse) {
 }
 
 TEST(DumpRequest, SendsNoSignalThatWouldEndTheDaemon) {
-    const ShellDaemon daemon("exec sleep 1000");
+    const TempDir folder;
+    const ShellDaemon daemon(">" + folder.path("ready") + "; exec sleep 1000");
+    ASSERT_TRUE(WaitUntil([&] { return access(folder.path("ready").c_str(), F_OK) == 0; }));
     const auto text = RequestDump(daemon.pid, DUMP_SIGNAL_TASKS, "/nowhere", TerminationSignals());
     EXPECT_THAT(text.error(), testing::HasSubstr("not ready"));
     EXPECT_EQ(waitpid(daemon.pid, nullptr, WNOHANG), 0);
