@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // tesubpf: the client for people and scripts.
-#include <android/log.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -202,8 +201,6 @@ int Main(int argc, char** argv) {
     Tesu::Bpf::ChooseCharacterSet();
     const Tesu::Bpf::TerminationSignals signals;
     std::signal(SIGPIPE, SIG_IGN);
-    // What the transport would log is said in plainer words here.
-    __android_log_set_minimum_priority(ANDROID_LOG_SILENT);
 
     CLI::App app("Shows what the eBPF task service sees", "tesubpf");
     app.set_version_flag("--version", "tesubpf " TESUBPF_VERSION);

@@ -5,7 +5,7 @@
 #include "records/contract.h"
 
 // The skeletons name the type of the objects' constants.
-using Tesu::Bpf::TesuKernelLayout;
+using Tesu::Bpf::TesuKernelLayout;  // NOLINT(misc-unused-using-decls)
 #include "KernelMemory.skel.h"
 #include "TesuBpfDefineset.skel.h"
 #include "TesuBpfGplDefineset.skel.h"

@@ -96,9 +96,10 @@ void LeaveOutRefused(const Opener& open, LeftOutPrograms* leftOut) {
         log[0] = '\0';  // stays so when the kernel refuses without a look at the instructions
         bpf_program__set_log_buf(program[0], log.get(), VERIFIER_LOG_BYTES);
         if (bpf_object__load(object->get()) != 0) {
-            const std::string error = strerror(errno);
-            const std::string verdict = FindVerdict(log.get());
-            leftOut->emplace(name, verdict.empty() ? error : error + " (" + verdict + ")");
+            std::string& reason = (*leftOut)[name] = strerror(errno);
+            if (const std::string verdict = FindVerdict(log.get()); !verdict.empty()) {
+                reason.append(" (").append(verdict).append(")");
+            }
         }
     }
 }

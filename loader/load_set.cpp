@@ -132,7 +132,7 @@ Result<> LoadAndPin(const LoadOptions& options, const KernelLayout& layout,
             }
             return Failure(std::string(image.name) + ": " + object.error());
         }
-        if (const auto pinned = PinObject(staging, image.name, object->get(), leftOut); !pinned) {
+        if (auto pinned = PinObject(staging, image.name, object->get(), leftOut); !pinned) {
             return pinned;
         }
         ReportLoaded(image.name, object->get(), leftOut, out, err);

@@ -63,7 +63,7 @@ Result<> GuessOffsets(TesuKernelLayout* layout) {
     const ReadKernelMemory read = [&](uint64_t address, uint32_t size) {
         return memory->read(address, size);
     };
-    const auto tasks = GuessTaskOffsets({first.sample(), second.sample()}, read, layout);
+    Result<> tasks = GuessTaskOffsets({first.sample(), second.sample()}, read, layout);
     std::vector<unique_fd> held;
     const std::vector<FileSample> files = OpenSampleFiles(&held);
     if (tasks && !files.empty()) {

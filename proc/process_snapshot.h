@@ -14,13 +14,6 @@
 
 namespace Tesu::Bpf {
 
-using MemoryKind = RssMember;
-inline constexpr RssMember MEMORY_FILE = RSS_FILE;
-inline constexpr RssMember MEMORY_ANON = RSS_ANON;
-inline constexpr RssMember MEMORY_SWAP = RSS_SWAP;
-inline constexpr RssMember MEMORY_SHMEM = RSS_SHMEM;
-inline constexpr RssMember MEMORY_KINDS = RSS_MEMBER_COUNT;
-
 struct ProcessSnapshot {
     int32_t pid = 0;
     int32_t ppid = 0;

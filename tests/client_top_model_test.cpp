@@ -63,9 +63,6 @@ class ProcessModelTest : public testing::Test {
         }
         return text;
     }
-    std::vector<int32_t> due(int64_t time, size_t limit = 9) {
-        return model.takeRefreshes(time, limit);
-    }
 
     ProcessModel model;
 };
@@ -93,7 +90,7 @@ TEST_F(ProcessModelTest, CountsAThreadOnceWhoeverReportedItFirst) {
     // Whether /proc counted a thread that ended just before is not known: it is asked again.
     proc(READ + SECOND, {Found(7, READ + SECOND)});
     EXPECT_EQ(events(Ended(READ + SECOND - 1)), "7 found 4/5/10 ");
-    EXPECT_THAT(due(READ + 2 * SECOND), ElementsAre(7));
+    EXPECT_THAT(model.takeRefreshes(READ + 2 * SECOND, 9), ElementsAre(7));
     model.refresh(7, Found(7, READ + 2 * SECOND, "found", 3));
     EXPECT_EQ(events(), "7 found 3/5/10 ");
 }
@@ -120,7 +117,7 @@ TEST_F(ProcessModelTest, FollowsProcThroughStartsAndEnds) {
     EXPECT_EQ(proc(READ, {Found(7), Found(9, READ, "zombie", 1, START, true),
                           Found(10, READ, "found", 4, START, true)}),
               "7 found 4/5/10 8 fork 1/-1/0 10 found 4/5/10 ");
-    EXPECT_THAT(due(READ + 2 * SECOND), testing::UnorderedElementsAre(8, 10));
+    EXPECT_THAT(model.takeRefreshes(READ + 2 * SECOND, 9), testing::UnorderedElementsAre(8, 10));
     model.refresh(8, std::nullopt);  // its exit record is on its way
     model.refresh(10, std::nullopt);
     EXPECT_EQ(events(), "7 found 4/5/10 8 fork 1/-1/0 ");
@@ -135,28 +132,27 @@ TEST_F(ProcessModelTest, FollowsProcThroughStartsAndEnds) {
 TEST_F(ProcessModelTest, RefreshesAForkedProcessUntilItHasItsOwnName) {
     const auto& delays = ProcessModel::REFRESH_DELAYS;
     events(Create(START, 1, 6, "fork"), Create(START, 1, 7, "fork"));
-    EXPECT_THAT(due(START + delays[0] - 1), ElementsAre());
-    EXPECT_THAT(due(START + delays[0], 1), ElementsAre(6));
-    EXPECT_THAT(due(START + delays[0]), ElementsAre(7));
+    EXPECT_THAT(model.takeRefreshes(START + delays[0] - 1, 9), ElementsAre());
+    EXPECT_THAT(model.takeRefreshes(START + delays[0], 1), ElementsAre(6));
+    EXPECT_THAT(model.takeRefreshes(START + delays[0], 9), ElementsAre(7));
     events(Rss(START + 5 * SECOND, 7, RSS_ANON, 3 * MIB));
     model.refresh(7, Found(7, START + delays[0], "own"));
     model.refresh(6, Found(6, START + delays[0], "fork"));
     EXPECT_EQ(events(), "6 fork 1/5/10 7 own 1/5/3 ");
     for (const int64_t delay : {delays[1], delays[2]}) {
-        EXPECT_THAT(due(START + delay), ElementsAre(6));
+        EXPECT_THAT(model.takeRefreshes(START + delay, 9), ElementsAre(6));
         model.refresh(6, Found(6, START + delay, "fork"));
     }
-    EXPECT_THAT(due(START + 99 * SECOND), ElementsAre());
+    EXPECT_THAT(model.takeRefreshes(START + 99 * SECOND, 9), ElementsAre());
 }
 
 TEST_F(ProcessModelTest, SortsFiltersAndScrolls) {
-    std::vector<ProcessSnapshot> found;
-    for (int32_t pid = 1; pid <= 6; ++pid) {
-        found.push_back(Found(pid, READ, pid % 2 == 0 ? "Even" : "odd", pid == 5 ? 9 : 4));
-    }
+    std::vector<ProcessSnapshot> found = {
+        Found(1, READ, "odd"),    Found(2, READ, "Even"),
+        Found(3, READ, "odd"),    Found(4, READ, "Even"),
+        Found(5, READ, "odd", 9), Found(6, READ, "Even", 4, START - SECOND)};
     found[3].openFds.reset();
     found[5].isKernelThread = true;
-    found[5].startTime = START - SECOND;
     proc(READ, found);
     model.advanceTo(READ + SECOND);
     events(Rss(READ + SECOND, 4, RSS_ANON, 12 * MIB), Rss(READ + SECOND, 2, RSS_ANON, 9 * MIB));

@@ -245,13 +245,14 @@ TEST_F(StreamTest, StopEndsAStreamThatNeverRunsEmpty) {
     EXPECT_FALSE(client.tryConnect(SERVICE_SOCKET_NAME));
 }
 
-TEST_F(StreamTest, RecordsOfAFormerServiceAreNotTold) {
+TEST_F(StreamTest, RecordsOfAFormerServiceAreLostAndCounted) {
     ASSERT_NO_FATAL_FAILURE(load());
     // The other class tells startService() when the new one is through with the old records.
     SetRingFlags(RING_CORE, FLAG_CORE_ENABLED);
     RecordInjector injector(RING_CORE);
     const auto stale = Numbered(-1000000);
-    ASSERT_GT(injector.inject(&stale, sizeof(stale), 50000).sent, 0U);
+    const auto [sent, refused] = injector.inject(&stale, sizeof(stale), 50000);
+    ASSERT_GT(sent, 0U);
     // Comes as early as it can, while the service begins.
     std::atomic<bool> subscribed{false};
     int64_t told = 0;
@@ -268,6 +269,7 @@ TEST_F(StreamTest, RecordsOfAFormerServiceAreNotTold) {
     injector.inject(&fresh, sizeof(fresh));
     early.join();
     EXPECT_EQ(told, 77777777);
+    EXPECT_GE(LostRecords(RING_CORE), sent + refused);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <string>
+#include <utility>
 
 #include "client/top/columns.h"
 
@@ -36,22 +37,17 @@ void OnFilterKey(int key, FrameState* state) {
 
 // Rows to scroll down; 0 for a key that does not scroll.
 int64_t ScrolledRows(int key, int64_t page) {
-    switch (key) {
-        case SCREEN_KEY_UP:
-            return -1;
-        case SCREEN_KEY_DOWN:
-            return 1;
-        case SCREEN_KEY_PAGE_UP:
-            return -page;
-        case SCREEN_KEY_PAGE_DOWN:
-            return page;
-        case SCREEN_KEY_HOME:
-            return INT32_MIN;
-        case SCREEN_KEY_END:
-            return INT32_MAX;
-        default:
-            return 0;
+    for (const auto& [scrolling, rows] : {std::pair<int, int64_t>{SCREEN_KEY_UP, -1},
+                                          {SCREEN_KEY_DOWN, 1},
+                                          {SCREEN_KEY_PAGE_UP, -page},
+                                          {SCREEN_KEY_PAGE_DOWN, page},
+                                          {SCREEN_KEY_HOME, INT32_MIN},
+                                          {SCREEN_KEY_END, INT32_MAX}}) {
+        if (key == scrolling) {
+            return rows;
+        }
     }
+    return 0;
 }
 
 }  // namespace

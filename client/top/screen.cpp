@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
+#include <iterator>
 #include <utility>
 
 #include "client/top/controls.h"
@@ -22,31 +23,39 @@ constexpr int ESCAPE_DELAY_MS = 25;
 
 enum ColourPair : short { GREEN_PAIR = 1, YELLOW_PAIR, RED_PAIR };
 
+// In the order of Style.
+constexpr struct {
+    attr_t attributes;
+    short pair;  // 0: none
+} STYLES[] = {{A_NORMAL, 0},
+              {A_BOLD, 0},
+              {A_DIM, 0},
+              {A_NORMAL, GREEN_PAIR},
+              {A_NORMAL, YELLOW_PAIR},
+              {A_BOLD, RED_PAIR},
+              {A_REVERSE, 0},
+              {A_REVERSE | A_BOLD | A_UNDERLINE, 0}};
+static_assert(std::size(STYLES) == static_cast<size_t>(Style::SORTED_TITLE) + 1);
+
 attr_t AttributesOf(Style style, bool colour) {
-    // Without colours what matters is bold.
-    const auto painted = [colour](ColourPair pair) {
-        return colour ? static_cast<attr_t>(COLOR_PAIR(pair)) : A_BOLD;
-    };
-    switch (style) {
-        case Style::PLAIN:
-            return A_NORMAL;
-        case Style::STRONG:
-            return A_BOLD;
-        case Style::FAINT:
-            return A_DIM;
-        case Style::GOOD:
-            return painted(GREEN_PAIR);
-        case Style::WARNING:
-            return painted(YELLOW_PAIR);
-        case Style::BAD:
-            return painted(RED_PAIR) | A_BOLD;
-        case Style::TITLE:
-            return A_REVERSE;
-        case Style::SORTED_TITLE:
-            return A_REVERSE | A_BOLD | A_UNDERLINE;
-    }
-    return A_NORMAL;
+    const auto& [attributes, pair] = STYLES[static_cast<size_t>(style)];
+    // Without colours what has one is bold.
+    return attributes | (colour ? COLOR_PAIR(pair) : pair != 0 ? A_BOLD : A_NORMAL);
 }
+
+constexpr struct {
+    int ours;
+    int theirs;
+} KEYS[] = {{SCREEN_KEY_UP, KEY_UP},
+            {SCREEN_KEY_DOWN, KEY_DOWN},
+            {SCREEN_KEY_PAGE_UP, KEY_PPAGE},
+            {SCREEN_KEY_PAGE_DOWN, KEY_NPAGE},
+            {SCREEN_KEY_HOME, KEY_HOME},
+            {SCREEN_KEY_END, KEY_END},
+            {SCREEN_KEY_BACKSPACE, KEY_BACKSPACE},
+            {SCREEN_KEY_BACKSPACE, '\b'},
+            {SCREEN_KEY_ENTER, KEY_ENTER},
+            {SCREEN_KEY_ENTER, '\r'}};
 
 android::base::unique_fd BlockTerminalSignals() {
     sigset_t blocked;
@@ -121,30 +130,15 @@ void TopScreen::draw(const std::vector<StyledLine>& lines) {
 
 std::optional<int> TopScreen::readKey() {
     const int key = getch();
-    switch (key) {
-        case ERR:
-            return std::nullopt;
-        case KEY_UP:
-            return SCREEN_KEY_UP;
-        case KEY_DOWN:
-            return SCREEN_KEY_DOWN;
-        case KEY_PPAGE:
-            return SCREEN_KEY_PAGE_UP;
-        case KEY_NPAGE:
-            return SCREEN_KEY_PAGE_DOWN;
-        case KEY_HOME:
-            return SCREEN_KEY_HOME;
-        case KEY_END:
-            return SCREEN_KEY_END;
-        case KEY_BACKSPACE:
-        case '\b':
-            return SCREEN_KEY_BACKSPACE;
-        case KEY_ENTER:
-        case '\r':
-            return SCREEN_KEY_ENTER;
-        default:
-            return key > 0xff ? SCREEN_KEY_OTHER : key;
+    if (key == ERR) {
+        return std::nullopt;
     }
+    for (const auto& [ours, theirs] : KEYS) {
+        if (key == theirs) {
+            return ours;
+        }
+    }
+    return key > 0xff ? SCREEN_KEY_OTHER : key;
 }
 
 bool TopScreen::handleSignals() {

@@ -105,7 +105,8 @@ TEST_P(RingVolumeTest, FiveGibibytesArrive) {
     // position of its own and compares it with `<`. A 32-bit one leaves it at the last record that
     // began before 4 GiB, and takes nothing that ends more than the ring's size after that, though
     // the ring be empty.
-    if (GetParam() == RingReplacement::NEVER && IsRingPosition32Bits().value() && sent < RECORD_COUNT) {
+    if (GetParam() == RingReplacement::NEVER && IsRingPosition32Bits().value() &&
+        sent < RECORD_COUNT) {
         EXPECT_EQ(sent, WRAP / BYTES_IN_RING + (RING_BYTES - 1) / BYTES_IN_RING);
         return;
     }

@@ -68,6 +68,7 @@ struct FakeRing {
             position += (size + BPF_RINGBUF_HDR_SZ + 7) / 8 * 8;
             As<uint32_t>(&consumer) = position;
             if (result < 0) {
+                errno = -result;
                 return result;
             }
         }
@@ -95,7 +96,11 @@ struct Reader {
                onRecord, this) {}
 
     int take() {
-        return wrap.take([this] { return ring->readAsLibrary(RingWrap::onLibraryRecord, &wrap); });
+        errno = 0;
+        const int result =
+            wrap.take([this] { return ring->readAsLibrary(RingWrap::onLibraryRecord, &wrap); });
+        EXPECT_TRUE(result >= 0 || result == -errno);
+        return result;
     }
     static int onRecord(void* ctx, void* data, size_t /*size*/) {
         auto* const self = static_cast<Reader*>(ctx);
