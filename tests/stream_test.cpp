@@ -245,7 +245,7 @@ TEST_F(StreamTest, StopEndsAStreamThatNeverRunsEmpty) {
     EXPECT_FALSE(client.tryConnect(SERVICE_SOCKET_NAME));
 }
 
-TEST_F(StreamTest, RecordsOfAFormerServiceAreLostAndNotTold) {
+TEST_F(StreamTest, RecordsOfAFormerServiceAreLostAndCounted) {
     ASSERT_NO_FATAL_FAILURE(load());
     // The other class tells startService() when the new one is through with the old records.
     SetRingFlags(RING_CORE, FLAG_CORE_ENABLED);

@@ -10,6 +10,7 @@
 #include <unistd.h>
 #include <utmp.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <sstream>
@@ -122,6 +123,7 @@ bool ChildProcess::waitFor(const std::string& stream, size_t start, const std::s
                            milliseconds patience) {
     const auto limit = steady_clock::now() + patience;
     while (stream.find(text, start) == std::string::npos) {
+        start = std::max(start, stream.size() - std::min(stream.size(), text.size()));
         if (steady_clock::now() >= limit || !readSome(STEP)) {
             return false;
         }

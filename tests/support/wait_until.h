@@ -7,7 +7,7 @@
 #include <functional>
 #include <thread>
 
-inline constexpr std::chrono::seconds TEST_PATIENCE{20};
+inline constexpr std::chrono::seconds TEST_PATIENCE{60};
 
 // Whether `condition` held before the patience ran out.
 inline bool WaitUntil(const std::function<bool()>& condition,
