@@ -19,6 +19,7 @@
 #include "ipc/ipc_package.h"
 #include "ipc/unix_ipc_manager.h"
 #include "ipc/unix_socket.h"
+#include "service/bpf_program.h"
 #include "tests/support/wait_until.h"
 #include "tests/support/wire_client.h"
 #include "util/time_util.h"
@@ -144,6 +145,10 @@ TEST(InterfaceTest, AServerTriesAgainWhateverFailsAndDoesNotSpin) {
     accepting.error = 0;
     watching.error = 0;
     EXPECT_TRUE(WaitUntil([&] { return connections == 2; }));
+}
+
+TEST(InterfaceTest, AMissingProgramFolderIsNoFailure) {
+    EXPECT_EQ(AttachAllTesuBpfProgram("/nowhere"), 0);
 }
 
 TEST(InterfaceTest, AHangUpThatComesAfterStopClosesNothing) {
