@@ -153,7 +153,7 @@ TEST(InterfaceTest, AMissingProgramFolderIsNoFailure) {
 
 TEST(InterfaceTest, AHangUpThatComesAfterStopClosesNothing) {
     UnixIpcManager server(true, IPC_BUFFER_SIZE, "/tesubpf-test/hang-up", {}, 10, 32);
-    const int timer = dup(STDIN_FILENO);
+    const int timer = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0);
     close(timer);
     server.createServer();  // its timer, then its socket
     server.stop();
