@@ -19,6 +19,7 @@
 #include "ipc/ipc_package.h"
 #include "ipc/unix_ipc_manager.h"
 #include "ipc/unix_socket.h"
+#include "service/bpf_program.h"
 #include "tests/support/wait_until.h"
 #include "tests/support/wire_client.h"
 #include "util/time_util.h"
@@ -120,9 +121,13 @@ TEST(InterfaceTest, AServerTriesAgainWhateverFailsAndDoesNotSpin) {
     EXPECT_TRUE(WaitUntil([&] { return connections == 2; }));
 }
 
+TEST(InterfaceTest, AMissingProgramFolderIsNoFailure) {
+    EXPECT_EQ(AttachAllTesuBpfProgram("/nowhere"), 0);
+}
+
 TEST(InterfaceTest, AHangUpThatComesAfterStopClosesNothing) {
     UnixIpcManager server(true, IPC_BUFFER_SIZE, "/tesubpf-test/hang-up", {}, 10, 32);
-    const int timer = dup(STDIN_FILENO);
+    const int timer = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0);
     close(timer);
     server.createServer();  // its timer, then its socket
     server.stop();
