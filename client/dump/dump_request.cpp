@@ -104,7 +104,7 @@ Result<std::optional<std::string>> AwaitFile(pid_t service, DumpSignal kind,
 }  // namespace
 
 Result<pid_t> FindServiceProcess(const std::string& socketName) {
-    const unique_fd fd = ConnectLocalSocket(socketName, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    const unique_fd fd = ConnectLocalSocket(socketName, SOCK_CLOEXEC);
     if (!fd.ok()) {
         return Failure(errno == ECONNREFUSED ? "no daemon is listening on @" + socketName
                                              : "cannot connect to the daemon on @" + socketName +
