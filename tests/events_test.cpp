@@ -2,7 +2,6 @@
 //
 // What real tasks do, reported by the real programs through the running service to a client that
 // knows only the wire format.
-#include <android-base/file.h>
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -30,6 +29,7 @@
 #include "records/contract.h"
 #include "records/read_prefix.h"
 #include "tests/support/kernel.h"
+#include "tests/support/temp_dir.h"
 #include "tests/support/wait_until.h"
 
 namespace Tesu::Bpf {
@@ -164,11 +164,8 @@ TEST_F(EventsTest, AProcessEndsWithItsLastThread) {
         prctl(PR_SET_NAME, "tesu-first");
         std::thread([] {
             prctl(PR_SET_NAME, "tesu-last");
-            WaitUntil([] {
-                std::string stat;
-                return android::base::ReadFileToString("/proc/self/stat", &stat) &&
-                       stat.find(") Z ") != std::string::npos;
-            });
+            WaitUntil(
+                [] { return ReadWholeFile("/proc/self/stat").find(") Z ") != std::string::npos; });
         }).detach();
         // Leaves the other thread alone; pthread_exit() would unwind into the test.
         syscall(SYS_exit, 0);

@@ -200,7 +200,7 @@ TEST_F(StreamTest, StopEndsAStreamThatNeverRunsEmpty) {
     WireClient client;
     ASSERT_NO_FATAL_FAILURE(subscribe(&client, {RAW_EVENT_FD_UPDATE}));
     EXPECT_TRUE(NextNumbered(client).has_value());
-    stopService();  // returns
+    stopService();  // or the time limit of the tests ends it
 }
 
 TEST_F(StreamTest, RecordsOfAFormerServiceAreLostAndCounted) {
