@@ -9,29 +9,21 @@
 #include "bpf/kernel_read.h"
 #include "bpf/ring.h"
 
-struct InjectedRecord {
-    union {
-        struct RawEventHeader header;
-        uint8_t bytes[INJECT_MAX_BYTES];
-    };
-};
-
 struct {
     __uint(type, BPF_MAP_TYPE_ARRAY);
     __uint(max_entries, 1);
     __type(key, uint32_t);
-    __type(value, struct InjectedRecord);
+    __type(value, uint8_t[INJECT_MAX_BYTES]);
 } injected_record SEC(".maps");
 
 SEC("syscall")
 int inject(struct InjectRequest* request) {
     const uint32_t key = 0;
-    struct InjectedRecord* record = bpf_map_lookup_elem(&injected_record, &key);
+    struct RawEventHeader* record = bpf_map_lookup_elem(&injected_record, &key);
     const uint32_t size = request->size;
     const uint32_t count = request->count;
     void* ring = CurrentRing();
-    if (ring == NULL || record == NULL || size < sizeof(struct RawEventHeader) ||
-        size > INJECT_MAX_BYTES) {
+    if (ring == NULL || record == NULL || size < sizeof(*record) || size > INJECT_MAX_BYTES) {
         return -1;
     }
     request->refused = 0;
@@ -47,7 +39,7 @@ int inject(struct InjectRequest* request) {
             ReportFullRing(ring);
             ++request->refused;
         }
-        ++record->header.time;
+        ++record->time;
     }
     return 0;
 }
