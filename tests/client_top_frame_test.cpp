@@ -42,7 +42,7 @@ ProcessView View() {
     // clang-format off
     view.rows = {
         {4711, 1, 0, "media", false, 12, 34, sizes, 20 * MIB, 4 * MIB, 125 * SECOND, rising, true, 0, 0},
-        {2, 0, 0, "kthreadd", true, 1, {}, {}, 0, 0, 12 * 86400 * SECOND, {0}, false, 0, 0},
+        {2, 0, 0, "kthreadd", true, 1, {}, {}, 0, 0, 1036800 * SECOND, {0}, false, 0, 0},
         {815, 1, 1000, "sixteen-letters!", false, 12, 34, sizes, 20 * MIB, -MIB, SECOND - 1,
          {100000, 101000, 100000}, false, 30, 0},
         {INT32_MIN, INT32_MIN, INT32_MIN, "\x1b[2J\x07", false, INT32_MIN, INT64_MIN, {MAX, MAX, MAX, MAX},

@@ -135,14 +135,13 @@ TEST_F(LoaderTest, GuessesWhatTheTypeInformationSays) {
     sources.members = MemberSource::BTF;
     const KernelLayout typed = FindKernelLayout(sources);
     EXPECT_TRUE(typed.values.hasAtomics == 1 || typed.values.pointerSize == 4);
-    if (!typed.memberProblem.empty()) {
-        GTEST_SKIP() << typed.memberProblem;
-    }
     sources.members = MemberSource::BTF_OR_GUESSING;
     sources.btfPath = "/nonexistent";
     const KernelLayout guessed = FindKernelLayout(sources);
     EXPECT_EQ(guessed.memberSource, "offset guessing") << guessed.memberProblem;
-    EXPECT_EQ(std::memcmp(&guessed.values, &typed.values, sizeof(typed.values)), 0);
+    if (typed.memberProblem.empty()) {  // where there is type information
+        EXPECT_EQ(std::memcmp(&guessed.values, &typed.values, sizeof(typed.values)), 0);
+    }
 }
 
 TEST(RingSizeTest, IsAPowerOfTwoOfWholePagesBelow4GiB) {

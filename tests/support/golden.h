@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Output that is to be what it was, byte for byte. The files are in tests/data of the sources, or in
-// the folder that TESUBPF_TEST_DATA of the environment names. With TESUBPF_UPDATE_GOLDEN set they
-// are written instead of compared: read what changed.
+// Output that is to be what it was, byte for byte. The files are in tests/data of the sources, or
+// in the folder that TESUBPF_TEST_DATA of the environment names. With TESUBPF_UPDATE_GOLDEN set
+// they are written instead of compared: read what changed.
 #pragma once
 
 #include <gtest/gtest.h>
