@@ -14,18 +14,17 @@
 #include <csignal>
 #include <cstdlib>
 #include <sstream>
-#include <thread>
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 namespace {
 
-constexpr milliseconds STEP{10};
+constexpr int STEP_MS = 10;
 
 // Appends what is there; closes the descriptor at its end.
 void Drain(android::base::unique_fd& fd, std::string& text) {
-    char block[4096];
+    char block[65536];
     const ssize_t count = read(fd.get(), block, sizeof(block));
     if (count > 0) {
         text.append(block, static_cast<size_t>(count));
@@ -103,13 +102,13 @@ int ChildProcess::heldOutput() const {
     return bytes;
 }
 
-bool ChildProcess::readSome(milliseconds duration) {
+bool ChildProcess::readSome() {
     // poll() passes over negative descriptors.
     pollfd entries[] = {{outputHeld ? -1 : outputFd.get(), POLLIN, 0}, {errorFd.get(), POLLIN, 0}};
     if (entries[0].fd == -1 && entries[1].fd == -1) {
         return false;
     }
-    poll(entries, 2, static_cast<int>(duration.count()));
+    poll(entries, 2, STEP_MS);
     if (entries[0].revents != 0) {
         Drain(outputFd, output);
     }
@@ -124,7 +123,7 @@ bool ChildProcess::waitFor(const std::string& stream, size_t start, const std::s
     const auto limit = steady_clock::now() + patience;
     while (stream.find(text, start) == std::string::npos) {
         start = std::max(start, stream.size() - std::min(stream.size(), text.size()));
-        if (steady_clock::now() >= limit || !readSome(STEP)) {
+        if (steady_clock::now() >= limit || !readSome()) {
             return false;
         }
     }
@@ -137,13 +136,13 @@ std::optional<int> ChildProcess::waitForExit() {
         int result = 0;
         if (waitpid(child, &result, WNOHANG) == child) {
             status = WIFEXITED(result) ? WEXITSTATUS(result) : 128 + WTERMSIG(result);
-        } else if (!readSome(STEP)) {
-            std::this_thread::sleep_for(STEP);
+        } else if (!readSome()) {
+            usleep(STEP_MS * 1000);
         }
     }
     // A program that has ended writes no more: read to the end of both.
     outputHeld = false;
-    while (status && steady_clock::now() < limit && readSome(STEP)) {
+    while (status && steady_clock::now() < limit && readSome()) {
     }
     return status;
 }

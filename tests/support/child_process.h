@@ -51,11 +51,9 @@ class ChildProcess {
                        std::chrono::milliseconds patience = TEST_PATIENCE) {
         return waitFor(output, 0, text, patience);
     }
-    bool waitForError(const std::string& text) { return waitFor(error, 0, text, TEST_PATIENCE); }
+    bool waitForError(const std::string& text) { return waitFor(error, 0, text); }
     // The same for what is read of the program from now on.
-    bool waitForNewOutput(const std::string& text) {
-        return waitFor(output, output.size(), text, TEST_PATIENCE);
-    }
+    bool waitForNewOutput(const std::string& text) { return waitFor(output, output.size(), text); }
     // Exit status, or 128 + signal number; none when it still runs after the patience.
     std::optional<int> waitForExit();
 
@@ -69,10 +67,10 @@ class ChildProcess {
     std::string error;
 
   private:
-    // Reads what comes within `duration`; false when both outputs have ended.
-    bool readSome(std::chrono::milliseconds duration);
+    // Reads what comes within a moment; false when both outputs have ended.
+    bool readSome();
     bool waitFor(const std::string& stream, size_t start, const std::string& text,
-                 std::chrono::milliseconds patience);
+                 std::chrono::milliseconds patience = TEST_PATIENCE);
 
     pid_t child = -1;
     std::optional<int> status;

@@ -24,13 +24,9 @@ namespace Tesu::Bpf {
 
 using android::base::unique_fd;
 
-namespace {
-
-unique_fd OpenStatus(RingIndex ring) {
+static unique_fd OpenStatus(RingIndex ring) {
     return OpenPin(ring == RING_CORE ? CORE_STATUS_MAP : GPL_STATUS_MAP);
 }
-
-}  // namespace
 
 uint64_t Scaled(uint64_t count) {
     const char* const scale = std::getenv("TESUBPF_TEST_SCALE");
@@ -112,10 +108,6 @@ RecordInjector::Result RecordInjector::inject(const void* record, uint32_t size,
         done += request.count;
     } while (done < count);
     return result;
-}
-
-ServiceTest::~ServiceTest() {
-    stopService();
 }
 
 void ServiceTest::load(std::optional<uint32_t> ringBytes) {

@@ -65,7 +65,7 @@ class RecordInjector {
 
 class ServiceTest : public KernelTest {
   protected:
-    ~ServiceTest() override;
+    ~ServiceTest() override { stopService(); }
 
     // Loads and pins the programs anew, all of them.
     static void load(std::optional<uint32_t> ringBytes = {});

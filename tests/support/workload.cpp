@@ -3,17 +3,14 @@
 // A program that does to a machine what the service is there to notice.
 //
 //   workload processes N    N processes that end at once, a few at a time
-//   workload seconds N      the same for N seconds
 //   workload threads N      N threads that end at once, a hundred at a time, and a few that stay
 //   workload children N     N children: every third stays as it is, every third becomes another
 //                           program, every third becomes one and is killed
 //   workload life CGROUP    when it is old enough for reports: a child, open files, a move to the
-//                           group (none: ""), threads and memory that stay
+//                           group, threads and memory; then its end
 //
-// Says "done COUNT" when that is done. Then the first two end; the others, and those of theirs that
-// stay, live until the program is killed.
+// Prints "done" and, but for the last, lives on with what stays until it is killed.
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -22,7 +19,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <functional>
 #include <string>
@@ -31,28 +27,23 @@
 
 namespace {
 
-using std::chrono::steady_clock;
-
 void Stay() {
     while (true) {
         pause();
     }
 }
 
-void StayInThreads(int count) {
-    for (int i = 0; i < count; ++i) {
+void StayInThreads() {
+    for (int i = 0; i < 20; ++i) {
         std::thread(Stay).detach();
     }
 }
 
 pid_t Fork(const std::function<void()>& live) {
-    const pid_t parent = getpid();
     const pid_t child = fork();
     if (child == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (getppid() == parent) {
-            live();
-        }
+        live();
         _exit(0);
     }
     if (child == -1) {
@@ -62,37 +53,32 @@ pid_t Fork(const std::function<void()>& live) {
     return child;
 }
 
-int Processes(const std::function<bool(int)>& goOn) {
+void Processes(int count) {
     constexpr int AT_A_TIME = 8;
-    int count = 0;
-    for (int running = 0; goOn(count) || running > 0; --running) {
-        for (; goOn(count) && running < AT_A_TIME; ++running) {
+    for (int i = 0; i < count + AT_A_TIME; ++i) {
+        if (i >= AT_A_TIME) {
+            wait(nullptr);
+        }
+        if (i < count) {
             Fork([] {});
-            ++count;
         }
-        wait(nullptr);
     }
-    return count;
 }
 
-int Threads(int wanted) {
+void Threads(int count) {
     constexpr int AT_A_TIME = 100;
-    StayInThreads(20);
-    for (int count = 0; count < wanted; count += AT_A_TIME) {
-        std::vector<std::thread> threads(AT_A_TIME);
-        for (std::thread& thread : threads) {
-            thread = std::thread([] {});
-        }
-        for (std::thread& thread : threads) {
-            thread.join();
+    StayInThreads();
+    for (int i = 0; i < count; i += AT_A_TIME) {
+        std::vector<std::jthread> threads(AT_A_TIME);
+        for (std::jthread& thread : threads) {
+            thread = std::jthread([] {});
         }
     }
-    return wanted;
 }
 
-int Children(int wanted) {
+void Children(int count) {
     const auto become = [] { execl("/bin/sleep", "sleep", "600", nullptr); };
-    for (int i = 0; i < wanted; ++i) {
+    for (int i = 0; i < count; ++i) {
         const pid_t child = i % 3 == 0 ? Fork(Stay) : Fork(become);
         if (i % 3 == 2) {
             // Before, during and after its exec.
@@ -101,25 +87,17 @@ int Children(int wanted) {
             waitpid(child, nullptr, 0);
         }
     }
-    return wanted;
 }
 
-int Life(const std::string& cgroup) {
-    constexpr size_t BYTES = size_t{64} << 20;
+void Life(const std::string& cgroup) {
     std::this_thread::sleep_for(std::chrono::milliseconds(3200));
     waitpid(Fork([] {}), nullptr, 0);
     for (int i = 0; i < 40; ++i) {
         open("/dev/null", O_RDONLY | O_CLOEXEC);
     }
-    if (!cgroup.empty() && !(std::ofstream(cgroup + "/cgroup.procs") << getpid() << std::flush)) {
-        std::perror(cgroup.c_str());
-        std::exit(1);
-    }
-    StayInThreads(20);
-    void* const memory =
-        mmap(nullptr, BYTES, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    std::memset(memory, 1, BYTES);
-    return 1;
+    std::ofstream(cgroup + "/cgroup.procs") << getpid() << std::flush;
+    StayInThreads();
+    const std::vector<char> memory(size_t{64} << 20, 1);
 }
 
 }  // namespace
@@ -127,18 +105,13 @@ int Life(const std::string& cgroup) {
 int main(int argc, char** argv) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     const std::string kind = argc == 3 ? argv[1] : "";
-    const int number = argc == 3 ? std::atoi(argv[2]) : 0;
-    const auto end = steady_clock::now() + std::chrono::seconds(number);
-    const int count = kind == "processes" ? Processes([&](int made) { return made < number; })
-                      : kind == "seconds"
-                          ? Processes([&](int) { return steady_clock::now() < end; })
-                      : kind == "threads"  ? Threads(number)
-                      : kind == "children" ? Children(number)
-                      : kind == "life"     ? Life(argv[2])
-                                           : 0;
-    std::printf("done %d\n", count);
-    std::fflush(stdout);
-    if (kind != "processes" && kind != "seconds") {
-        Stay();
+    if (kind == "life") {
+        Life(argv[2]);
+        _exit(0);
     }
+    const auto work = kind == "processes" ? Processes : kind == "threads" ? Threads : Children;
+    work(argc == 3 ? std::atoi(argv[2]) : 0);
+    std::puts("done");
+    std::fflush(stdout);
+    Stay();
 }
