@@ -2,6 +2,8 @@
 //
 // Records go the way of every record: what an operator and a client then get is byte for byte what
 // it was on every other machine. Needs no kernel program.
+#include "tests/support/golden.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -16,7 +18,6 @@
 #include "client/events/event_text.h"
 #include "records/read_prefix.h"
 #include "task/tesu_bpf_task_manager.h"
-#include "tests/support/golden.h"
 #include "tests/support/records.h"
 #include "tests/support/served_test.h"
 #include "util/time_util.h"

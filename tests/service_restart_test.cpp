@@ -14,7 +14,6 @@
 #include <set>
 
 #include "records/contract.h"
-#include "records/read_prefix.h"
 #include "tests/support/kernel.h"
 
 namespace Tesu::Bpf {
@@ -102,9 +101,8 @@ TEST_F(ServiceRestartTest, KnowsNothingOfWhatAnEarlierServiceSaw) {
     while (!living.empty()) {
         const auto package = client.next();
         ASSERT_TRUE(package.has_value()) << living.size() << " exits are missing";
-        const auto& body = package->body;
-        const auto rss = ReadPrefix<RawRssStatEvent>(body.data(), std::ssize(body));
-        const auto create = ReadPrefix<RawTaskCreateEvent>(body.data(), std::ssize(body));
+        const auto rss = As<RawRssStatEvent>(package->body);
+        const auto create = As<RawTaskCreateEvent>(package->body);
         if (rss.header.type == RAW_EVENT_TASK_CREATE) {
             EXPECT_FALSE(living.contains(create.pid));
         } else if (rss.header.type == RAW_EVENT_TASK_EXIT) {

@@ -20,7 +20,6 @@
 #include <vector>
 
 #include "records/contract.h"
-#include "records/read_prefix.h"
 #include "tests/support/kernel.h"
 #include "tests/support/wait_until.h"
 
@@ -58,8 +57,7 @@ class StreamTest : public ServiceTest {
     // kprobes real ones come between them.
     static std::optional<RawEventHeader> nextNumbered(WireClient& client) {
         while (const auto package = client.next()) {
-            const auto record = ReadPrefix<RawDmabufAllocEvent>(
-                package->body.data(), static_cast<int64_t>(package->body.size()));
+            const auto record = As<RawDmabufAllocEvent>(package->body);
             if (record.pid == 0) {
                 return record.header;
             }

@@ -33,7 +33,6 @@
 #include "proc/process_snapshot.h"
 #include "records/contract.h"
 #include "records/event_table.h"
-#include "records/read_prefix.h"
 #include "task/tesu_bpf_task_manager.h"
 #include "tests/support/child_process.h"
 #include "tests/support/kernel.h"
@@ -48,13 +47,9 @@ using android::base::unique_fd;
 using std::chrono::milliseconds;
 using testing::IsEmpty;
 
-// A service under a sanitizer needs a larger ring to keep up.
-constexpr uint32_t RING_BYTES = uint32_t{TESUBPF_STORM_RING_MIB} << 20;
-
-template <class T>
-T As(const WireClient::Package& package) {
-    return ReadPrefix<T>(package.body.data(), static_cast<int64_t>(package.body.size()));
-}
+// More than a storm writes: none of it is lost on a machine that is busy with something else.
+constexpr uint32_t RING_BYTES = 32 << 20;
+constexpr uint64_t STORM = 6000;
 
 // Of a process, as /proc, the service and the client's model have it.
 struct Row {
@@ -143,30 +138,25 @@ std::set<std::string> CompareWithProc(const Rows& rows, const std::map<pid_t, st
         if (process.isEnding) {
             continue;
         }
+        const auto check = [&](bool isRight, const std::string& what) {
+            if (!isRight) {
+                differences.insert(std::to_string(process.pid) + " (" + process.name + ")" + what);
+            }
+            return isRight;
+        };
         gone.erase(process.pid);
-        const std::string pid = std::to_string(process.pid) + " (" + process.name + ")";
         const auto row = rows.find(process.pid);
-        if (row == rows.end()) {
-            differences.insert(pid + " is not there");
+        if (!check(row != rows.end(), " is not there")) {
             continue;
         }
         const auto& [name, ppid, threads, memory] = row->second;
-        if (ppid != process.ppid && rows.contains(ppid)) {
-            differences.insert(pid + " has parent " + std::to_string(ppid));
-        }
-        const auto expected = known.find(process.pid);
-        if (expected == known.end()) {
-            continue;
-        }
-        if (name != expected->second) {
-            differences.insert(pid + " is called " + name);
-        }
-        if (threads != process.threads) {
-            differences.insert(pid + " has other threads");
-        }
-        for (size_t member = 0; member < memory.size(); ++member) {
-            if (std::llabs(memory[member] - process.memory[member]) > owed) {
-                differences.insert(pid + " has another size " + std::to_string(member));
+        check(ppid == process.ppid || !rows.contains(ppid), " has another parent");
+        if (const auto expected = known.find(process.pid); expected != known.end()) {
+            check(name == expected->second, " is called " + name);
+            check(threads == process.threads, " has other threads");
+            for (size_t member = 0; member < memory.size(); ++member) {
+                check(std::llabs(memory[member] - process.memory[member]) <= owed,
+                      " has another size " + std::to_string(member));
             }
         }
     }
@@ -176,26 +166,12 @@ std::set<std::string> CompareWithProc(const Rows& rows, const std::map<pid_t, st
     return differences;
 }
 
-// A dump of tasks says how many there are, and its rows are of one length; names have no line ends
-// here. The one of counters ends a line as it does.
+// A dump of tasks says how many there are, kernel tasks included; names have no line ends here.
 bool IsWhole(const std::string& text) {
-    const std::string title = "============ DUMP ALL TESU TASKS INFO (count: ";
-    if (!text.starts_with(title)) {
-        return text.starts_with("EventCount") && text.ends_with("\r\n");
-    }
-    std::istringstream lines(text);
-    std::string line;
-    std::getline(lines, line);
-    const long count = std::stol(line.substr(title.size()));
-    std::getline(lines, line);
-    std::set<size_t> lengths;
-    long rows = 0;
-    bool hasKernelTasks = false;
-    for (; std::getline(lines, line); ++rows) {
-        lengths.insert(line.size());
-        hasKernelTasks |= line.starts_with("kthreadd");
-    }
-    return text.ends_with('\n') && lengths.size() == 1 && (rows == count || !hasKernelTasks);
+    const auto lines = std::count(text.begin(), text.end(), '\n');
+    const bool isAll = text.find("\nkthreadd ") != std::string::npos;
+    return text.ends_with('\n') &&
+           (!isAll || lines == 2 + std::stol(text.substr(text.find("count: ") + 7)));
 }
 
 class TableTest : public ServiceTest {
@@ -243,8 +219,7 @@ class TableTest : public ServiceTest {
 };
 
 TEST_F(TableTest, EqualsProcBeforeDuringAndAfterStorms) {
-    const size_t processes = Scaled(40000);
-    const size_t children = Scaled(900);
+    const size_t children = Scaled(STORM / 20);
     ChildProcess idle({"/bin/sleep", "600"});
     ChildProcess zombie({"/bin/true"});
     ASSERT_TRUE(WaitUntil([&] {
@@ -253,7 +228,8 @@ TEST_F(TableTest, EqualsProcBeforeDuringAndAfterStorms) {
     }));
     std::map<pid_t, std::string> known = {{idle.pid(), "sleep"}};
     // The service begins while processes come and go.
-    const auto early = work("processes", processes / 2);
+    ASSERT_NO_FATAL_FAILURE(load(RING_BYTES));
+    const auto early = work("processes", Scaled(STORM));
     ASSERT_NO_FATAL_FAILURE(startService(RING_BYTES));
     subscribe(&top.client, {RAW_EVENT_TASK_CREATE, RAW_EVENT_TASK_EXIT, RAW_EVENT_RSS_STAT,
                             RAW_EVENT_FD_UPDATE});
@@ -262,11 +238,7 @@ TEST_F(TableTest, EqualsProcBeforeDuringAndAfterStorms) {
     finish(early.get(), readEvents);
     expectEqualProc(known);
 
-    const auto late = work("processes", processes / 2);
-    finish(late.get(), readEvents);
-    expectEqualProc(known);
-
-    const auto threads = work("threads", processes / 2);
+    const auto threads = work("threads", Scaled(STORM));
     finish(threads.get(), readEvents);
     const std::string ownName = ProcReader().read(getpid())->name;
     known[threads->pid()] = ownName;
@@ -289,9 +261,8 @@ TEST_F(TableTest, EqualsProcBeforeDuringAndAfterStorms) {
 }
 
 TEST_F(TableTest, KnowsTheDescriptorsThatWereThereBefore) {
-    std::list<unique_fd> inherited;
     for (int i = 0; i < 37; ++i) {
-        inherited.emplace_back(open("/dev/null", O_RDONLY));
+        open("/dev/null", O_RDONLY);  // for the program to inherit
     }
     ChildProcess idle({"/bin/sleep", "600"});
     const int32_t pid = idle.pid();
@@ -322,7 +293,7 @@ TEST_F(TableTest, KnowsTheDmaBufsThatWereThereBefore) {
         buffers.pop_front();
         const auto package = client.next();
         ASSERT_TRUE(package.has_value());
-        const auto event = As<RawDmabufAllocEvent>(*package);
+        const auto event = As<RawDmabufAllocEvent>(package->body);
         EXPECT_EQ(event.pid, getpid());
         EXPECT_EQ(event.size, left * page);
     }
@@ -357,16 +328,17 @@ TEST_F(TableTest, DumpsDuringAStormAreWholeAndCostNoEvent) {
         }
     });
 
-    const size_t count = Scaled(20000);
+    const size_t count = Scaled(STORM);
     const auto storm = work("processes", count);
     // Of the storm's children; ids come again.
     std::set<pid_t> living;
     size_t created = 0;
     size_t ended = 0;
     pid_t exited = 0;
-    const auto take = [&](const WireClient::Package& package) {
-        const auto create = As<RawTaskCreateEvent>(package);
-        const auto exit = As<RawTaskExitEvent>(package);
+    const auto take = [&](milliseconds patience) {
+        const auto package = client.next(patience);
+        const auto exit = As<RawTaskExitEvent>(package ? package->body : "");
+        const auto create = As<RawTaskCreateEvent>(package ? package->body : "");
         if (exit.header.type == RAW_EVENT_TASK_EXIT && exit.taskType == RAW_TASK_PROCESS) {
             exited = exit.pid;
             ended += living.erase(exited);
@@ -374,22 +346,17 @@ TEST_F(TableTest, DumpsDuringAStormAreWholeAndCostNoEvent) {
             EXPECT_TRUE(living.insert(create.pid).second) << create.pid;
             ++created;
         }
+        return package.has_value();
     };
     finish(storm.get(), [&] {
-        while (const auto package = client.next(milliseconds(0))) {
-            take(*package);
+        while (take(milliseconds(0))) {
         }
     });
     ChildProcess last({"/bin/true"});
     last.waitForExit();
-    while (exited != last.pid()) {
-        const auto package = client.next();
-        if (!package) {
-            ADD_FAILURE() << "the stream ended";
-            break;
-        }
-        take(*package);
+    while (exited != last.pid() && take(WireClient::PATIENCE)) {
     }
+    EXPECT_EQ(exited, last.pid()) << "the stream ended";
     isOver = true;
     reader.join();
     EXPECT_EQ(created, count);

@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "records/raw_event.h"
+#include "records/read_prefix.h"
 #include "service/tesu_bpf_service.h"
 #include "tests/support/sandbox.h"
 #include "tests/support/wire_client.h"
@@ -23,6 +24,12 @@ namespace Tesu::Bpf {
 // How many of what a test makes by the thousand: a part of it under sanitizers, and in emulated
 // machines, which say how small a part (TESUBPF_TEST_SCALE of the environment).
 uint64_t Scaled(uint64_t count);
+
+// What a client received, as a record or a notification.
+template <class T>
+T As(const std::string& bytes) {
+    return ReadPrefix<T>(bytes.data(), std::ssize(bytes));
+}
 
 // The map or program of that pin name; invalid where there is none.
 android::base::unique_fd OpenPin(const std::string& name);
