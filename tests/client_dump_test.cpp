@@ -56,9 +56,9 @@ TEST(DumpRequest, TakesTheNewFileOfItsKindAndNothingElse) {
     const TerminationSignals signals;
     for (const auto& [onSignal, answer] : cases) {
         const TempDir folder;
-        const ShellDaemon daemon("cd " + folder.path() + "; " + functions +
-                                 "; dump 1 mmId old; trap '" + onSignal +
-                                 "' 53; >ready; while :; do sleep 0.02; done");
+        std::string script = "cd " + folder.path() + "; ";
+        script.append(functions).append("; dump 1 mmId old; trap '").append(onSignal);
+        const ShellDaemon daemon(script += "' 53; >ready; while :; do sleep 0.02; done");
         ASSERT_TRUE(WaitUntil([&] { return access(folder.path("ready").c_str(), F_OK) == 0; }));
         const auto text = RequestDump(daemon.pid, DUMP_SIGNAL_NORMAL, folder.path(), signals);
         EXPECT_THAT(text ? text->value_or("nothing") : text.error(), testing::HasSubstr(answer))

@@ -3,6 +3,7 @@
 // `tesubpf top` as a user runs it: on a pseudo-terminal, against a service of the test's own.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -53,8 +54,13 @@ TEST_F(TopTest, GivesTheTerminalBackHoweverItEndsAndWhileItIsStopped) {
         ASSERT_TRUE(program.waitForNewOutput("live"));
         EXPECT_FALSE(program.hasTerminalModesOfBefore());
         program.type("\x1a");
-        ASSERT_TRUE(program.waitForNewOutput(LEAVE_SCREEN));
-        EXPECT_TRUE(WaitUntil([&] { return program.hasTerminalModesOfBefore(); }));
+        // It lets go of the terminal first.
+        ASSERT_TRUE(WaitUntil([&] {
+            siginfo_t info{};
+            waitid(P_PID, static_cast<id_t>(program.pid()), &info, WSTOPPED | WNOHANG);
+            return info.si_pid == program.pid();
+        }));
+        EXPECT_TRUE(program.hasTerminalModesOfBefore());
         program.sendSignal(SIGCONT);
         ASSERT_TRUE(program.waitForNewOutput("live"));
         EXPECT_FALSE(program.hasTerminalModesOfBefore());

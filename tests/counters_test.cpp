@@ -23,7 +23,11 @@ namespace {
 
 class CountersTest : public SandboxTest {
   protected:
-    static unsigned long long readSecond() { return second; }
+    static unsigned long long readSecond() {
+        const unsigned long long read = second;
+        std::this_thread::yield();  // lets others pass the one that has read
+        return read;
+    }
     static std::string dump(TesuBpfDataState& state) {
         state.DumpState();
         return ReadWholeFile(std::string(DUMP_DIR) + "/" + STATE_DUMP_FILE);

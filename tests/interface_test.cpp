@@ -93,32 +93,6 @@ TEST(InterfaceTest, ARequestDuringTheWriteCallbackIsServed) {
     EXPECT_EQ(writes, 2) << "then write readiness is off";
 }
 
-TEST(InterfaceTest, WritingNowMeetsConnectionsThatComeAndGo) {
-    const std::string name = "/tesubpf-test/" + std::to_string(getpid());
-    const std::string text(100, 'x');
-    std::atomic<int> lastClient{-1};
-    std::atomic<unsigned> writes{0};
-    IpcHandlerState handlers;
-    handlers.connection = [&](int fd) { lastClient = fd; };
-    handlers.writeable = [&](int, BufferState* out) {
-        const std::string bytes = ++writes % 2 == 0 ? WireClient::frame(3, text) : "";
-        out->length = static_cast<int>(bytes.copy(out->data, bytes.size()));
-        return 0;
-    };
-    UnixIpcManager server(true, IPC_BUFFER_SIZE, name, handlers, "IpcTest", 10, 32);
-    server.start();
-    const std::jthread writer([&](const std::stop_token& done) {
-        while (!done.stop_requested()) {
-            server.writeDataNow(lastClient);
-        }
-    });
-    WireClient client;
-    for (int i = 0; i < 200; ++i) {
-        ASSERT_TRUE(client.connectTo(name));
-        EXPECT_EQ(client.next().value_or(WireClient::Package()).body, text);
-    }
-}
-
 TEST(InterfaceTest, AServerTriesAgainWhateverFailsAndDoesNotSpin) {
     const std::string name = "/tesubpf-test/" + std::to_string(getpid());
     std::atomic<int> connections{0};

@@ -12,6 +12,8 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 
@@ -62,7 +64,7 @@ bool IsOfKind(DumpSignal kind, const std::string& text) {
     unsigned count = 0;
     std::sscanf(text.c_str(), "%*[^:]: %u", &count);
     return hasOldColumns == isFull &&
-           (!withKernelTasks || std::count(text.begin() + rows, text.end(), '\n') > count);
+           (!withKernelTasks || std::count(text.begin() + rows, text.end(), '\n') > int64_t{count});
 }
 
 // The text of the first file of the wanted kind that is not `old`; none when a signal came.
