@@ -97,7 +97,7 @@ TEST_F(ProgramsTest, CarryAProcessFromTheKernelToTheUser) {
     const std::string group = "tesu-test-" + std::to_string(getpid());
     temp.makeFolder(group);
 
-    EXPECT_THAT(OutputOf({TESUBPFLOAD_PATH}), Not(HasSubstr("left out")));
+    EXPECT_THAT(OutputOf({TESUBPFLOAD_PATH, "--ring-size", "32M"}), Not(HasSubstr("left out")));
     ChildProcess daemon(Redirected("2>" + files.path("log"), DaemonOn61()));
     ASSERT_TRUE(daemon.waitForOutput(std::string("serving on @") + SERVICE_SOCKET_NAME + "\n"));
     EXPECT_THAT(OutputOf({TESUBPFD_PATH}, 3), HasSubstr("another daemon runs already"));

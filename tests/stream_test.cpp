@@ -93,7 +93,7 @@ class StreamTest : public ServiceTest {
 
 TEST_F(StreamTest, ProducedIsReceivedAndLostOnBothRings) {
     const uint64_t records = Scaled(Scaled(10000000));  // of each ring
-    ASSERT_NO_FATAL_FAILURE(startService(256 * 1024, "6.1"));
+    ASSERT_NO_FATAL_FAILURE(startService(64 * 1024, "6.1"));
     WireClient client;
     ASSERT_NO_FATAL_FAILURE(subscribe(&client, {RAW_EVENT_FD_UPDATE, RAW_EVENT_DMABUF_SIZE}));
     struct Stream {
@@ -110,7 +110,7 @@ TEST_F(StreamTest, ProducedIsReceivedAndLostOnBothRings) {
             // First as fast as it goes, so that the ring is full again and again; then in step with
             // the reader.
             auto& [sent, refused] = stream.result;
-            while (sent + refused < records) {
+            while (sent + refused < records || refused == 0) {
                 const auto record = Numbered(static_cast<int64_t>(sent + refused + 1), stream.type);
                 const auto part = injector.inject(&record, sizeof(record), 1000);
                 sent += part.sent;
@@ -126,7 +126,6 @@ TEST_F(StreamTest, ProducedIsReceivedAndLostOnBothRings) {
     for (auto& [ring, type, result, producer] : streams) {
         producer.join();
         EXPECT_EQ(received[type], result.sent);
-        EXPECT_GT(result.refused, 0U) << "the ring was never full: nothing was lost";
         // Other tasks of the machine may have met the full ring too.
         EXPECT_GE(LostRecords(ring), result.refused);
     }
@@ -134,7 +133,7 @@ TEST_F(StreamTest, ProducedIsReceivedAndLostOnBothRings) {
 
 // Then nobody reads, and real records find the ring full.
 TEST_F(StreamTest, SixPollErrorsInARowEndTheMonitorFiveDoNot) {
-    constexpr uint32_t RING_BYTES = 64 * 1024;
+    constexpr uint32_t RING_BYTES = 16 * 1024;
     ASSERT_NO_FATAL_FAILURE(startService(RING_BYTES));
     WireClient client;
     ASSERT_NO_FATAL_FAILURE(subscribe(&client, {RAW_EVENT_FD_UPDATE}));
