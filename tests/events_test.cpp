@@ -139,7 +139,7 @@ class EventsTest : public ServiceTest {
 TEST_F(EventsTest, EveryShortLifeIsReportedOnceWithItsParentAndUser) {
     constexpr uid_t OTHER_UID = 12345;
     ASSERT_NO_FATAL_FAILURE(start());
-    std::vector<pid_t> pids(500);
+    std::vector<pid_t> pids(Scaled(500));
     for (pid_t& pid : pids) {
         pid = RunProcess([] {});
     }
