@@ -156,7 +156,9 @@ std::set<std::string> CompareWithProc(const Rows& rows, const std::map<pid_t, st
             check(threads == process.threads, " has other threads");
             for (size_t member = 0; member < memory.size(); ++member) {
                 check(std::llabs(memory[member] - process.memory[member]) <= owed,
-                      " has another size " + std::to_string(member));
+                      " has size " + std::to_string(member) + ": " +
+                          std::to_string(memory[member]) + ", not " +
+                          std::to_string(process.memory[member]));
             }
         }
     }

@@ -7,6 +7,7 @@
 //   workload threads N      N threads that end at once, a hundred at a time, and a few that stay
 //   workload children N     N children: every third stays as it is, every third becomes another
 //                           program, every third becomes one and is killed
+//   workload touch N        N MiB of memory; says nothing
 //   workload life CGROUP    when it is old enough for reports: a child, open files, a move to the
 //                           group (none: ""), threads and memory that stay
 //
@@ -90,8 +91,14 @@ int Threads(int wanted) {
     return wanted;
 }
 
+void Touch(size_t bytes) {
+    void* const memory =
+        mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    std::memset(memory, 1, bytes);
+}
+
 int Children(int wanted) {
-    const auto become = [] { execl("/bin/sleep", "sleep", "600", nullptr); };
+    const auto become = [] { execl("/proc/self/exe", "workload", "touch", "1", nullptr); };
     for (int i = 0; i < wanted; ++i) {
         const pid_t child = i % 3 == 0 ? Fork(Stay) : Fork(become);
         if (i % 3 == 2) {
@@ -116,9 +123,7 @@ int Life(const std::string& cgroup) {
         std::exit(1);
     }
     StayInThreads(20);
-    void* const memory =
-        mmap(nullptr, BYTES, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    std::memset(memory, 1, BYTES);
+    Touch(BYTES);
     return 1;
 }
 
@@ -128,6 +133,10 @@ int main(int argc, char** argv) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     const std::string kind = argc == 3 ? argv[1] : "";
     const int number = argc == 3 ? std::atoi(argv[2]) : 0;
+    if (kind == "touch") {
+        Touch(static_cast<size_t>(number) << 20);
+        Stay();
+    }
     const auto end = steady_clock::now() + std::chrono::seconds(number);
     const int count = kind == "processes" ? Processes([&](int made) { return made < number; })
                       : kind == "seconds"
