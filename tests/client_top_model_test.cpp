@@ -125,7 +125,7 @@ TEST_F(ProcessModelTest, RefreshesAForkedProcessUntilItHasItsOwnName) {
     EXPECT_THAT(model.takeRefreshes(START + delays[1], 9), ElementsAre(6));
 }
 
-TEST_F(ProcessModelTest, SortsFiltersAndScrolls) {
+TEST_F(ProcessModelTest, SortsAndFilters) {
     std::vector<ProcessSnapshot> found = {
         Found(1, READ, "odd"),    Found(2, READ, "Even"),
         Found(3, READ, "odd"),    Found(4, READ, "Even"),

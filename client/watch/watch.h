@@ -23,7 +23,7 @@ struct WatchOptions {
 };
 
 // Events go to standard output, news of the connection to standard error. Returns an ExitStatus.
-// The time, if there is one, ends by SIGTERM.
+// When `seconds` are over the process gets a SIGTERM, which `signals` takes as any other.
 int RunWatch(const WatchOptions& options, const TerminationSignals& signals);
 
 }  // namespace Tesu::Bpf
