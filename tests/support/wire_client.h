@@ -12,13 +12,14 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <deque>
 #include <optional>
 #include <string>
 #include <utility>
+
+#include "tests/support/wait_until.h"
 
 class WireClient {
   public:
@@ -33,28 +34,22 @@ class WireClient {
 
     // Tries until the server is there or the patience is over.
     bool connectTo(const std::string& name) {
-        const auto end = Clock::now() + PATIENCE;
-        bool connected = tryConnect(name);
-        while (!connected && Clock::now() < end) {
-            usleep(10000);
-            connected = tryConnect(name);
-        }
-        return connected;
+        return WaitUntil([&] { return tryConnect(name); }, PATIENCE);
     }
 
-    // The name is one of the abstract namespace: a NUL stands in front of it.
     bool tryConnect(const std::string& name) {
-        disconnect();
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::memcpy(address.sun_path + 1, name.data(), name.size());
-        const auto length =
-            static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+        *this = WireClient();
+        const auto [address, length] = addressOf(name);
         fd.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         return connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), length) == 0;
     }
 
-    void disconnect() { *this = WireClient(); }
+    // The name is one of the abstract namespace: a NUL stands in front of it.
+    static std::pair<sockaddr_un, socklen_t> addressOf(const std::string& name) {
+        sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+        const size_t length = name.copy(address.sun_path + 1, sizeof(address.sun_path) - 1);
+        return {address, static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + length)};
+    }
 
     int descriptor() const { return fd.get(); }
 
@@ -81,8 +76,8 @@ class WireClient {
     }
     static std::string request(uint32_t id, std::string command, const std::string& data) {
         command.resize(32);
-        const std::string head = word(id) + command + word(static_cast<uint32_t>(data.size()));
-        return frame(REQUEST, head + data);
+        const auto length = static_cast<uint32_t>(data.size());
+        return frame(REQUEST, word(id) + command + word(length) + data);
     }
     static std::string subscription(uint32_t id, int32_t eventType) {
         return request(id, "register-event-monitor", word(static_cast<uint32_t>(eventType)));
