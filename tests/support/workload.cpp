@@ -6,6 +6,7 @@
 //   workload threads N      N threads that end at once, a hundred at a time, and a few that stay
 //   workload children N     N children: every third stays as it is, every third becomes another
 //                           program, every third becomes one and is killed
+//   workload touch -        a mebibyte of memory; prints nothing
 //   workload life CGROUP    when it is old enough for reports: a child, open files, a move to the
 //                           group, threads and memory; then its end
 //
@@ -77,7 +78,7 @@ void Threads(int count) {
 }
 
 void Children(int count) {
-    const auto become = [] { execl("/bin/sleep", "sleep", "600", nullptr); };
+    const auto become = [] { execl("/proc/self/exe", "workload", "touch", "-", nullptr); };
     for (int i = 0; i < count; ++i) {
         const pid_t child = i % 3 == 0 ? Fork(Stay) : Fork(become);
         if (i % 3 == 2) {
@@ -105,6 +106,10 @@ void Life(const std::string& cgroup) {
 int main(int argc, char** argv) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     const std::string kind = argc == 3 ? argv[1] : "";
+    if (kind == "touch") {
+        const std::vector<char> memory(size_t{1} << 20, 1);
+        Stay();
+    }
     if (kind == "life") {
         Life(argv[2]);
         _exit(0);
