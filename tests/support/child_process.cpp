@@ -98,10 +98,11 @@ bool ChildProcess::readSome() {
         return false;
     }
     poll(entries, 2, 10);
-    for (const bool isError : {false, true}) {
-        if (entries[isError].revents != 0) {
-            Drain(isError ? errorFd : outputFd, isError ? error : output);
-        }
+    if (entries[0].revents != 0) {
+        Drain(outputFd, output);
+    }
+    if (entries[1].revents != 0) {
+        Drain(errorFd, error);
     }
     return true;
 }

@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
-#include <cstring>
 #include <deque>
 #include <optional>
 #include <string>
@@ -63,9 +62,10 @@ class WireClient {
     static std::string word(uint32_t value) {
         return {reinterpret_cast<const char*>(&value), sizeof(value)};
     }
+    // 0 for what lies behind the end.
     static uint32_t wordAt(const std::string& bytes, size_t offset) {
         uint32_t value = 0;
-        std::memcpy(&value, bytes.data() + offset, sizeof(value));
+        bytes.copy(reinterpret_cast<char*>(&value), sizeof(value), std::min(offset, bytes.size()));
         return value;
     }
 
@@ -93,9 +93,8 @@ class WireClient {
     std::optional<int32_t> reply(uint32_t id) {
         const auto end = Clock::now() + PATIENCE;
         while (auto package = receive(end)) {
-            const std::string& body = package->body;
-            if (package->type == RESPONSE && body.size() >= 12 && wordAt(body, 0) == id) {
-                return static_cast<int32_t>(wordAt(body, 4));
+            if (package->type == RESPONSE && wordAt(package->body, 0) == id) {
+                return static_cast<int32_t>(wordAt(package->body, 4));
             }
             kept.push_back(std::move(*package));
         }
@@ -114,10 +113,7 @@ class WireClient {
 
     // Whether the server closes the connection within the patience; what it sends is dropped.
     bool isClosedByServer() {
-        const auto end = Clock::now() + PATIENCE;
-        while (receiveMore(end)) {
-        }
-        return closed;
+        return WaitUntil([this] { return !receiveMore(Clock::now() + PATIENCE); }) && closed;
     }
 
   private:
