@@ -14,7 +14,6 @@
 #include <thread>
 
 #include "diag/tesu_bpf_state.h"
-#include "records/contract.h"
 #include "tests/support/sandbox.h"
 #include "tests/support/temp_dir.h"
 
@@ -30,7 +29,7 @@ class CountersTest : public SandboxTest {
     }
     static std::string dump(TesuBpfDataState& state) {
         state.DumpState();
-        return ReadWholeFile(std::string(DUMP_DIR) + "/" + STATE_DUMP_FILE);
+        return ReadWholeFile(TesuBpfDataState::TESUTASK_DUMP_TEMPLATE);
     }
     static inline std::atomic<unsigned long long> second{1000};
 };
@@ -47,7 +46,7 @@ TEST_F(CountersTest, ARowPerSecondWhateverTheClockDoes) {
         for (int i = 0; i < 100; ++i) {
             state.RecordEvent(i % 2 == 0 ? 8 : -1, 1);
             const int step = STEPS[random() % (round % 2 == 0 ? 5 : std::size(STEPS))];
-            second += static_cast<unsigned long long>(step);
+            second += static_cast<uint64_t>(step);
             head += static_cast<uint32_t>(step);
             for (int back = 0; back < std::min(step, 1800); ++back) {
                 slots[(head - static_cast<uint32_t>(back)) % 1800].fill(0);
@@ -65,7 +64,7 @@ TEST_F(CountersTest, ARowPerSecondWhateverTheClockDoes) {
         for (int64_t number = head; number >= tail; --number) {
             const StateRow& row = slots[static_cast<size_t>(number) % 1800];
             csv << std::accumulate(row.begin(), row.end() - 1, 0) << ", ";
-            std::copy(row.begin(), row.end(), std::ostream_iterator<int>(csv, ", "));
+            std::ranges::copy(row, std::ostream_iterator<int>(csv, ", "));
             csv << "\r\n";
         }
         ASSERT_EQ(dump(state), csv.str());
@@ -80,11 +79,10 @@ TEST_F(CountersTest, NoCountIsLostBetweenThreads) {
         TesuBpfDataState state(readSecond);
         std::barrier together(2, []() noexcept { second += 100; });
         const auto count = [&] {
-            for (int i = 0; i < COUNTS; ++i) {
+            for (int i = 0; i < COUNTS; ++i, state.RecordEvent(2, 1)) {
                 if (i % 200 == 0) {
                     together.arrive_and_wait();
                 }
-                state.RecordEvent(2, 1);
             }
         };
         {
@@ -92,11 +90,9 @@ TEST_F(CountersTest, NoCountIsLostBetweenThreads) {
             dump(state);
         }
         std::istringstream csv(dump(state));
-        std::string line;
-        std::getline(csv, line);
         int sum = 0;
-        while (std::getline(csv, line)) {
-            sum += std::stoi(line);
+        for (std::string line; std::getline(csv, line);) {
+            sum += std::atoi(line.c_str());  // the first has names
         }
         ASSERT_EQ(sum, 2 * COUNTS);
     }

@@ -24,42 +24,33 @@
 namespace Tesu::Bpf {
 namespace {
 
-using testing::UnorderedElementsAre;
-
 std::string Stat(const std::string& start) {
     return start + " 7 1 1 0 -1 64 1 2 3 4 5 6 7 8 20 0 17 0 1230000 1 2\n";
 }
 
 TEST(ScanTest, ReadersOfAnOddTree) {
-    std::string maps;  // longer than one read
-    while (maps.size() < 300000) {
-        maps += "5581-5582 r--p 00000000 fe:00 99 /bin/dmabuf user\n";
-    }
+    std::string maps(300000, '\n');  // longer than one read
+    maps +=
+        "5581-5582 r--p 00000000 fe:00 99 /bin/dmabuf user\n1-2-3 rw-s 0 00:0a 2 /dmabuf\n"
+        "4000-7000 rw-s 0 00:0a 18446744073709551615   /dmabuf:gpu";
     const std::string status =
         "\nName:\tPPid:\t9\nPPid:\t7\nUid:\t1000\t1001\nRssAnon:\t  20 kB\nRssFile:\t  30 kB\n"
         "RssShmem:\t  40 kB\nVmSwap:\t  12 kB";
     const std::string zombie = "Name:\tname of sixteen!\nState:\tZ (zombie)\nThreads:\t";
-    const std::string dmabufs =
-        "1000-2000 rw-s 0 00:0a 1 /dmabuf:\n1-2-3 rw-s 0 00:0a 2 /dmabuf\n"
-        "4000-7000 rw-s 0 00:0a 18446744073709551615   /dmabuf:gpu";
     const TempDir proc;
     for (const std::vector<std::string>& process :
-         {std::vector<std::string>{"10", status, Stat("10 (a) (b) S"), maps + dmabufs, "0", "9"},
+         {std::vector<std::string>{"10", status, Stat("10 (a) (b) S"), maps, "0", "9"},
           {"11", "Name:\tshort\nVmSwap:\t9223372036854775807 kB\n", "11 (short) S 1\n",
            "0-9 rw-s 0 00:0a 3 /dmabuf:\n9-0 rw-s 0 00:0a 3 /dmabuf:\n", "7", ".hidden"},
           {"12", zombie + "1\n", Stat("12 (zombie) Z"), ""},
           {"13", zombie + "2\n", Stat("13 (first) Z"), ""},  // its other thread lives
-          {"14", "", Stat("14 (a\n) S"), ""},
-          {"18", "", Stat("19 (other) S"), ""},
           {"15a", status, Stat("15 (nobody) S"), ""}}) {
         for (size_t i = 1; i < process.size(); ++i) {
             const std::string files[] = {"", "/status", "/stat", "/maps"};
             proc.write(process[0] + (i < 4 ? files[i] : "/fd/" + process[i]), process[i]);
         }
     }
-    proc.write("16/status", status);
     proc.makeFolder("17/status");  // opens, but cannot be read
-    proc.makeFolder("17/fd");
     std::vector<std::string> lines;
     const auto add = [&](const auto&... values) {
         std::ostringstream line;
@@ -71,7 +62,7 @@ TEST(ScanTest, ReadersOfAnOddTree) {
         return add("task", task.pid, task.comm, task.ppid, task.uid, task.threadNum, task.startTime,
                    task.rssFileSize, task.rssAnonSize, task.rssShmemSize, task.rssSwapSize);
     });
-    EXPECT_EQ(count, 5);
+    EXPECT_EQ(count, 3);
     const auto all = [] { return true; };
     ScanOpenFds(proc.path(), all, [&](const OpenFdCaller& caller) {
         add("fds", caller.pid, caller.comm, caller.openFds);
@@ -79,7 +70,7 @@ TEST(ScanTest, ReadersOfAnOddTree) {
     const auto addMapping = [&](uint64_t inode, const DmabufAllocation& allocation) {
         add("mapping", allocation.pid, inode, allocation.size);
     };
-    ScanDmabufs(proc.path(), all, addMapping, [&](int pid, int64_t sum) { add("sum", pid, sum); });
+    ScanDmabufs(proc.path(), all, addMapping, [&](int pid, int64_t sum) { add(pid, sum); });
     std::vector<ProcessSnapshot> processes;
     EXPECT_TRUE(ProcReader(proc.path()).readAll(&processes));
     for (const ProcessSnapshot& process : processes) {
@@ -88,14 +79,12 @@ TEST(ScanTest, ReadersOfAnOddTree) {
     }
     EXPECT_THAT(
         lines,
-        UnorderedElementsAre(
+        testing::UnorderedElementsAre(
             "task 10 PPid:\t9 7 1000 0 0 30720 20480 40960 12288 ",
             "task 11 short 0 0 0 0 0 0 0 -1024 ", "task 13 name of sixteen 0 0 17 12300 0 0 0 0 ",
-            "task 14  0 0 0 0 0 0 0 0 ", "task 18  0 0 17 12300 0 0 0 0 ", "fds 10 PPid:\t9 2 ",
-            "fds 11 short 1 ", "mapping 10 1 4096 ", "mapping 10 18446744073709551615 12288 ",
-            "sum 10 16384 ", "mapping 11 3 9 ", "mapping 11 3 -9 ",
-            "top 10 a) (b 7 1000 17 2 0 12288 ", "top 12 zombie 7 0 17 -1 1 0 ",
-            "top 13 first 7 0 17 -1 1 0 ", "top 14 a\n 7 -1 17 -1 0 0 "));
+            "fds 10 PPid:\t9 2 ", "fds 11 short 1 ", "mapping 10 18446744073709551615 12288 ",
+            "10 12288 ", "mapping 11 3 9 ", "mapping 11 3 -9 ", "top 10 a) (b 7 1000 17 2 0 12288 ",
+            "top 12 zombie 7 0 17 -1 1 0 ", "top 13 first 7 0 17 -1 1 0 "));
 }
 
 TEST(ScanTest, SomeNamesAreReadAgain) {

@@ -15,20 +15,14 @@
 #include <cstdlib>
 #include <sstream>
 
-using std::chrono::milliseconds;
-using std::chrono::steady_clock;
-
 namespace {
-
-constexpr int STEP_MS = 10;
 
 // Appends what is there; closes the descriptor at its end.
 void Drain(android::base::unique_fd& fd, std::string& text) {
     char block[65536];
     const ssize_t count = read(fd.get(), block, sizeof(block));
-    if (count > 0) {
-        text.append(block, static_cast<size_t>(count));
-    } else {
+    text.append(block, static_cast<size_t>(std::max<ssize_t>(count, 0)));
+    if (count <= 0) {
         fd.reset();
     }
 }
@@ -54,14 +48,11 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments,
         EXPECT_EQ(pipe2(outputs, O_CLOEXEC) + pipe2(errors, O_CLOEXEC), 0);
     }
     // What is the machine's own runs without the emulator.
-    std::vector<std::string> command =
-        arguments[0].starts_with("/bin/") ? std::vector<std::string>() : EmulatorCommand();
+    auto command = EmulatorCommand();
+    command.resize(arguments[0].starts_with("/bin/") ? 0 : command.size());
     command.insert(command.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    for (std::string& argument : command) {
-        argv.push_back(argument.data());
-    }
-    argv.push_back(nullptr);
+    std::vector<char*> argv(command.size() + 1);
+    std::ranges::transform(command, argv.begin(), [](std::string& word) { return word.data(); });
     child = fork();
     if (child == 0) {
         if (terminal) {
@@ -84,10 +75,8 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments,
 }
 
 ChildProcess::~ChildProcess() {
-    if (child > 0 && !status) {
-        kill(child, SIGKILL);
-        waitpid(child, nullptr, 0);
-    }
+    sendSignal(SIGKILL);
+    waitpid(child, nullptr, 0);
 }
 
 void ChildProcess::sendSignal(int signal) const {
@@ -108,7 +97,7 @@ bool ChildProcess::readSome() {
     if (entries[0].fd == -1 && entries[1].fd == -1) {
         return false;
     }
-    poll(entries, 2, STEP_MS);
+    poll(entries, 2, 10);
     if (entries[0].revents != 0) {
         Drain(outputFd, output);
     }
@@ -119,31 +108,23 @@ bool ChildProcess::readSome() {
 }
 
 bool ChildProcess::waitFor(const std::string& stream, size_t start, const std::string& text,
-                           milliseconds patience) {
-    const auto limit = steady_clock::now() + patience;
-    while (stream.find(text, start) == std::string::npos) {
-        start = std::max(start, stream.size() - std::min(stream.size(), text.size()));
-        if (steady_clock::now() >= limit || !readSome()) {
-            return false;
-        }
-    }
-    return true;
+                           std::chrono::milliseconds patience) {
+    const auto isThere = [&] { return stream.find(text, start) != std::string::npos; };
+    return WaitUntil([&] { return isThere() || (readSome() && isThere()); }, patience);
 }
 
 std::optional<int> ChildProcess::waitForExit() {
-    const auto limit = steady_clock::now() + TEST_PATIENCE;
-    while (!status && steady_clock::now() < limit) {
+    WaitUntil([this] {
         int result = 0;
         if (waitpid(child, &result, WNOHANG) == child) {
             status = WIFEXITED(result) ? WEXITSTATUS(result) : 128 + WTERMSIG(result);
-        } else if (!readSome()) {
-            usleep(STEP_MS * 1000);
         }
-    }
+        readSome();
+        return status.has_value();
+    });
     // A program that has ended writes no more: read to the end of both.
     outputHeld = false;
-    while (status && steady_clock::now() < limit && readSome()) {
-    }
+    WaitUntil([this] { return !status || !readSome(); });
     return status;
 }
 

@@ -7,11 +7,9 @@
 #include <android-base/unique_fd.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -22,14 +20,10 @@ class FakeService {
   public:
     explicit FakeService(const std::string& name)
         : listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
-        std::memcpy(address.sun_path + 1, name.data(), name.size());
-        const size_t size = offsetof(sockaddr_un, sun_path) + 1 + name.size();
-        EXPECT_EQ(bind(listener.get(), reinterpret_cast<sockaddr*>(&address),
-                       static_cast<socklen_t>(size)),
-                  0);
-        listen(listener.get(), 1);
-        limitWaiting(listener.get(), SO_RCVTIMEO);
+        const auto [address, length] = WireClient::addressOf(name);
+        bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), length);
+        EXPECT_EQ(listen(listener.get(), 1), 0);
+        limitWaiting(listener.get());
     }
 
     // A name that no other test of this machine uses.
@@ -43,8 +37,7 @@ class FakeService {
     std::vector<uint32_t> acceptClient(size_t count, const std::vector<uint32_t>& refused = {}) {
         client.reset(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
         EXPECT_TRUE(client.ok()) << "no client has come";
-        limitWaiting(client.get(), SO_RCVTIMEO);
-        limitWaiting(client.get(), SO_SNDTIMEO);
+        limitWaiting(client.get());
         std::vector<uint32_t> types;
         std::string request(WireClient::subscription(0, 0).size(), '\0');
         while (types.size() < count && recv(client.get(), request.data(), request.size(),
@@ -52,10 +45,10 @@ class FakeService {
             const uint32_t id = WireClient::wordAt(request, 12);
             types.push_back(WireClient::wordAt(request, 52));
             EXPECT_EQ(request, WireClient::subscription(id, static_cast<int32_t>(types.back())));
-            const bool isRefused = std::count(refused.begin(), refused.end(), types.back()) != 0;
-            sendBytes(WireClient::frame(1, WireClient::word(id) +
-                                               WireClient::word(isRefused ? -1U : 0) +
-                                               WireClient::word(0)));
+            const auto refusals = std::count(refused.begin(), refused.end(), types.back());
+            std::string reply = WireClient::word(id);
+            reply += WireClient::word(refusals == 0 ? 0 : -1U) + WireClient::word(0);
+            sendBytes(WireClient::frame(1, reply));
         }
         return types;
     }
@@ -69,9 +62,10 @@ class FakeService {
     }
 
   private:
-    static void limitWaiting(int fd, int option) {
+    static void limitWaiting(int fd) {
         const timeval limit{.tv_sec = TEST_PATIENCE.count(), .tv_usec = 0};
-        setsockopt(fd, SOL_SOCKET, option, &limit, sizeof(limit));
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
     }
 
     android::base::unique_fd listener;

@@ -3,7 +3,6 @@
 // The kernel's records, made by hand. Times are nanoseconds, sizes bytes.
 #pragma once
 
-#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstring>
@@ -23,7 +22,7 @@ std::string Bytes(const Record& record) {
 template <size_t N>
 void SetName(char (&field)[N], const std::string& name) {
     std::memset(field, 0, N);
-    std::memcpy(field, name.data(), std::min(N, name.size()));
+    name.copy(field, N);
 }
 
 inline RawEventHeader Header(RawEventType type, int64_t time) {
@@ -34,17 +33,10 @@ inline RawEventHeader Header(RawEventType type, int64_t time) {
 inline RawTesuTaskInitEvent Init(int64_t time, int32_t pid, int32_t ppid, int32_t threads,
                                  const std::string& name, const std::array<int64_t, 4>& sizes,
                                  int64_t startTime = 1600000000) {
-    RawTesuTaskInitEvent event{Header(RAW_EVENT_TASK_INIT, time),
-                               pid,
-                               ppid,
-                               1000,
-                               threads,
-                               {},
-                               sizes[0],
-                               sizes[1],
-                               sizes[2],
-                               sizes[3],
-                               startTime};
+    const auto [file, anonymous, shared, swap] = sizes;
+    const RawEventHeader header = Header(RAW_EVENT_TASK_INIT, time);
+    RawTesuTaskInitEvent event{header, pid,       ppid,   1000, threads,  {},
+                               file,   anonymous, shared, swap, startTime};
     SetName(event.comm, name);
     return event;
 }

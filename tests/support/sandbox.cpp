@@ -19,21 +19,13 @@ namespace {
 // What is missing for a sandbox; empty: the process is in one.
 std::string missing = "not entered";
 
-std::string Failure(const char* what) {
-    return std::string(what) + ": " + strerror(errno);
-}
-
 // Before any thread is made, which would stay in the name spaces of the machine.
 std::string EnterSandbox() {
-    if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0) {
-        return Failure("no name spaces");
-    }
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-        return Failure("mounts stay shared");
-    }
     mkdir("/data", 0755);  // stays behind, empty
-    if (mount("none", "/data", "tmpfs", 0, nullptr) != 0) {
-        return Failure("no file system on /data");
+    if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0 ||
+        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("none", "/data", "tmpfs", 0, nullptr) != 0) {
+        return std::string("no name spaces or mounts: ") + strerror(errno);
     }
     std::filesystem::create_directories(std::filesystem::path(Tesu::Bpf::DUMP_DIR).parent_path());
     return {};
@@ -41,15 +33,11 @@ std::string EnterSandbox() {
 
 std::string MountKernel() {
     uint32_t firstProgram = 0;
-    if (bpf_prog_get_next_id(0, &firstProgram) != 0 && errno == ENOSYS) {
-        return Failure("no bpf()");  // a user-mode emulator
-    }
-    if (mount("none", "/sys/fs/bpf", "bpf", 0, nullptr) != 0) {
-        return Failure("no bpf file system");
-    }
-    // EBUSY: it is there.
-    if (mount("none", "/sys/kernel/tracing", "tracefs", 0, nullptr) != 0 && errno != EBUSY) {
-        return Failure("no tracing file system");
+    // ENOSYS: a user-mode emulator. EBUSY: it is there.
+    if ((bpf_prog_get_next_id(0, &firstProgram) != 0 && errno == ENOSYS) ||
+        mount("none", "/sys/fs/bpf", "bpf", 0, nullptr) != 0 ||
+        (mount("none", "/sys/kernel/tracing", "tracefs", 0, nullptr) != 0 && errno != EBUSY)) {
+        return std::string("no eBPF or its file systems: ") + strerror(errno);
     }
     return {};
 }

@@ -12,13 +12,13 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <deque>
 #include <optional>
 #include <string>
 #include <utility>
+
+#include "tests/support/wait_until.h"
 
 class WireClient {
   public:
@@ -33,28 +33,22 @@ class WireClient {
 
     // Tries until the server is there or the patience is over.
     bool connectTo(const std::string& name) {
-        const auto end = Clock::now() + PATIENCE;
-        bool connected = tryConnect(name);
-        while (!connected && Clock::now() < end) {
-            usleep(10000);
-            connected = tryConnect(name);
-        }
-        return connected;
+        return WaitUntil([&] { return tryConnect(name); }, PATIENCE);
     }
 
-    // The name is one of the abstract namespace: a NUL stands in front of it.
     bool tryConnect(const std::string& name) {
-        disconnect();
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::memcpy(address.sun_path + 1, name.data(), name.size());
-        const auto length =
-            static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+        *this = WireClient();
+        const auto [address, length] = addressOf(name);
         fd.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         return connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), length) == 0;
     }
 
-    void disconnect() { *this = WireClient(); }
+    // The name is one of the abstract namespace: a NUL stands in front of it.
+    static std::pair<sockaddr_un, socklen_t> addressOf(const std::string& name) {
+        sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+        const size_t length = name.copy(address.sun_path + 1, sizeof(address.sun_path) - 1);
+        return {address, static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + length)};
+    }
 
     int descriptor() const { return fd.get(); }
 
@@ -68,9 +62,10 @@ class WireClient {
     static std::string word(uint32_t value) {
         return {reinterpret_cast<const char*>(&value), sizeof(value)};
     }
+    // 0 for what lies behind the end.
     static uint32_t wordAt(const std::string& bytes, size_t offset) {
         uint32_t value = 0;
-        std::memcpy(&value, bytes.data() + offset, sizeof(value));
+        bytes.copy(reinterpret_cast<char*>(&value), sizeof(value), std::min(offset, bytes.size()));
         return value;
     }
 
@@ -81,8 +76,8 @@ class WireClient {
     }
     static std::string request(uint32_t id, std::string command, const std::string& data) {
         command.resize(32);
-        const std::string head = word(id) + command + word(static_cast<uint32_t>(data.size()));
-        return frame(REQUEST, head + data);
+        const auto length = static_cast<uint32_t>(data.size());
+        return frame(REQUEST, word(id) + command + word(length) + data);
     }
     static std::string subscription(uint32_t id, int32_t eventType) {
         return request(id, "register-event-monitor", word(static_cast<uint32_t>(eventType)));
@@ -98,9 +93,8 @@ class WireClient {
     std::optional<int32_t> reply(uint32_t id) {
         const auto end = Clock::now() + PATIENCE;
         while (auto package = receive(end)) {
-            const std::string& body = package->body;
-            if (package->type == RESPONSE && body.size() >= 12 && wordAt(body, 0) == id) {
-                return static_cast<int32_t>(wordAt(body, 4));
+            if (package->type == RESPONSE && wordAt(package->body, 0) == id) {
+                return static_cast<int32_t>(wordAt(package->body, 4));
             }
             kept.push_back(std::move(*package));
         }
@@ -119,10 +113,7 @@ class WireClient {
 
     // Whether the server closes the connection within the patience; what it sends is dropped.
     bool isClosedByServer() {
-        const auto end = Clock::now() + PATIENCE;
-        while (receiveMore(end)) {
-        }
-        return closed;
+        return WaitUntil([this] { return !receiveMore(Clock::now() + PATIENCE); }) && closed;
     }
 
   private:
