@@ -11,11 +11,13 @@
 #include <cstdlib>
 #include <exception>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "client/dump/dump.h"
 #include "client/events/event_names.h"
+#include "client/exit_status.h"
 #include "client/text/terminal_text.h"
 #include "client/top/columns.h"
 #include "client/top/top.h"
@@ -24,9 +26,9 @@
 #include "records/raw_event.h"
 #include "util/termination_signals.h"
 
-namespace {
+namespace Tesu::Bpf {
 
-constexpr int EXIT_USAGE = 2;
+namespace {
 
 constexpr const char* WATCH_FOOTER = R"(
 Text lines: time is the kernel's monotonic clock in seconds; "~" marks the time of receipt, for
@@ -52,15 +54,15 @@ terminal, no /proc, or the output could not be written.)";
 
 // What the command line asks for.
 struct Command {
-    std::string socketName = Tesu::Bpf::SERVICE_SOCKET_NAME;
+    std::string socketName = SERVICE_SOCKET_NAME;
     std::vector<std::string> types;
-    Tesu::Bpf::WatchOptions watch;
+    WatchOptions watch;
     bool withoutKernelTasks = false;
     bool withAllColumns = false;
-    Tesu::Bpf::TopOptions top;
-    std::string sortName = Tesu::Bpf::OrderColumns().front()->order.name;
+    TopOptions top;
+    std::string sortName = OrderColumns().front()->order.name;
     // The subcommand. Returns the exit status.
-    std::function<int(Command&, const Tesu::Bpf::TerminationSignals&)> run;
+    std::function<int(Command&, const TerminationSignals&)> run;
 };
 
 void AddSocketOption(CLI::App* subcommand, Command& command) {
@@ -71,25 +73,30 @@ void AddSocketOption(CLI::App* subcommand, Command& command) {
         ->capture_default_str();
 }
 
+void AddSecondsOption(CLI::App* subcommand, std::optional<double>& seconds) {
+    subcommand->add_option("-s,--seconds", seconds, "End after this many seconds")
+        ->check(CLI::Range(0.001, 1e9).description(""))
+        ->type_name("SECONDS");
+}
+
 bool MayColour() {
     return isatty(STDOUT_FILENO) == 1 && std::getenv("NO_COLOR") == nullptr;
 }
 
-int Watch(Command& command, const Tesu::Bpf::TerminationSignals& signals) {
-    const auto types = Tesu::Bpf::ParseEventTypes(command.types);
+int Watch(Command& command, const TerminationSignals& signals) {
+    const auto types = ParseEventTypes(command.types);
     if (!types) {
         std::fprintf(stderr, "tesubpf: %s", types.error().c_str());
         return EXIT_USAGE;
     }
     command.watch.eventTypes = *types;
     if (command.watch.eventTypes.empty()) {
-        command.watch.eventTypes = {Tesu::Bpf::RAW_EVENT_TASK_CREATE,
-                                    Tesu::Bpf::RAW_EVENT_TASK_EXIT};
+        command.watch.eventTypes = {RAW_EVENT_TASK_CREATE, RAW_EVENT_TASK_EXIT};
     }
     command.watch.socketName = command.socketName;
     command.watch.header = isatty(STDOUT_FILENO) == 1;
     command.watch.colour = MayColour();
-    return Tesu::Bpf::RunWatch(command.watch, signals);
+    return RunWatch(command.watch, signals);
 }
 
 void AddWatch(CLI::App& app, Command& command) {
@@ -101,34 +108,21 @@ void AddWatch(CLI::App& app, Command& command) {
         ->allow_extra_args(false)
         ->type_name("TYPE[,TYPE]");
     watch->add_flag("--json", command.watch.json, "One JSON object per line");
-    watch->add_option("-s,--seconds", command.watch.seconds, "End after this many seconds")
-        ->check(CLI::Range(0.001, 1e9).description(""))
-        ->type_name("SECONDS");
+    AddSecondsOption(watch, command.watch.seconds);
     watch->add_option("-n,--count", command.watch.count, "End after this many events")
         ->check(CLI::Validator(CLI::PositiveNumber).description(""))
         ->type_name("COUNT");
     AddSocketOption(watch, command);
-    watch->footer("Event types (name, short form, number):\n" + Tesu::Bpf::DescribeEventTypes() +
+    watch->footer("Event types (name, short form, number):\n" + DescribeEventTypes() +
                   WATCH_FOOTER);
     watch->callback([&command] { command.run = Watch; });
 }
 
-int Dump(const Command& command, Tesu::Bpf::DumpSignal kind,
-         const Tesu::Bpf::TerminationSignals& signals) {
-    return Tesu::Bpf::RunDump(
-        {.socketName = command.socketName, .kind = kind, .isTerminal = isatty(STDOUT_FILENO) == 1},
-        signals);
-}
-
-int Tasks(Command& command, const Tesu::Bpf::TerminationSignals& signals) {
-    using enum Tesu::Bpf::DumpSignal;
-    if (command.withAllColumns) {
-        return Dump(command, command.withoutKernelTasks ? DUMP_SIGNAL_NO_KERNEL : DUMP_SIGNAL_TASKS,
-                    signals);
-    }
-    return Dump(command,
-                command.withoutKernelTasks ? DUMP_SIGNAL_NORMAL_NO_KERNEL : DUMP_SIGNAL_NORMAL,
-                signals);
+int Tasks(Command& command, const TerminationSignals& signals) {
+    const DumpSignal all = command.withoutKernelTasks ? DUMP_SIGNAL_NO_KERNEL : DUMP_SIGNAL_TASKS;
+    const DumpSignal usual =
+        command.withoutKernelTasks ? DUMP_SIGNAL_NORMAL_NO_KERNEL : DUMP_SIGNAL_NORMAL;
+    return RunDump(command.socketName, command.withAllColumns ? all : usual, signals);
 }
 
 void AddTasks(CLI::App& app, Command& command) {
@@ -148,34 +142,34 @@ void AddCounters(CLI::App& app, Command& command) {
     AddSocketOption(counters, command);
     counters->footer(DUMP_FOOTER);
     counters->callback([&command] {
-        command.run = [](Command& chosen, const Tesu::Bpf::TerminationSignals& signals) {
-            return Dump(chosen, Tesu::Bpf::DUMP_SIGNAL_STATE, signals);
+        command.run = [](Command& chosen, const TerminationSignals& signals) {
+            return RunDump(chosen.socketName, DUMP_SIGNAL_STATE, signals);
         };
     });
 }
 
-int Top(Command& command, const Tesu::Bpf::TerminationSignals& signals) {
-    const std::vector<const Tesu::Bpf::Column*> orders = Tesu::Bpf::OrderColumns();
-    const auto chosen = std::find_if(
-        orders.begin(), orders.end(),
-        [&](const Tesu::Bpf::Column* column) { return command.sortName == column->order.name; });
+int Top(Command& command, const TerminationSignals& signals) {
+    const std::vector<const Column*> orders = OrderColumns();
+    const auto chosen = std::find_if(orders.begin(), orders.end(), [&](const Column* column) {
+        return command.sortName == column->order.name;
+    });
     if (chosen == orders.end()) {
         std::fprintf(stderr, "tesubpf: \"%s\" is no order; it is one of %s\n",
-                     command.sortName.c_str(), Tesu::Bpf::ListOrders().c_str());
+                     command.sortName.c_str(), ListOrders().c_str());
         return EXIT_USAGE;
     }
     command.top.socketName = command.socketName;
     command.top.view.order = (*chosen)->order.compare;
     command.top.view.withKernelThreads = !command.withoutKernelTasks;
     command.top.colour = MayColour();
-    return Tesu::Bpf::RunTop(command.top, signals);
+    return RunTop(command.top, signals);
 }
 
 void AddTop(CLI::App& app, Command& command) {
     CLI::App* const top =
         app.add_subcommand("top", "Show processes live, with their memory and what is odd");
     top->add_option("--sort", command.sortName,
-                    Tesu::Bpf::ListOrders() + " (default: " + command.sortName + ")")
+                    ListOrders() + " (default: " + command.sortName + ")")
         ->type_name("ORDER");
     top->add_option("--filter", command.top.view.filter,
                     "Only names that contain TEXT, or pids that begin with it")
@@ -183,9 +177,7 @@ void AddTop(CLI::App& app, Command& command) {
     top->add_flag("--no-kernel", command.withoutKernelTasks, "Leave out kernel threads");
     top->add_flag("--batch", command.top.isBatch,
                   "Watch for a while (default: 2 seconds), print the table once and end");
-    top->add_option("-s,--seconds", command.top.seconds, "End after this many seconds")
-        ->check(CLI::Range(0.001, 1e9).description(""))
-        ->type_name("SECONDS");
+    AddSecondsOption(top, command.top.seconds);
     AddSocketOption(top, command);
     top->footer(TOP_FOOTER);
     top->callback([&command] { command.run = Top; });
@@ -198,8 +190,8 @@ int Main(int argc, char** argv) {
             return EXIT_FAILURE;
         }
     }
-    Tesu::Bpf::ChooseCharacterSet();
-    const Tesu::Bpf::TerminationSignals signals;
+    ChooseCharacterSet();
+    const TerminationSignals signals;
     std::signal(SIGPIPE, SIG_IGN);
 
     CLI::App app("Shows what the eBPF task service sees", "tesubpf");
@@ -220,9 +212,11 @@ int Main(int argc, char** argv) {
 
 }  // namespace
 
+}  // namespace Tesu::Bpf
+
 int main(int argc, char** argv) {
     try {
-        return Main(argc, argv);
+        return Tesu::Bpf::Main(argc, argv);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "tesubpf: %s\n", error.what());
         return EXIT_FAILURE;

@@ -71,12 +71,12 @@ EpollManager::EpollManager(int size, int maxEvents, std::function<int()> initFun
         TESU_LOGE(TESU_LOG_UTILS, "[EpollManager] cpu affinity invalid!");
         CPU_SET(0, &this->affinity);
     }
-    epollFd = epoll_create(epollSize);  // NOLINT(android-cloexec-epoll-create): set below
-    if (epollFd == -1) {
+    epollFd.reset(epoll_create(epollSize));  // NOLINT(android-cloexec-epoll-create): set below
+    if (!epollFd.ok()) {
         TESU_LOGE(this->name, "[EpollManager] Create epoll failed: %d, message: %s", errno,
                   strerror(errno));
     } else {
-        fcntl(epollFd, F_SETFD, FD_CLOEXEC);
+        fcntl(epollFd.get(), F_SETFD, FD_CLOEXEC);
     }
     if (maxEvents > 0) {
         eventQueue.reset(static_cast<epoll_event*>(
@@ -86,12 +86,12 @@ EpollManager::EpollManager(int size, int maxEvents, std::function<int()> initFun
         TESU_LOGE(this->name, "[EpollManager] Allocate event queue failed: %d, message: %s", errno,
                   strerror(errno));
     }
-    controlFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (controlFd == -1) {
+    controlFd.reset(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    if (!controlFd.ok()) {
         TESU_LOGE(this->name, "[EpollManager] Allocate control fd failed: %d, message: %s", errno,
                   strerror(errno));
     }
-    if (!EpollCtlAdd(epollFd, controlFd, EPOLLIN)) {
+    if (!EpollCtlAdd(epollFd.get(), controlFd.get(), EPOLLIN)) {
         TESU_LOGE(this->name, "[EpollManager] Setup control fd failed: %d, message: %s", errno,
                   strerror(errno));
     }
@@ -107,14 +107,6 @@ EpollManager::EpollManager(int size, int maxEvents, std::function<int()> initFun
 EpollManager::~EpollManager() {
     stop();
     join();
-    if (epollFd != -1) {
-        close(epollFd);
-        epollFd = -1;
-    }
-    if (controlFd != -1) {
-        close(controlFd);
-        controlFd = -1;
-    }
 }
 
 bool EpollManager::addMonitorFd(int fd, EpollCallback monitored) {
@@ -126,7 +118,7 @@ bool EpollManager::addMonitorFd(int fd, EpollCallback monitored) {
         events |= HANG_UP;
     }
     MutexLock lock(mutex);
-    if (!EpollCtlAdd(epollFd, fd, events)) {
+    if (!EpollCtlAdd(epollFd.get(), fd, events)) {
         TESU_LOGE(name, "[EpollManager] Epoll add monitor fd failed: %d, message: %s", errno,
                   strerror(errno));
         return false;
@@ -138,7 +130,7 @@ bool EpollManager::addMonitorFd(int fd, EpollCallback monitored) {
 
 bool EpollManager::delMonitorFd(int fd) {
     MutexLock lock(mutex);
-    if (epoll_ctl(epollFd, EPOLL_CTL_DEL, fd, nullptr) == -1) {
+    if (epoll_ctl(epollFd.get(), EPOLL_CTL_DEL, fd, nullptr) == -1) {
         TESU_LOGE(name, "[EpollManager] Epoll del fd from epoll failed: %d, message: %s", errno,
                   strerror(errno));
         return false;
@@ -157,8 +149,8 @@ void EpollManager::start() {
 void EpollManager::stop() {
     MutexLock lock(mutex);
     running = false;
-    if (controlFd != -1) {
-        eventfd_write(controlFd, 1);
+    if (controlFd.ok()) {
+        eventfd_write(controlFd.get(), 1);
     }
 }
 
@@ -176,19 +168,19 @@ void EpollManager::join() {
 bool EpollManager::waitForStop(int milliseconds) const {
     // stop() leaves the control counter readable until the loop takes it, and only the loop thread
     // sleeps here.
-    pollfd control{.fd = controlFd, .events = POLLIN, .revents = 0};
+    pollfd control{.fd = controlFd.get(), .events = POLLIN, .revents = 0};
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
     while (true) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
             end - std::chrono::steady_clock::now());
         int step = left.count() > 0 ? static_cast<int>(left.count()) : 0;
-        if (controlFd == -1 && step > UNCONTROLLED_TIMEOUT_MS) {
+        if (!controlFd.ok() && step > UNCONTROLLED_TIMEOUT_MS) {
             step = UNCONTROLLED_TIMEOUT_MS;
         }
         if (poll(&control, 1, step) > 0) {
             return true;
         }
-        if (controlFd == -1 && !running) {
+        if (!controlFd.ok() && !running) {
             return true;
         }
         if (std::chrono::steady_clock::now() >= end) {
@@ -210,12 +202,12 @@ void EpollManager::mainThread() {
     if (initFunction) {
         initFunction();
     }
-    const int timeout = controlFd == -1 && (timeoutMs < 0 || timeoutMs > UNCONTROLLED_TIMEOUT_MS)
+    const int timeout = !controlFd.ok() && (timeoutMs < 0 || timeoutMs > UNCONTROLLED_TIMEOUT_MS)
                             ? UNCONTROLLED_TIMEOUT_MS
                             : timeoutMs;
     bool errorLogged = false;
     while (running) {
-        eventCount = epoll_wait(epollFd, eventQueue.get(), maxEvents, timeout);
+        eventCount = epoll_wait(epollFd.get(), eventQueue.get(), maxEvents, timeout);
         if (eventCount == -1 && errno != EINTR) {
             if (!errorLogged) {
                 TESU_LOGE(name, "[EpollManager][mainThread] epoll wait failed: %d, message: %s",
@@ -225,9 +217,9 @@ void EpollManager::mainThread() {
             std::this_thread::sleep_for(WAIT_ERROR_PAUSE);
         }
         for (int i = 0; i < eventCount; ++i) {
-            if (eventQueue[i].data.fd == controlFd) {
+            if (eventQueue[i].data.fd == controlFd.get()) {
                 eventfd_t count = 0;
-                eventfd_read(controlFd, &count);
+                eventfd_read(controlFd.get(), &count);
                 return;
             }
             dispatch(eventQueue[i]);
@@ -238,23 +230,18 @@ void EpollManager::mainThread() {
 void EpollManager::dispatch(const epoll_event& event) {
     const int fd = event.data.fd;
     // Copied before the call: a callback may remove its own entry.
-    std::function<int(epoll_event)> callback;
+    const auto copyOf = [&](std::function<int(epoll_event)> EpollCallback::*callback) {
+        MutexLock lock(mutex);
+        return callbacks[fd].callbacks.*callback;
+    };
     if ((event.events & HANG_UP) != 0) {
-        {
-            MutexLock lock(mutex);
-            callback = callbacks[fd].callbacks.closeCallback;
-        }
-        if (callback) {
+        if (const auto callback = copyOf(&EpollCallback::closeCallback)) {
             callback(event);
             return;
         }
     }
     if ((event.events & EPOLLIN) != 0) {
-        {
-            MutexLock lock(mutex);
-            callback = callbacks[fd].callbacks.readCallback;
-        }
-        if (callback) {
+        if (const auto callback = copyOf(&EpollCallback::readCallback)) {
             const int result = callback(event);
             if (result == EPOLL_RESULT_NOTHING_LEFT || result == EPOLL_RESULT_CLOSED ||
                 result == EPOLL_RESULT_ERROR || result == EPOLL_RESULT_CONSUMED) {
@@ -263,6 +250,7 @@ void EpollManager::dispatch(const epoll_event& event) {
         }
     }
     if ((event.events & EPOLLOUT) != 0) {
+        std::function<int(epoll_event)> callback;
         uint64_t requestsSeen = 0;
         {
             MutexLock lock(mutex);
@@ -298,7 +286,7 @@ bool EpollManager::setWriteEvent(int fd, Monitored& entry, bool armed, const cha
     if (armed && entry.callbacks.writeCallback) {
         events |= EPOLLOUT;
     }
-    if (!EpollCtlMod(epollFd, fd, events)) {
+    if (!EpollCtlMod(epollFd.get(), fd, events)) {
         TESU_LOGE(name, "[EpollManager][%s] Epoll mod monitor failed, fd: %d, message: %s", caller,
                   fd, strerror(errno));
         return false;

@@ -15,6 +15,7 @@
 // event queue) is logged and leaves an object that can be destroyed. Members return false.
 #pragma once
 
+#include <android-base/unique_fd.h>
 #include <sched.h>
 #include <sys/epoll.h>
 
@@ -102,12 +103,12 @@ class TESU_API EpollManager {
     cpu_set_t affinity;
     const char* name;
     int eventCount = 0;
-    int controlFd = -1;
+    android::base::unique_fd controlFd;
     std::atomic<bool> running{false};  // changed under `mutex`
     // Never held across a callback; innermost of all locks.
     Tesu::Bpf::Mutex mutex;
     std::thread thread GUARDED_BY(mutex);
-    int epollFd = -1;
+    android::base::unique_fd epollFd;
     int epollSize;
     int maxEvents;
     int timeoutMs;

@@ -13,6 +13,15 @@ using Tesu::Bpf::MutexLock;
 
 static_assert(sizeof(unsigned) == 4, "words on the wire are 32-bit");
 
+namespace {
+
+template <size_t N>
+std::string_view BytesOf(const uint32_t (&words)[N]) {
+    return {reinterpret_cast<const char*>(words), sizeof(words)};
+}
+
+}  // namespace
+
 bool CheckIpcPackageComplete(const BufferState* buffer, long long* headerLength,
                              long long* packageLength) {
     *headerLength = IPC_FRAME_HEADER_SIZE;
@@ -36,107 +45,65 @@ int SaveUnuseBuffer(BufferState* buffer) {
     return unconsumed;
 }
 
-bool IpcPackageManager::refuse(uint64_t size) {
-    {
-        MutexLock lock(mutex);
-        ++refused;
+// Queues a package of these parts; refused when it would not fit the write buffer or memory ran
+// out.
+bool IpcPackageManager::append(std::initializer_list<std::string_view> parts) {
+    uint64_t size = 0;
+    for (const std::string_view part : parts) {
+        size += part.size();
     }
-    TESU_LOGE(TESU_LOG_UTILS,
-              "[IpcPackageManager] package refused: %llu bytes, at most %u fit, message: %s",
-              static_cast<unsigned long long>(size), maxPackageSize, strerror(errno));
-    return false;
-}
-
-// A block for a package with this body, its header filled in; null when it would not fit the write
-// buffer or memory ran out.
-IpcBlock IpcPackageManager::newPackage(unsigned type, uint64_t bodyLength) {
-    const uint64_t size = bodyLength + IPC_PACKAGE_HEADER_SIZE;
     IpcBlock block;
     if (size <= maxPackageSize) {
-        block.reset(static_cast<char*>(std::malloc(static_cast<size_t>(size))));
+        block.reset(
+            static_cast<char*>(std::malloc(std::max(static_cast<size_t>(size), size_t{1}))));
     } else {
         errno = EMSGSIZE;
     }
     if (block == nullptr) {
-        refuse(size);
-        return block;
+        {
+            MutexLock lock(mutex);
+            ++refused;
+        }
+        TESU_LOGE(TESU_LOG_UTILS,
+                  "[IpcPackageManager] package refused: %llu bytes, at most %u fit, message: %s",
+                  static_cast<unsigned long long>(size), maxPackageSize, strerror(errno));
+        return false;
     }
-    const uint32_t header[] = {type, static_cast<uint32_t>(bodyLength)};
-    std::memcpy(block.get(), header, sizeof(header));
-    return block;
-}
-
-void IpcPackageManager::append(IpcBlock block, unsigned size) {
+    char* end = block.get();
+    for (const std::string_view part : parts) {
+        end = std::copy(part.begin(), part.end(), end);
+    }
     MutexLock lock(mutex);
-    packages.emplace_back(size, std::move(block));
+    packages.emplace_back(static_cast<unsigned>(size), std::move(block));
     ready.notify_all();
+    return true;
 }
 
 bool IpcPackageManager::appendReqIpcPackage(const TesuReqIpcPackage* request) {
-    const uint64_t bodyLength = uint64_t{IPC_REQUEST_HEAD_SIZE} + request->length;
-    IpcBlock block = newPackage(IPC_PACKAGE_REQUEST, bodyLength);
-    if (block == nullptr) {
-        return false;
-    }
     static_assert(offsetof(TesuReqIpcPackage, length) + sizeof(request->length) ==
                   IPC_REQUEST_HEAD_SIZE);
-    char* body = block.get() + IPC_PACKAGE_HEADER_SIZE;
-    std::memcpy(body, request, IPC_REQUEST_HEAD_SIZE);
-    if (request->length > 0) {
-        std::memcpy(body + IPC_REQUEST_HEAD_SIZE, request->data, request->length);
-    }
-    append(std::move(block), static_cast<unsigned>(bodyLength) + IPC_PACKAGE_HEADER_SIZE);
-    return true;
+    const uint32_t header[] = {IPC_PACKAGE_REQUEST, IPC_REQUEST_HEAD_SIZE + request->length};
+    return append({BytesOf(header),
+                   {reinterpret_cast<const char*>(request), IPC_REQUEST_HEAD_SIZE},
+                   {request->data, request->length}});
 }
 
 bool IpcPackageManager::appendRespIpcPackage(const TesuRespIpcPackage* response) {
-    const uint64_t bodyLength = uint64_t{IPC_RESPONSE_RECORD_SIZE} + response->length;
-    IpcBlock block = newPackage(IPC_PACKAGE_RESPONSE, bodyLength);
-    if (block == nullptr) {
-        return false;
-    }
-    const uint32_t record[] = {response->requestId, static_cast<uint32_t>(response->result),
-                               response->length, 0};
-    static_assert(sizeof(record) == IPC_RESPONSE_RECORD_SIZE);
-    char* body = block.get() + IPC_PACKAGE_HEADER_SIZE;
-    std::memcpy(body, record, sizeof(record));
-    if (response->length > 0) {
-        std::memcpy(body + sizeof(record), response->data, response->length);
-    }
-    append(std::move(block), static_cast<unsigned>(bodyLength) + IPC_PACKAGE_HEADER_SIZE);
-    return true;
+    const uint32_t head[] = {IPC_PACKAGE_RESPONSE, IPC_RESPONSE_RECORD_SIZE + response->length,
+                             response->requestId,  static_cast<uint32_t>(response->result),
+                             response->length,     0};
+    static_assert(sizeof(head) == IPC_PACKAGE_HEADER_SIZE + IPC_RESPONSE_RECORD_SIZE);
+    return append({BytesOf(head), {response->data, response->length}});
 }
 
 bool IpcPackageManager::buildAndAppendSecondIpcPackage(unsigned type, const char* data,
                                                        unsigned length) {
-    if (type > IPC_PACKAGE_EVENT) {
-        return false;
-    }
-    IpcBlock block = newPackage(type, length);
-    if (block == nullptr) {
-        return false;
-    }
-    if (length > 0) {
-        std::memcpy(block.get() + IPC_PACKAGE_HEADER_SIZE, data, length);
-    }
-    append(std::move(block), length + IPC_PACKAGE_HEADER_SIZE);
-    return true;
+    const uint32_t header[] = {type, length};
+    return type <= IPC_PACKAGE_EVENT && append({BytesOf(header), {data, length}});
 }
 
 bool IpcPackageManager::buildAndAppendIpcPackage(const char* bytes, unsigned size) {
-    if (size > maxPackageSize) {
-        errno = EMSGSIZE;
-        return refuse(size);
-    }
-    IpcBlock block(static_cast<char*>(std::malloc(std::max(size, 1U))));
-    if (block == nullptr) {
-        return refuse(size);
-    }
-    if (size > 0) {
-        std::memcpy(block.get(), bytes, size);
-    }
-    append(std::move(block), size);
-    return true;
+    return append({{bytes, size}});
 }
 
 void IpcPackageManager::moveFrontToBuffer(BufferState* writeBuffer) {

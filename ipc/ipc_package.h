@@ -18,7 +18,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <initializer_list>
 #include <memory>
+#include <string_view>
 #include <utility>
 
 #include "ipc/buffer_state.h"
@@ -122,9 +124,7 @@ class TESU_API IpcPackageManager {
     unsigned getRefusedPackageCount() const;
 
   private:
-    IpcBlock newPackage(unsigned type, uint64_t bodyLength);
-    bool refuse(uint64_t size);
-    void append(IpcBlock block, unsigned size);
+    bool append(std::initializer_list<std::string_view> parts);
     // For a queue with a front package that fits.
     void moveFrontToBuffer(BufferState* writeBuffer) REQUIRES(mutex);
 

@@ -165,8 +165,7 @@ TesuKernelLayout UnknownLayout() {
 }
 
 KernelLayout FindKernelLayout(const LayoutSources& sources) {
-    KernelLayout result = {
-        .values = UnknownLayout(), .unusable = {}, .memberSource = {}, .memberProblem = {}};
+    KernelLayout result;
     utsname names = {};
     uname(&names);
     result.values.pointerSize = FindPointerSize(sources.tracefsRoot, names.machine);

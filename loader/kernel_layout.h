@@ -22,15 +22,15 @@ struct LayoutSources {
     std::string btfPath = KERNEL_BTF_PATH;
 };
 
+// A layout in which nothing is known, and no atomics are used.
+TesuKernelLayout UnknownLayout();
+
 struct KernelLayout {
-    TesuKernelLayout values;
+    TesuKernelLayout values = UnknownLayout();
     LeftOutPrograms unusable;   // programs that lack something they need
     std::string memberSource;   // for the user: where structure members are from
     std::string memberProblem;  // empty, or why structure members are missing
 };
-
-// A layout in which nothing is known, and no atomics are used.
-TesuKernelLayout UnknownLayout();
 
 // Never fails as a whole: what is not found makes the programs that need it unusable. Forks when it
 // guesses, so this process must have one thread then.

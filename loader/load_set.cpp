@@ -69,11 +69,6 @@ uint32_t MaxEntries(int mapFd) {
     return bpf_obj_get_info_by_fd(mapFd, &info, &size) == 0 ? info.max_entries : 0;
 }
 
-uint32_t PinnedRingBytes(const std::string& pinDir, const std::string& objectName) {
-    const unique_fd ring(bpf_obj_get((pinDir + "/map_" + objectName + "_ringbuf_map").c_str()));
-    return ring.ok() ? MaxEntries(ring.get()) : 0;
-}
-
 // What the pin folder lacks.
 Result<std::vector<std::string>> FindMissing(const std::string& pinDir) {
     std::vector<std::string> missing;
@@ -91,7 +86,8 @@ Result<std::vector<std::string>> FindMissing(const std::string& pinDir) {
 void ReportAlreadyLoaded(const LoadOptions& options, std::ostream& out) {
     out << "already loaded: " << options.pinDir << "\n";
     for (const std::string name : {TESU_CORE_OBJECT, TESU_GPL_OBJECT}) {
-        const uint32_t bytes = PinnedRingBytes(options.pinDir, name);
+        const std::string path = options.pinDir + "/map_" + name + "_ringbuf_map";
+        const uint32_t bytes = MaxEntries(unique_fd(bpf_obj_get(path.c_str())).get());
         if (options.ringBytes && bytes != *options.ringBytes) {
             out << name << ": its ring buffer has " << bytes << " bytes, not " << *options.ringBytes
                 << "; unload to change it\n";
@@ -102,18 +98,13 @@ void ReportAlreadyLoaded(const LoadOptions& options, std::ostream& out) {
 void ReportLoaded(const char* name, const bpf_object* object, const LeftOutPrograms& leftOut,
                   std::ostream& out, std::ostream& err) {
     size_t programs = 0;
-    size_t maps = 0;
     bpf_program* program = nullptr;
     bpf_object__for_each_program(program, object) {
         programs += bpf_program__fd(program) >= 0 ? 1 : 0;
     }
-    bpf_map* map = nullptr;
-    bpf_object__for_each_map(map, object) {
-        maps += bpf_map__is_internal(map) ? 0 : 1;
-    }
     const int ring = bpf_object__find_map_fd_by_name(object, "ringbuf_map");
-    out << name << ": " << programs << " programs, " << maps << " maps, ring buffer of "
-        << MaxEntries(ring) << " bytes\n";
+    out << name << ": " << programs << " programs, " << MapsToPin(object).size()
+        << " maps, ring buffer of " << MaxEntries(ring) << " bytes\n";
     for (const auto& [programName, reason] : leftOut) {
         if (bpf_object__find_program_by_name(object, programName.c_str())) {
             err << "tesubpfload: program " << programName << ": left out: " << reason << "\n";

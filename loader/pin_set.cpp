@@ -22,7 +22,8 @@ std::string PinName(const char* prefix, const std::string& objectName, const cha
     return prefix + objectName + "_" + name;
 }
 
-// All maps of an object but libbpf's own, of constants and variables.
+}  // namespace
+
 std::vector<bpf_map*> MapsToPin(const bpf_object* object) {
     std::vector<bpf_map*> maps;
     bpf_map* map = nullptr;
@@ -33,8 +34,6 @@ std::vector<bpf_map*> MapsToPin(const bpf_object* object) {
     }
     return maps;
 }
-
-}  // namespace
 
 bool IsOnBpfFileSystem(const std::string& path) {
     struct statfs fs = {};

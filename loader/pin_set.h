@@ -21,6 +21,9 @@ bool IsOnBpfFileSystem(const std::string& path);
 // The names of what is pinned in `dir`, other files not counted; empty where there is no folder.
 std::set<std::string> ListPins(const std::string& dir);
 
+// All maps of an object but libbpf's own, of constants and variables.
+std::vector<bpf_map*> MapsToPin(const bpf_object* object);
+
 // The pins of this object, opened or loaded, that `dir` does not have.
 std::vector<std::string> FindMissingPins(const std::string& dir, const std::string& objectName,
                                          const bpf_object* object);

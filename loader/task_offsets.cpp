@@ -42,38 +42,50 @@ Offsets FindEverywhere(const Samples& samples, Range range,
     return found;
 }
 
-Result<> TakeOnly(const Offsets& found, const char* member, uint32_t* offset) {
-    if (found.size() != 1) {
-        return Failure(std::string(member) + ": " + std::to_string(found.size()) + " places match");
-    }
-    *offset = found[0];
-    return {};
-}
-
 // Two 4-byte numbers, `second` right behind `first`.
 bool HoldsPair(const std::vector<uint8_t>& bytes, uint32_t offset, int32_t first, int32_t second) {
     return Load<int32_t>(bytes, offset) == first &&
            Load<int32_t>(bytes, offset + sizeof(int32_t)) == second;
 }
 
-Range WordsBehind(uint32_t offset, uint32_t words, uint32_t pointerSize) {
-    const uint32_t begin = (offset + pointerSize) / pointerSize * pointerSize;
-    return {begin, begin + words * pointerSize, pointerSize};
+// The 4-byte words that all samples have, from `begin` on.
+Range WordsFrom(uint32_t begin, const Samples& samples) {
+    uint32_t end = UINT32_MAX;
+    for (const TaskSample& sample : samples) {
+        end = std::min<uint32_t>(end, sample.bytes.size());
+    }
+    return {begin, end, sizeof(uint32_t)};
+}
+
+// The offsets of pointers, among so many words of the kernel behind a member, to what `holds`.
+Offsets FindPointers(const Samples& samples, uint32_t member, uint32_t words, uint32_t pointerSize,
+                     const std::function<bool(const TaskSample&, uint64_t target)>& holds) {
+    const uint32_t begin = (member + pointerSize) / pointerSize * pointerSize;
+    return FindEverywhere(samples, {begin, begin + words * pointerSize, pointerSize},
+                          [&](const TaskSample& sample, uint32_t offset) {
+                              const auto target = LoadPointer(sample.bytes, offset, pointerSize);
+                              return target != 0 && holds(sample, target);
+                          });
 }
 
 // pid (the thread id) and tgid (the process id) stand together.
-Offsets FindIds(const Samples& samples, Range words) {
-    return FindEverywhere(samples, words, [](const TaskSample& sample, uint32_t offset) {
-        return HoldsPair(sample.bytes, offset, sample.tid, sample.pid);
-    });
+Offsets FindTgid(const Samples& samples, const ReadKernelMemory& /*read*/,
+                 const TesuKernelLayout& /*layout*/) {
+    return FindEverywhere(samples, WordsFrom(sizeof(int32_t), samples),
+                          [](const TaskSample& sample, uint32_t offset) {
+                              return HoldsPair(sample.bytes, offset - sizeof(int32_t), sample.tid,
+                                               sample.pid);
+                          });
 }
 
-Offsets FindComm(const Samples& samples, Range words) {
-    return FindEverywhere(samples, words, [](const TaskSample& sample, uint32_t offset) {
-        const size_t length = sample.comm.size() + 1;
-        return sample.bytes.size() - offset >= length &&
-               std::memcmp(sample.bytes.data() + offset, sample.comm.c_str(), length) == 0;
-    });
+Offsets FindComm(const Samples& samples, const ReadKernelMemory& /*read*/,
+                 const TesuKernelLayout& /*layout*/) {
+    return FindEverywhere(
+        samples, WordsFrom(0, samples), [](const TaskSample& sample, uint32_t offset) {
+            const size_t length = sample.comm.size() + 1;
+            return sample.bytes.size() - offset >= length &&
+                   std::memcmp(sample.bytes.data() + offset, sample.comm.c_str(), length) == 0;
+        });
 }
 
 // Pointers to a task of the parent. Behind real_parent stands parent, which is the same unless
@@ -81,13 +93,12 @@ Offsets FindComm(const Samples& samples, Range words) {
 Offsets FindRealParent(const Samples& samples, const ReadKernelMemory& read,
                        const TesuKernelLayout& layout) {
     const uint32_t size = layout.pointerSize;
-    Offsets parents = FindEverywhere(
-        samples, WordsBehind(layout.taskTgid, PARENT_WINDOW, size),
-        [&](const TaskSample& sample, uint32_t offset) {
-            const uint64_t task = LoadPointer(sample.bytes, offset, size);
-            return task != 0 && Load<int32_t>(read(task + layout.taskTgid, sizeof(int32_t)), 0) ==
-                                    sample.parentPid;
-        });
+    Offsets parents =
+        FindPointers(samples, layout.taskTgid, PARENT_WINDOW, size,
+                     [&](const TaskSample& sample, uint64_t task) {
+                         return Load<int32_t>(read(task + layout.taskTgid, sizeof(int32_t)), 0) ==
+                                sample.parentPid;
+                     });
     if (parents.size() == 2 && parents[1] == parents[0] + size) {
         parents.pop_back();
     }
@@ -98,63 +109,56 @@ Offsets FindRealParent(const Samples& samples, const ReadKernelMemory& read,
 Offsets FindLeader(const Samples& samples, const ReadKernelMemory& read,
                    const TesuKernelLayout& layout) {
     const uint32_t tidOffset = layout.taskTgid - sizeof(int32_t);
-    return FindEverywhere(
-        samples, WordsBehind(layout.taskTgid, LEADER_WINDOW, layout.pointerSize),
-        [&](const TaskSample& sample, uint32_t offset) {
-            const uint64_t task = LoadPointer(sample.bytes, offset, layout.pointerSize);
-            return task != 0 && HoldsPair(read(task + tidOffset, 2 * sizeof(int32_t)), 0,
-                                          sample.pid, sample.pid);
-        });
+    return FindPointers(samples, layout.taskTgid, LEADER_WINDOW, layout.pointerSize,
+                        [&](const TaskSample& sample, uint64_t task) {
+                            return HoldsPair(read(task + tidOffset, 2 * sizeof(int32_t)), 0,
+                                             sample.pid, sample.pid);
+                        });
 }
 
 Offsets FindSignal(const Samples& samples, const ReadKernelMemory& read,
                    const TesuKernelLayout& layout) {
-    return FindEverywhere(
-        samples, WordsBehind(layout.taskComm, SIGNAL_WINDOW, layout.pointerSize),
-        [&](const TaskSample& sample, uint32_t offset) {
-            const uint64_t signal = LoadPointer(sample.bytes, offset, layout.pointerSize);
-            return signal != 0 && HoldsPair(read(signal, SIGNAL_THREADS + sizeof(int32_t)),
-                                            SIGNAL_LIVE, sample.threads, sample.threads);
-        });
+    return FindPointers(samples, layout.taskComm, SIGNAL_WINDOW, layout.pointerSize,
+                        [&](const TaskSample& sample, uint64_t signal) {
+                            return HoldsPair(read(signal, SIGNAL_THREADS + sizeof(int32_t)),
+                                             SIGNAL_LIVE, sample.threads, sample.threads);
+                        });
 }
+
+// In the order in which they are found: a member is looked for by those above it.
+constexpr struct {
+    const char* name;
+    uint32_t TesuKernelLayout::*offset;
+    Offsets (*find)(const Samples&, const ReadKernelMemory&, const TesuKernelLayout&);
+} MEMBERS[] = {
+    {"task_struct.pid", &TesuKernelLayout::taskTgid, FindTgid},
+    {"task_struct.comm", &TesuKernelLayout::taskComm, FindComm},
+    {"task_struct.real_parent", &TesuKernelLayout::taskRealParent, FindRealParent},
+    {"task_struct.group_leader", &TesuKernelLayout::taskGroupLeader, FindLeader},
+    {"task_struct.signal", &TesuKernelLayout::taskSignal, FindSignal},
+};
 
 }  // namespace
 
 Result<> GuessTaskOffsets(const std::vector<TaskSample>& samples, const ReadKernelMemory& read,
                           TesuKernelLayout* layout) {
-    uint32_t size = UINT32_MAX;
-    for (const TaskSample& sample : samples) {
-        size = std::min<uint32_t>(size, sample.bytes.size());
-    }
-    const Range words = {0, size, sizeof(uint32_t)};
-
-    uint32_t tidOffset = 0;
-    auto taken = TakeOnly(FindIds(samples, words), "task_struct.pid", &tidOffset);
-    if (taken) {
-        layout->taskTgid = tidOffset + sizeof(int32_t);
-        taken = TakeOnly(FindComm(samples, words), "task_struct.comm", &layout->taskComm);
-    }
-    if (taken) {
-        taken = TakeOnly(FindRealParent(samples, read, *layout), "task_struct.real_parent",
-                         &layout->taskRealParent);
-    }
-    if (taken) {
-        taken = TakeOnly(FindLeader(samples, read, *layout), "task_struct.group_leader",
-                         &layout->taskGroupLeader);
-    }
-    if (taken) {
-        taken =
-            TakeOnly(FindSignal(samples, read, *layout), "task_struct.signal", &layout->taskSignal);
-    }
-    if (!taken) {
-        return taken;
+    for (const auto& member : MEMBERS) {
+        const Offsets found = member.find(samples, read, *layout);
+        if (found.size() != 1) {
+            return Failure(std::string(member.name) + ": " + std::to_string(found.size()) +
+                           " places match");
+        }
+        layout->*member.offset = found[0];
     }
     layout->signalLive = SIGNAL_LIVE;
-    const Offsets flags = FindEverywhere(
-        samples, {0, tidOffset, sizeof(uint32_t)}, [](const TaskSample& sample, uint32_t offset) {
+    const Range words = {0, layout->taskTgid - uint32_t{sizeof(int32_t)}, sizeof(uint32_t)};
+    const Offsets flags =
+        FindEverywhere(samples, words, [](const TaskSample& sample, uint32_t offset) {
             return Load<uint32_t>(sample.bytes, offset) == sample.flags;
         });
-    (void)TakeOnly(flags, "task_struct.flags", &layout->taskFlags);
+    if (flags.size() == 1) {
+        layout->taskFlags = flags[0];
+    }
     return {};
 }
 

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 #include "util/log.h"
 #include "util/string_util.h"
@@ -23,13 +24,9 @@ constexpr const char* KPROBE = "kprobe";
 // Makes the name of a kprobe event of ours unlike anybody else's.
 constexpr const char* KPROBE_EVENT_SUFFIX = "_tesubpf";
 
-struct EventName {
-    std::string before;  // tracepoint category, or kind of kprobe
-    std::string after;   // tracepoint name, or kernel function
-};
-
-// Splits at the first underscore; without one both are the whole name.
-EventName SplitEventName(const std::string& event) {
+// What is before and after the first underscore: category and name of a tracepoint, or kind of
+// kprobe and kernel function. Without one both are the whole name.
+std::pair<std::string, std::string> SplitEventName(const std::string& event) {
     const size_t underscore = event.find('_');
     if (underscore == std::string::npos) {
         return {event, event};
@@ -67,9 +64,7 @@ bool IsBpfProg(std::string& name) {
 
 int RetrieveProgramFd(const std::string& dir, const std::string& name) {
     const std::string path = dir + "/" + name;
-    struct bpf_obj_get_opts options = {};
-    options.sz = sizeof(options);
-    options.file_flags = BPF_F_RDONLY;
+    LIBBPF_OPTS(bpf_obj_get_opts, options, .file_flags = BPF_F_RDONLY);
     return bpf_obj_get_opts(path.c_str(), &options);
 }
 
@@ -90,8 +85,8 @@ int AttachTracepointProgram(const std::string& dir, const std::string& objName,
                   event.c_str());
         return -1;
     }
-    const EventName name = SplitEventName(event);
-    return bpf_attach_tracepoint(fd, name.before.c_str(), name.after.c_str());
+    const auto [category, name] = SplitEventName(event);
+    return bpf_attach_tracepoint(fd, category.c_str(), name.c_str());
 }
 
 int AttachTracepointProgram(const std::string& dir, const std::string& progName,
@@ -115,25 +110,19 @@ int AttachKProbeProgram(const std::string& dir, const std::string& objName,
                   event.c_str(), objName.c_str());
         return -1;
     }
-    const EventName name = SplitEventName(event);
-    bpf_probe_attach_type type = BPF_PROBE_ENTRY;
-    if (event.starts_with("enter")) {
-        TESU_LOGI(TESU_LOG_UTILS,
-                  "[AttachKProbeProgram] Attach kprobe prog: enter: eventType: %s, eventName: %s",
-                  name.before.c_str(), name.after.c_str());
-    } else if (event.starts_with("return")) {
-        TESU_LOGI(TESU_LOG_UTILS,
-                  "[AttachKProbeProgram] Attach kprobe prog: return: eventType: %s, eventName: %s",
-                  name.before.c_str(), name.after.c_str());
-        type = BPF_PROBE_RETURN;
-    } else {
+    const bool isEnter = event.starts_with("enter");
+    if (!isEnter && !event.starts_with("return")) {
         TESU_LOGE(TESU_LOG_UTILS,
                   "[AttachKProbeProgram] (UNKNOW TYPE) kprobe prog failed: %s, prog: %s",
                   event.c_str(), objName.c_str());
         return -1;
     }
-    return bpf_attach_kprobe(fd, type, (event + KPROBE_EVENT_SUFFIX).c_str(), name.after.c_str(), 0,
-                             0);
+    const auto [type, function] = SplitEventName(event);
+    TESU_LOGI(TESU_LOG_UTILS,
+              "[AttachKProbeProgram] Attach kprobe prog: %s: eventType: %s, eventName: %s",
+              isEnter ? "enter" : "return", type.c_str(), function.c_str());
+    return bpf_attach_kprobe(fd, isEnter ? BPF_PROBE_ENTRY : BPF_PROBE_RETURN,
+                             (event + KPROBE_EVENT_SUFFIX).c_str(), function.c_str(), 0, 0);
 }
 
 int AttachAllTesuBpfProgram(const std::string& dir, const BpfProgramTable& table) {

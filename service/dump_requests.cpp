@@ -111,15 +111,13 @@ bool CreateDumpThread() {
     bool created = true;
     try {
         std::thread(RunDumpThread).detach();
+        std::atexit(EndDumps);
     } catch (const std::system_error& error) {
         TESU_LOGE(TESU_LOG_SERVICE, "[InstallDumpSignalHandlers] no thread for dumps: %s",
                   error.what());
         created = false;
     }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    if (created) {
-        std::atexit(EndDumps);
-    }
     return created;
 }
 

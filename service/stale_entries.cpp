@@ -1,15 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "service/stale_entries.h"
 
-#include <android-base/unique_fd.h>
 #include <bpf/bpf.h>
 
 #include <cerrno>
 #include <cstdint>
-#include <string>
 
 #include "records/contract.h"
 #include "service/tesu_bpf_service.h"
+#include "task/map_seeding.h"
 
 namespace Tesu::Bpf {
 
@@ -17,12 +16,8 @@ namespace {
 
 using android::base::unique_fd;
 
-unique_fd OpenMap(const char* name) {
-    return unique_fd(bpf_obj_get((std::string(PIN_DIR) + "/" + name).c_str()));
-}
-
 void EmptyMap(const char* name) {
-    const unique_fd map = OpenMap(name);
+    const unique_fd map = OpenPinnedMap(name);
     uint64_t key = 0;  // keys have 4 or 8 bytes
     while (bpf_map_get_next_key(map.get(), nullptr, &key) == 0 &&
            (bpf_map_delete_elem(map.get(), &key) == 0 || errno == ENOENT)) {
@@ -32,7 +27,7 @@ void EmptyMap(const char* name) {
 // The programs count these entries, so each stays until its task removes it. One that is all 0
 // makes no record.
 void VoidPendingCreates() {
-    const unique_fd map = OpenMap(TESU_CORE_MAP("task_create_pending"));
+    const unique_fd map = OpenPinnedMap(TESU_CORE_MAP("task_create_pending"));
     constexpr char NOTHING[64] = {};  // a value, and more
     uint32_t tid = 0;
     for (const uint32_t* last = nullptr; bpf_map_get_next_key(map.get(), last, &tid) == 0;

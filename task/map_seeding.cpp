@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "task/map_seeding.h"
 
-#include <android-base/unique_fd.h>
 #include <bpf/bpf.h>
 
 #include <cerrno>
@@ -16,29 +15,30 @@ namespace Tesu::Bpf {
 
 namespace {
 
-// A map of the programs. The kernel takes keys and values as they lie in memory, so the types must
-// be the map's own.
+using android::base::unique_fd;
+
+// Creates or replaces. The kernel takes keys and values as they lie in memory, so the types must be
+// the map's own. A failure is logged with this message, which ends in %s.
 template <class Key, class Value>
-class PinnedMap {
-  public:
-    explicit PinnedMap(const char* name)
-        : fd(bpf_obj_get((std::string(PIN_DIR) + "/" + name).c_str())) {}
-
-    bool ok() const { return fd.ok(); }
-    int descriptor() const { return fd.ok() ? fd.get() : -1; }
-
-    // Creates or replaces. A failure is logged with this message, which ends in %s.
-    void update(const Key& key, const Value& value, const char* failure) const {
-        if (bpf_map_update_elem(fd.get(), &key, &value, BPF_ANY) != 0) {
-            TESU_LOGE(TESU_LOG_SERVICE, failure, strerror(errno));
-        }
+void Update(const unique_fd& map, const Key& key, const Value& value, const char* failure) {
+    if (bpf_map_update_elem(map.get(), &key, &value, BPF_ANY) != 0) {
+        TESU_LOGE(TESU_LOG_SERVICE, failure, strerror(errno));
     }
+}
 
-  private:
-    android::base::unique_fd fd;
-};
+// Of a process that goes while it is read.
+void LogUnreadable(const std::string& path) {
+    TESU_LOGD(TESU_LOG_SERVICE,
+              "[TESUBPFDEBUG] [TesuBpfService][INIT-DMA] Task not exists, so we skip it (%s)",
+              path.c_str());
+}
 
 }  // namespace
+
+unique_fd OpenPinnedMap(const char* name) {
+    const int fd = bpf_obj_get((std::string(PIN_DIR) + "/" + name).c_str());
+    return unique_fd(fd < 0 ? -1 : fd);
+}
 
 void ScanOpenFds(const std::string& procRoot, const KeepScanning& keepScanning,
                  const std::function<void(const OpenFdCaller&)>& take) {
@@ -55,10 +55,7 @@ void ScanOpenFds(const std::string& procRoot, const KeepScanning& keepScanning,
         const std::string folder = ProcPath(procRoot, pid, "fd");
         const auto count = CountEntries(folder);
         if (!count) {
-            TESU_LOGD(TESU_LOG_SERVICE,
-                      "[TESUBPFDEBUG] [TesuBpfService][INIT-DMA] Task not exists, so we skip it "
-                      "(%s)",
-                      folder.c_str());
+            LogUnreadable(folder);
             return true;
         }
         OpenFdCaller caller{};
@@ -71,7 +68,8 @@ void ScanOpenFds(const std::string& procRoot, const KeepScanning& keepScanning,
 }
 
 void ScanDmabufs(const std::string& procRoot, const KeepScanning& keepScanning,
-                 const DmabufSink& sink) {
+                 const std::function<void(uint64_t inode, const DmabufAllocation&)>& takeMapping,
+                 const std::function<void(int32_t pid, int64_t total)>& takeTotal) {
     std::string text;
     ForEachProcess(procRoot, [&](const std::string& name) {
         if (!keepScanning()) {
@@ -79,23 +77,19 @@ void ScanDmabufs(const std::string& procRoot, const KeepScanning& keepScanning,
         }
         const std::string path = ProcPath(procRoot, name, "maps");
         if (!ReadProcFile(path, &text)) {
-            TESU_LOGD(TESU_LOG_SERVICE,
-                      "[TESUBPFDEBUG] [TesuBpfService][INIT-DMA] Task not exists, so we skip it "
-                      "(%s)",
-                      path.c_str());
+            LogUnreadable(path);
             return true;
         }
         const auto pid = static_cast<int32_t>(ParseNumber(name));
         uint64_t total = 0;
         ForEachLine(text, [&](std::string_view line) {
             if (const auto mapping = ParseDmabufMapping(line)) {
-                sink.takeMapping(mapping->inode,
-                                 {.pid = pid, .reserved = 0, .size = mapping->size});
+                takeMapping(mapping->inode, {.pid = pid, .reserved = 0, .size = mapping->size});
                 total += static_cast<uint64_t>(mapping->size);
             }
         });
         if (total != 0) {
-            sink.takeTotal(pid, static_cast<int64_t>(total));
+            takeTotal(pid, static_cast<int64_t>(total));
         }
         return true;
     });
@@ -103,44 +97,41 @@ void ScanDmabufs(const std::string& procRoot, const KeepScanning& keepScanning,
 
 int SeedOpenFdMap(const std::string& procRoot, const KeepScanning& keepScanning) {
     TESU_LOGE(TESU_LOG_SERVICE, "[TesuBpfService][INIT] update open_fd_caller_map !");
-    const PinnedMap<uint32_t, OpenFdCaller> openFds(OPEN_FD_MAP);
+    const unique_fd openFds = OpenPinnedMap(OPEN_FD_MAP);
     if (!openFds.ok()) {
         TESU_LOGE(TESU_LOG_SERVICE,
                   "[TesuBpfService][INIT] get map_TesuBpfDefineset_open_fd_caller_map(%d) failed! "
                   "%s",
-                  openFds.descriptor(), strerror(errno));
+                  openFds.get(), strerror(errno));
         return -1;
     }
     ScanOpenFds(procRoot, keepScanning, [&](const OpenFdCaller& caller) {
-        openFds.update(caller.pid, caller,
-                       "[TesuBpfService][INIT] update open_fd_caller_map failed! %s");
+        Update(openFds, caller.pid, caller,
+               "[TesuBpfService][INIT] update open_fd_caller_map failed! %s");
     });
     return 0;
 }
 
 int SeedDmabufMaps(const std::string& procRoot, const KeepScanning& keepScanning) {
-    const PinnedMap<uint64_t, DmabufAllocation> allocations(DMABUF_ALLOCATE_MAP);
-    const PinnedMap<int32_t, int64_t> totals(DMABUF_SIZE_MAP);
+    const unique_fd allocations = OpenPinnedMap(DMABUF_ALLOCATE_MAP);
+    const unique_fd totals = OpenPinnedMap(DMABUF_SIZE_MAP);
     if (!allocations.ok() || !totals.ok()) {
         TESU_LOGE(
             TESU_LOG_SERVICE,
             "[TesuBpfService][INIT] get dmabufAllocateMap(%d) or dmabufSizeMap(%d) failed! %s",
-            allocations.descriptor(), totals.descriptor(), strerror(errno));
+            allocations.get(), totals.get(), strerror(errno));
         return -1;
     }
-    ScanDmabufs(procRoot, keepScanning,
-                {.takeMapping =
-                     [&](uint64_t inode, const DmabufAllocation& allocation) {
-                         allocations.update(
-                             inode, allocation,
-                             "[TesuBpfService][INIT] update dmabuf allocate map failed! %s");
-                     },
-                 .takeTotal =
-                     [&](int32_t pid, int64_t total) {
-                         totals.update(
-                             pid, total,
-                             "[TesuBpfService][INIT] update process - dmabuf size map failed! %s");
-                     }});
+    ScanDmabufs(
+        procRoot, keepScanning,
+        [&](uint64_t inode, const DmabufAllocation& allocation) {
+            Update(allocations, inode, allocation,
+                   "[TesuBpfService][INIT] update dmabuf allocate map failed! %s");
+        },
+        [&](int32_t pid, int64_t total) {
+            Update(totals, pid, total,
+                   "[TesuBpfService][INIT] update process - dmabuf size map failed! %s");
+        });
     return 0;
 }
 

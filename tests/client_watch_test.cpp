@@ -2,7 +2,6 @@
 //
 // `tesubpf watch` as a user runs it, at a service that does what services do and what they should
 // not.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -19,8 +18,6 @@
 
 namespace Tesu::Bpf {
 namespace {
-
-using testing::HasSubstr;
 
 std::string ExitOf(int32_t pid) {
     return Bytes(Exit(0, pid, "name"));
@@ -70,26 +67,13 @@ TEST_F(WatchTest, PrintsEachEventOnceInOrderHoweverItIsCut) {
     EXPECT_EQ(printed, sent);
 }
 
-TEST_F(WatchTest, SaysWhatIsRefusedAndEndsOnASignal) {
-    for (const int signal : {SIGINT, SIGTERM}) {
-        const bool isAllRefused = signal == SIGINT;
-        ChildProcess client(watch({"--seconds", "1000"}));
-        service->acceptClient(2, {3, isAllRefused ? 2U : 3U});
-        EXPECT_TRUE(client.waitForError("refused the subscription to event type 3"));
-        service->sendEvent(ExitOf(4711));
-        EXPECT_TRUE(client.waitForOutput("4711"));
-        client.sendSignal(signal);
-        EXPECT_EQ(client.waitForExit(), isAllRefused ? 1 : 0);
-    }
-}
-
 TEST_F(WatchTest, ConnectsAgainWhateverBecameOfTheConnection) {
     ChildProcess client(watch({"--type", "exit"}));
     service->acceptClient(1);
     service->sendEvent(ExitOf(101));
     service->sendBytes(WireClient::word(7));  // no frame is as short
     EXPECT_TRUE(client.waitForError("does not speak the protocol"));
-    EXPECT_THAT(client.output, HasSubstr("101"));
+    EXPECT_NE(client.output.find("101"), std::string::npos);
     service->acceptClient(1);
     service->sendEvent(ExitOf(102));
     EXPECT_TRUE(client.waitForOutput("102"));
@@ -102,33 +86,12 @@ TEST_F(WatchTest, ConnectsAgainWhateverBecameOfTheConnection) {
     EXPECT_TRUE(client.waitForOutput("103"));
 }
 
-TEST_F(WatchTest, EndsWhateverTheReaderOfItsOutputDoes) {
-    for (const bool isReaderGone : {true, false}) {
-        ChildProcess client(watch({"--json", "--type", "exit"}));
-        service->acceptClient(1);
-        EXPECT_TRUE(client.waitForError("connected"));
-        if (isReaderGone) {
-            client.closeOutput();  // no event is needed for it
-        } else {
-            client.holdOutput();
-            std::string events;
-            while (events.size() < 60000) {
-                events += WireClient::frame(3, ExitOf(4711));
-            }
-            // Makes more lines than a pipe holds; its 64 KiB are not used to the last byte.
-            service->sendBytes(events);
-            ASSERT_TRUE(WaitUntil([&] { return client.heldOutput() > 16384; }));
-            client.sendSignal(SIGTERM);
-        }
-        EXPECT_EQ(client.waitForExit(), 0);
-    }
-}
-
-TEST_F(WatchTest, FailsWhenNobodyListens) {
-    service.reset();
-    ChildProcess client(watch({"--seconds", "0.3"}));
-    EXPECT_EQ(client.waitForExit(), 1);
-    EXPECT_THAT(client.error, HasSubstr("no daemon is listening on @" + name));
+TEST_F(WatchTest, EndsWithTheReaderOfItsOutput) {
+    ChildProcess client(watch({"--type", "exit"}));
+    service->acceptClient(1);
+    EXPECT_TRUE(client.waitForError("connected"));
+    client.closeOutput();  // no event is needed for it
+    EXPECT_EQ(client.waitForExit(), 0);
 }
 
 }  // namespace

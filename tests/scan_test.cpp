@@ -70,7 +70,7 @@ TEST(ScanTest, ReadersOfAnOddTree) {
     const auto addMapping = [&](uint64_t inode, const DmabufAllocation& allocation) {
         add("mapping", allocation.pid, inode, allocation.size);
     };
-    ScanDmabufs(proc.path(), all, {addMapping, [&](int pid, int64_t sum) { add(pid, sum); }});
+    ScanDmabufs(proc.path(), all, addMapping, [&](int pid, int64_t sum) { add(pid, sum); });
     std::vector<ProcessSnapshot> processes;
     EXPECT_TRUE(ProcReader(proc.path()).readAll(&processes));
     for (const ProcessSnapshot& process : processes) {

@@ -34,19 +34,13 @@ std::string StringPrintf(const char* format, ...) {
 
 std::vector<std::string> Split(const std::string& text, const std::string& separator) {
     std::vector<std::string> pieces;
-    size_t start = 0;
-    while (!separator.empty()) {
-        const size_t end = text.find(separator, start);
-        if (end == std::string::npos) {
-            break;
-        }
+    for (size_t start = 0; start < text.size();) {
+        const size_t next = separator.empty() ? text.size() : text.find(separator, start);
+        const size_t end = std::min(next, text.size());
         if (end > start) {
             pieces.push_back(text.substr(start, end - start));
         }
         start = end + separator.size();
-    }
-    if (start < text.size()) {
-        pieces.push_back(text.substr(start));
     }
     return pieces;
 }

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "util/time_util.h"
 
-#include <time.h>
-
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
@@ -10,11 +8,12 @@
 #include <limits>
 #include <string>
 
+#include "util/monotonic_clock.h"
+
 namespace Tesu::Bpf {
 
 namespace {
 
-constexpr long long NANOS_PER_SECOND = 1000000000;
 constexpr const char* PROC_STAT_PATH = "/proc/stat";
 constexpr const char* BOOT_TIME_PREFIX = "btime ";
 
@@ -22,16 +21,11 @@ constexpr const char* BOOT_TIME_PREFIX = "btime ";
 // attached; a thread that reads it earlier gets 0.
 std::atomic<long long> __basetime{0};  // NOLINT(bugprone-reserved-identifier)
 
-timespec ReadClock(clockid_t clock) {
-    timespec now{};
-    clock_gettime(clock, &now);
-    return now;
-}
-
-// Seconds since the epoch of a monotonic clock's reading.
-unsigned long long EpochSeconds(const timespec& monotonic) {
-    return static_cast<unsigned long long>(GetBasetime()) +
-           static_cast<unsigned long long>(monotonic.tv_sec);
+// Since the epoch, in units of so many nanoseconds, by a monotonic clock.
+unsigned long long SinceEpoch(clockid_t clock, int64_t unit) {
+    return static_cast<unsigned long long>(GetBasetime()) *
+               static_cast<unsigned long long>(NANOSECONDS_PER_SECOND / unit) +
+           static_cast<unsigned long long>(ClockNanoseconds(clock) / unit);
 }
 
 }  // namespace
@@ -62,33 +56,30 @@ long long GetBasetime() {
 
 unsigned long long NarrowNanoseconds(long long seconds, long nanoseconds) {
     const uint32_t narrow =
-        static_cast<uint32_t>(seconds) * static_cast<uint32_t>(NANOS_PER_SECOND) +
+        static_cast<uint32_t>(seconds) * static_cast<uint32_t>(NANOSECONDS_PER_SECOND) +
         static_cast<uint32_t>(nanoseconds);
     return static_cast<unsigned long long>(static_cast<int64_t>(static_cast<int32_t>(narrow)));
 }
 
 unsigned long long GetSystemBootNanosencondsTime() {
-    const timespec now = ReadClock(CLOCK_MONOTONIC);
-    return NarrowNanoseconds(now.tv_sec, now.tv_nsec);
+    return static_cast<unsigned long long>(
+        static_cast<int64_t>(static_cast<int32_t>(MonotonicNanoseconds())));
 }
 
 unsigned long long GetSystemNanosencondsTime() {
-    const timespec now = ReadClock(CLOCK_MONOTONIC);
-    return EpochSeconds(now) * NANOS_PER_SECOND + static_cast<unsigned long long>(now.tv_nsec);
+    return SinceEpoch(CLOCK_MONOTONIC, 1);
 }
 
 unsigned long long GetSystemMicrosencondsTime() {
-    const timespec now = ReadClock(CLOCK_MONOTONIC);
-    return EpochSeconds(now) * 1000000 + static_cast<unsigned long long>(now.tv_nsec) / 1000;
+    return SinceEpoch(CLOCK_MONOTONIC, 1000);
 }
 
 unsigned long long GetSystemMillisecondsTime(bool precise) {
-    const timespec now = ReadClock(precise ? CLOCK_MONOTONIC : CLOCK_MONOTONIC_COARSE);
-    return EpochSeconds(now) * 1000 + static_cast<unsigned long long>(now.tv_nsec) / 1000000;
+    return SinceEpoch(precise ? CLOCK_MONOTONIC : CLOCK_MONOTONIC_COARSE, 1'000'000);
 }
 
 unsigned long long GetSystemSecondsTime() {
-    return EpochSeconds(ReadClock(CLOCK_MONOTONIC_COARSE));
+    return SinceEpoch(CLOCK_MONOTONIC_COARSE, NANOSECONDS_PER_SECOND);
 }
 
 long long SubAbs(long long a, long long b) {

@@ -102,19 +102,15 @@ ConnectionItem ServiceConnection::tryToConnect() {
         return {};
     }
     socket = ConnectLocalSocket(socketName, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    if (socket.ok() && watch(socket.get(), EPOLL_CTL_ADD, EPOLLIN)) {
-        return onConnected();
+    if (!socket.ok() || !watch(socket.get(), EPOLL_CTL_ADD, EPOLLIN)) {
+        const bool isListening = socket.ok() || errno == EAGAIN;
+        socket.reset();
+        retryIn(isListening ? SHORT_PAUSE : RETRY_PAUSE);
+        if (isListening || std::exchange(isWaiting, true)) {
+            return {};
+        }
+        return {.kind = ConnectionItem::WAITING};
     }
-    const bool isListening = socket.ok() || errno == EAGAIN;
-    socket.reset();
-    retryIn(isListening ? SHORT_PAUSE : RETRY_PAUSE);
-    if (isListening || std::exchange(isWaiting, true)) {
-        return {};
-    }
-    return {.kind = ConnectionItem::WAITING};
-}
-
-ConnectionItem ServiceConnection::onConnected() {
     isWaiting = false;
     // What an earlier connection did not send, get answered or complete is gone with it.
     unsent.clear();

@@ -64,7 +64,6 @@ class ServiceConnection {
     ServiceConnection(std::string socketName, std::vector<int> eventTypes);
 
     ConnectionItem tryToConnect();
-    ConnectionItem onConnected();
     void sendRequests();
     ConnectionItem onPackage(const Package& package);
     ConnectionItem onResponse(const Package& package);

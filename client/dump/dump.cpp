@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "client/dump/dump_request.h"
+#include "client/exit_status.h"
 #include "client/text/output.h"
 #include "client/text/terminal_text.h"
 
@@ -35,22 +36,22 @@ std::string EscapeLines(std::string_view text) {
 
 }  // namespace
 
-int RunDump(const DumpOptions& options, const TerminationSignals& signals) {
-    const Result<pid_t> service = FindServiceProcess(options.socketName);
+int RunDump(const std::string& socketName, DumpSignal kind, const TerminationSignals& signals) {
+    const Result<pid_t> service = FindServiceProcess(socketName);
     const auto text =
-        service ? RequestDump(*service, options.kind, DUMP_DIR, signals) : Failure(service.error());
+        service ? RequestDump(*service, kind, DUMP_DIR, signals) : Failure(service.error());
     if (!text || !*text) {
         if (!text) {
             std::fprintf(stderr, "tesubpf: %s\n", text.error().c_str());
         }
-        return DUMP_NOT_SERVED;
+        return EXIT_NOT_SERVED;
     }
-    const std::string& shown = options.isTerminal ? EscapeLines(**text) : **text;
+    const std::string& shown = isatty(STDOUT_FILENO) == 1 ? EscapeLines(**text) : **text;
     if (WriteUntilStopped(STDOUT_FILENO, shown, signals.fd()) == WriteResult::FAILED) {
         std::fprintf(stderr, "tesubpf: cannot write: %s\n", strerror(errno));
-        return DUMP_OUTPUT_FAILED;
+        return EXIT_FAILED;
     }
-    return DUMP_OK;
+    return EXIT_OK;
 }
 
 }  // namespace Tesu::Bpf

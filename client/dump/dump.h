@@ -10,19 +10,8 @@
 
 namespace Tesu::Bpf {
 
-struct DumpOptions {
-    std::string socketName;
-    DumpSignal kind = DUMP_SIGNAL_STATE;
-    bool isTerminal = false;  // standard output is one: nothing printed may act on it
-};
-
-enum DumpStatus {
-    DUMP_OK = 0,
-    DUMP_NOT_SERVED = 1,  // no daemon, or it gave no dump; the reason is on standard error
-    DUMP_OUTPUT_FAILED = 3,
-};
-
-// Returns a DumpStatus.
-int RunDump(const DumpOptions& options, const TerminationSignals& signals);
+// Standard output gets the text; when it is a terminal, nothing in it acts on that. Returns an
+// ExitStatus.
+int RunDump(const std::string& socketName, DumpSignal kind, const TerminationSignals& signals);
 
 }  // namespace Tesu::Bpf

@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <string_view>
+#include <utility>
 #include <variant>
 
 #include "client/text/terminal_text.h"
@@ -173,8 +174,7 @@ std::string Render(const Line& line, int64_t receivedTime, bool colour) {
     text += line.pid ? StringPrintf(" %7d  ", *line.pid) : "       -  ";
     text += PadRight(line.name.empty() ? "-" : EscapeForTerminal(line.name), NAME_WIDTH);
     text += "  " + line.details;
-    text.erase(text.find_last_not_of(' ') + 1);
-    return text + "\n";
+    return TrimRight(std::move(text)) + "\n";
 }
 
 }  // namespace
@@ -186,21 +186,16 @@ std::string TextFormatter::header() {
 void TextFormatter::append(const Event& event, int64_t receivedTime, std::string* out) {
     Line line = std::visit([](const auto& record) { return MakeLine(record); }, event);
     if (const auto* const fork = std::get_if<RawTaskCreateEvent>(&event)) {
-        rememberFork(*fork);
+        if (fork->taskType == RAW_TASK_PROCESS) {
+            if (forkTimes.size() >= MAX_FORK_TIMES) {
+                forkTimes.clear();
+            }
+            forkTimes[fork->pid] = fork->header.time;
+        }
     } else if (const auto* const exit = std::get_if<RawTaskExitEvent>(&event)) {
         line.details += lifetime(*exit);
     }
     *out += Render(line, receivedTime, colour);
-}
-
-void TextFormatter::rememberFork(const RawTaskCreateEvent& event) {
-    if (event.taskType != RAW_TASK_PROCESS) {
-        return;
-    }
-    if (forkTimes.size() >= MAX_FORK_TIMES) {
-        forkTimes.clear();
-    }
-    forkTimes[event.pid] = event.header.time;
 }
 
 // How long the process lived, when its fork was seen.

@@ -37,7 +37,6 @@ class TextFormatter {
     void forgetProcesses() { forkTimes.clear(); }
 
   private:
-    void rememberFork(const RawTaskCreateEvent& event);
     std::string lifetime(const RawTaskExitEvent& event);
 
     // Exits may not be watched, so the table has a limit.

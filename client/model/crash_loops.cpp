@@ -24,7 +24,11 @@ void CrashLoops::addExit(std::string_view name, int64_t lifetime, int64_t time) 
     ++exits.counts[static_cast<size_t>(exits.lastSlot) % SLOTS];
     exits.lastLifetime = lifetime;
     if (names.size() > MAX_NAMES) {
-        forgetOld(time);
+        std::erase_if(
+            names, [time](const auto& entry) { return countOf(entry.second, time) < MIN_EXITS; });
+        if (names.size() > MAX_NAMES / 2) {
+            names.clear();
+        }
     }
 }
 
@@ -36,14 +40,6 @@ uint32_t CrashLoops::countOf(const Exits& exits, int64_t now) {
         count += exits.counts[static_cast<size_t>(exits.lastSlot - back) % SLOTS];
     }
     return count;
-}
-
-void CrashLoops::forgetOld(int64_t now) {
-    std::erase_if(names,
-                  [now](const auto& entry) { return countOf(entry.second, now) < MIN_EXITS; });
-    if (names.size() > MAX_NAMES / 2) {
-        names.clear();
-    }
 }
 
 uint32_t CrashLoops::exitsOf(std::string_view name, int64_t now) const {

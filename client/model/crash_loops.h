@@ -51,7 +51,6 @@ class CrashLoops {
     };
 
     static uint32_t countOf(const Exits& exits, int64_t now);
-    void forgetOld(int64_t now);
 
     std::unordered_map<std::string, Exits> names;
 };

@@ -173,25 +173,14 @@ void ProcessModel::applyKnown(const RawFdUpdateEvent& event) {
 }
 
 void ProcessModel::applyKnown(const RawTaskCreateEvent& event) {
-    if (event.taskType == RAW_TASK_PROCESS) {
-        ++counts.forks;
-        addForked(event);
-    } else if (event.taskType == RAW_TASK_THREAD) {
-        countThread(event.pid, event.header.time, true);
-    }
-}
-
-void ProcessModel::applyKnown(const RawTaskExitEvent& event) {
-    if (event.taskType == RAW_TASK_PROCESS) {
-        ++counts.exits;
-        removeExited(event);
-    } else if (event.taskType == RAW_TASK_THREAD) {
-        countThread(event.pid, event.header.time, false);
-    }
-}
-
-void ProcessModel::addForked(const RawTaskCreateEvent& event) {
     const int64_t time = event.header.time;
+    if (event.taskType == RAW_TASK_THREAD) {
+        countThread(event.pid, time, true);
+    }
+    if (event.taskType != RAW_TASK_PROCESS) {
+        return;
+    }
+    ++counts.forks;
     const Process* const known = find(event.pid);
     if (known != nullptr && time <= known->startTime + START_TOLERANCE) {
         return;  // found in /proc first
@@ -208,8 +197,15 @@ void ProcessModel::addForked(const RawTaskCreateEvent& event) {
     scheduleNameRefresh(&process, time);
 }
 
-void ProcessModel::removeExited(const RawTaskExitEvent& event) {
+void ProcessModel::applyKnown(const RawTaskExitEvent& event) {
     const int64_t time = event.header.time;
+    if (event.taskType == RAW_TASK_THREAD) {
+        countThread(event.pid, time, false);
+    }
+    if (event.taskType != RAW_TASK_PROCESS) {
+        return;
+    }
+    ++counts.exits;
     const Process* const process = find(event.pid);
     // An exit before the start was that of an earlier process of this number.
     if (process == nullptr || time < process->startTime - START_TOLERANCE) {
@@ -342,19 +338,15 @@ ProcessView ProcessModel::view(const ViewRequest& request) {
             return order != 0 ? (order < 0) != request.isReversed : a->row.pid < b->row.pid;
         });
     for (auto process = begin; process != end; ++process) {
-        view.rows.push_back((*process)->row);
-        addHints(*process, &view.rows.back());
+        ProcessRow& row = view.rows.emplace_back((*process)->row);
+        row.history = (*process)->residentHistory.upTo(second());
+        row.isGrowing = IsGrowing(row.history);
+        const int64_t made = (*process)->threadsMadeHistory.rise(second(), STORM_SECONDS);
+        row.newThreads = made >= STORM_THREADS ? made : 0;
+        row.loopExits = row.age <= CrashLoops::SHORT_LIFE ? crashLoops.exitsOf(row.name, now) : 0;
     }
     view.loops = crashLoops.loops(now, MAX_LOOPS);
     return view;
-}
-
-void ProcessModel::addHints(Process* process, ProcessRow* row) const {
-    row->history = process->residentHistory.upTo(second());
-    row->isGrowing = IsGrowing(row->history);
-    const int64_t made = process->threadsMadeHistory.rise(second(), STORM_SECONDS);
-    row->newThreads = made >= STORM_THREADS ? made : 0;
-    row->loopExits = row->age <= CrashLoops::SHORT_LIFE ? crashLoops.exitsOf(row->name, now) : 0;
 }
 
 }  // namespace Tesu::Bpf

@@ -144,15 +144,12 @@ class ProcessModel {
 
     Process* find(int32_t pid);
     Process& startAnew(int32_t pid, int64_t startTime);
-    void addForked(const RawTaskCreateEvent& event);
-    void removeExited(const RawTaskExitEvent& event);
     void countThread(int32_t pid, int64_t time, bool made);
     void recordResident(Process* process) const;
     void scheduleNameRefresh(Process* process, int64_t time);
     void scheduleRefresh(Process* process, int64_t due);
     void merge(const ProcessSnapshot& snapshot);
     void update(const ProcessSnapshot& snapshot, bool withThreads, Process* process);
-    void addHints(Process* process, ProcessRow* row) const;
     int64_t second() const;
 
     std::unordered_map<int32_t, Process> table;

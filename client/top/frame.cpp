@@ -16,31 +16,24 @@ namespace {
 constexpr size_t FULL_HEIGHT = 10;
 constexpr size_t SMALL_HEIGHT = 4;
 
-// Of the keys that order nothing.
-constexpr const char* HELP_KEYS[] = {
-    "  r              the other way round",
-    "  /              show only names with this text, or pids that begin with it",
-    "  Esc            show all again",
-    "  k              show or hide kernel threads",
-    "  space          stand still, go on",
-    "  R              read /proc anew",
-    "  arrows, PgUp, PgDn, Home, End",
-    "",
-};
-
-std::string FormatRate(double perSecond) {
-    return StringPrintf("%.0f/s", perSecond);
-}
-
 std::vector<std::string> HelpLines() {
     std::string keys;
     for (const Column* const column : OrderColumns()) {
         keys += column->order.key;
         keys += ' ';
     }
-    std::vector<std::string> lines = {"", "  q, Ctrl-C      quit",
-                                      "  " + keys + " order by " + ListOrders()};
-    lines.insert(lines.end(), std::begin(HELP_KEYS), std::end(HELP_KEYS));
+    std::vector<std::string> lines = {
+        "",
+        "  q, Ctrl-C      quit",
+        "  " + keys + " order by " + ListOrders(),
+        "  r              the other way round",
+        "  /              show only names with this text, or pids that begin with it",
+        "  Esc            show all again",
+        "  k              show or hide kernel threads",
+        "  space          stand still, go on",
+        "  R              read /proc anew",
+        "  arrows, PgUp, PgDn, Home, End",
+        ""};
     for (const Column& column : AllColumns()) {
         const char* title = column.title;
         for (const std::string& text : Split(column.help, "\n")) {
@@ -112,9 +105,9 @@ StyledLine TotalsLine(const ProcessTotals& totals, size_t width) {
     add("processes", std::to_string(totals.processes));
     add("threads", std::to_string(totals.threads));
     add("kernel", std::to_string(totals.kernelThreads));
-    add("forks", FormatRate(totals.forksPerSecond));
-    add("exits", FormatRate(totals.exitsPerSecond));
-    add("records", FormatRate(totals.recordsPerSecond));
+    add("forks", StringPrintf("%.0f/s", totals.forksPerSecond));
+    add("exits", StringPrintf("%.0f/s", totals.exitsPerSecond));
+    add("records", StringPrintf("%.0f/s", totals.recordsPerSecond));
     return line.endWith("");
 }
 
@@ -210,13 +203,9 @@ std::vector<StyledLine> MakeFrame(const ProcessView& view, const FrameState& sta
         }
         lines.push_back(RowLine(row, columns, width));
     }
-    if (isFull) {
-        while (lines.size() < rowsEnd) {
-            lines.push_back(LineBuilder(width).endWith(""));
-        }
-    }
     // A filter must be seen while it is typed, however small the terminal.
     if (isFull) {
+        lines.resize(rowsEnd, LineBuilder(width).endWith(""));
         lines.push_back(LastLine(view, state, width));
     } else if (state.isFilterTyped) {
         lines.front() = LastLine(view, state, width);

@@ -67,6 +67,22 @@ android::base::unique_fd BlockTerminalSignals() {
     return android::base::unique_fd(signalfd(-1, &blocked, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
+void Resize() {
+    winsize size{};
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0 && size.ws_col > 0) {
+        resizeterm(size.ws_row, size.ws_col);
+        clear();
+    }
+}
+
+void Suspend() {
+    endwin();
+    std::raise(SIGSTOP);
+    Resize();
+    clear();
+    refresh();
+}
+
 }  // namespace
 
 Result<std::unique_ptr<TopScreen>> TopScreen::open(bool colour) {
@@ -145,30 +161,14 @@ bool TopScreen::handleSignals() {
     signalfd_siginfo info{};
     while (TEMP_FAILURE_RETRY(read(signals.get(), &info, sizeof(info))) == sizeof(info)) {
         if (info.ssi_signo == SIGWINCH) {
-            resize();
+            Resize();
         } else if (info.ssi_signo == SIGTSTP) {
-            suspend();
+            Suspend();
         } else {
             return false;
         }
     }
     return true;
-}
-
-void TopScreen::resize() {
-    winsize size{};
-    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0 && size.ws_col > 0) {
-        resizeterm(size.ws_row, size.ws_col);
-        clear();
-    }
-}
-
-void TopScreen::suspend() {
-    endwin();
-    std::raise(SIGSTOP);
-    resize();
-    clear();
-    refresh();
 }
 
 }  // namespace Tesu::Bpf

@@ -46,9 +46,6 @@ class TopScreen {
   private:
     TopScreen(bool colour, android::base::unique_fd signals);
 
-    void resize();
-    void suspend();
-
     bool colour;
     android::base::unique_fd signals;
 };

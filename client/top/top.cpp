@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "client/connection/service_connection.h"
+#include "client/exit_status.h"
 #include "client/top/controls.h"
 #include "client/top/frame.h"
 #include "client/top/screen.h"
@@ -67,14 +68,13 @@ class Top {
         }
     }
 
-    // Returns a TopStatus.
+    // Returns an ExitStatus.
     int run(const TerminationSignals& signals);
 
   private:
     bool waitForFrame(const TerminationSignals& signals);
     void takeItems();
     bool takeKeys();
-    bool takeSignals();
     bool refresh();
     void draw();
     int print();
@@ -101,7 +101,7 @@ int Top::run(const TerminationSignals& signals) {
             screen.reset();
             std::fprintf(stderr, "tesubpf: cannot read %s: %s\n", options.procRoot.c_str(),
                          strerror(error));
-            return TOP_FAILED;
+            return EXIT_FAILED;
         }
         if (screen != nullptr) {
             draw();
@@ -109,7 +109,7 @@ int Top::run(const TerminationSignals& signals) {
         lastFrame = MonotonicNanoseconds();
         frameDue = lastFrame + IDLE_FRAME_TIME;
     } while (waitForFrame(signals));
-    return options.isBatch ? print() : TOP_OK;
+    return options.isBatch ? print() : EXIT_OK;
 }
 
 // Handles whatever comes until the next frame is due; false at the end.
@@ -139,8 +139,12 @@ bool Top::waitForFrame(const TerminationSignals& signals) {
         if (service.revents != 0) {
             takeItems();
         }
+        if (terminalSignals.revents != 0) {
+            isViewDue = true;
+            frameDue = 0;
+        }
         if ((keys.revents != 0 && !takeKeys()) ||
-            (terminalSignals.revents != 0 && !takeSignals())) {
+            (terminalSignals.revents != 0 && !screen->handleSignals())) {
             return false;
         }
     }
@@ -185,13 +189,6 @@ bool Top::takeKeys() {
     return true;
 }
 
-// False when it is to end.
-bool Top::takeSignals() {
-    isViewDue = true;
-    frameDue = 0;
-    return screen->handleSignals();
-}
-
 // Reads of /proc what is due: all of it after a connection was made, or single processes. False
 // when /proc cannot be read; errno says why.
 bool Top::refresh() {
@@ -233,9 +230,9 @@ int Top::print() {
                       width > 0 && width <= 1000 ? static_cast<size_t>(width) : BATCH_WIDTH);
     if (std::fputs(text.c_str(), stdout) < 0 || std::fflush(stdout) != 0) {
         std::fprintf(stderr, "tesubpf: cannot write: %s\n", strerror(errno));
-        return TOP_FAILED;
+        return EXIT_FAILED;
     }
-    return state.connection == ConnectionItem::CONNECTED ? TOP_OK : TOP_NOT_SERVED;
+    return state.connection == ConnectionItem::CONNECTED ? EXIT_OK : EXIT_NOT_SERVED;
 }
 
 }  // namespace
@@ -246,14 +243,14 @@ int RunTop(const TopOptions& options, const TerminationSignals& signals) {
                              RAW_EVENT_TASK_EXIT, RAW_EVENT_FD_UPDATE});
     if (!connection) {
         std::fprintf(stderr, "tesubpf: %s\n", connection.error().c_str());
-        return TOP_FAILED;
+        return EXIT_FAILED;
     }
     std::unique_ptr<TopScreen> screen;
     if (!options.isBatch) {
         Result<std::unique_ptr<TopScreen>> opened = TopScreen::open(options.colour);
         if (!opened) {
             std::fprintf(stderr, "tesubpf: %s\n", opened.error().c_str());
-            return TOP_FAILED;
+            return EXIT_FAILED;
         }
         screen = std::move(*opened);
     }

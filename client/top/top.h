@@ -20,13 +20,7 @@ struct TopOptions {
     ViewRequest view;  // what to show, at first
 };
 
-enum TopStatus {
-    TOP_OK = 0,
-    TOP_NOT_SERVED = 1,  // a batch run that had no service to listen to
-    TOP_FAILED = 3,      // no terminal, no /proc, or the output could not be written
-};
-
-// Returns a TopStatus. Blocks further signals in the calling thread, for good.
+// Returns an ExitStatus. Blocks further signals in the calling thread, for good.
 int RunTop(const TopOptions& options, const TerminationSignals& signals);
 
 }  // namespace Tesu::Bpf

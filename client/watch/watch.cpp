@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "client/watch/watch.h"
 
-#include <android-base/unique_fd.h>
 #include <poll.h>
-#include <sys/epoll.h>
-#include <sys/timerfd.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <utility>
@@ -15,6 +14,7 @@
 #include "client/connection/service_connection.h"
 #include "client/events/event_json.h"
 #include "client/events/event_text.h"
+#include "client/exit_status.h"
 #include "client/text/output.h"
 #include "util/monotonic_clock.h"
 
@@ -22,39 +22,26 @@ namespace Tesu::Bpf {
 
 namespace {
 
-// Readable from the moment on at which the caller wants an end: a signal has come, the time is up.
-class EndRequest {
-  public:
-    EndRequest(const TerminationSignals& signals, std::optional<double> seconds)
-        : epoll(epoll_create1(EPOLL_CLOEXEC)),
-          timer(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
-        if (seconds) {
-            const auto whole = static_cast<time_t>(*seconds);
-            const double rest = (*seconds - static_cast<double>(whole)) * NANOSECONDS_PER_SECOND;
-            const itimerspec end{.it_interval = {},
-                                 .it_value = {.tv_sec = whole, .tv_nsec = static_cast<long>(rest)}};
-            timerfd_settime(timer.get(), 0, &end, nullptr);
-        }
-        for (const int fd : {signals.fd(), timer.get()}) {
-            epoll_event event{};
-            event.events = EPOLLIN;
-            epoll_ctl(epoll.get(), EPOLL_CTL_ADD, fd, &event);
-        }
-    }
-
-    bool isWatching() const { return epoll.ok() && timer.ok(); }
-    int fd() const { return epoll.get(); }
-
-  private:
-    android::base::unique_fd epoll;
-    android::base::unique_fd timer;
-};
+// Ends the time that the caller wants as a signal from outside would.
+bool EndAfter(double seconds) {
+    sigevent onEnd{};
+    onEnd.sigev_notify = SIGEV_SIGNAL;
+    onEnd.sigev_signo = SIGTERM;
+    timer_t timer{};
+    const auto whole = static_cast<time_t>(seconds);
+    const double rest = (seconds - static_cast<double>(whole)) * NANOSECONDS_PER_SECOND;
+    const itimerspec end{.it_interval = {},
+                         .it_value = {.tv_sec = whole, .tv_nsec = static_cast<long>(rest)}};
+    return timer_create(CLOCK_MONOTONIC, &onEnd, &timer) == 0 &&
+           timer_settime(timer, 0, &end, nullptr) == 0;
+}
 
 class Watch {
   public:
-    Watch(const WatchOptions& options, const EndRequest& endRequest, ServiceConnection connection)
+    Watch(const WatchOptions& options, const TerminationSignals& signals,
+          ServiceConnection connection)
         : options(options),
-          endRequest(endRequest),
+          signals(signals),
           connection(std::move(connection)),
           formatter(options.colour) {}
 
@@ -67,7 +54,7 @@ class Watch {
     void flush();
 
     const WatchOptions& options;
-    const EndRequest& endRequest;
+    const TerminationSignals& signals;
     ServiceConnection connection;
     TextFormatter formatter;
     std::string batch;  // not yet written
@@ -84,7 +71,7 @@ int Watch::run() {
         flush();
     }
     // Of the output only errors are reported, such as a pipe without a reader.
-    pollfd entries[] = {{.fd = endRequest.fd(), .events = POLLIN, .revents = 0},
+    pollfd entries[] = {{.fd = signals.fd(), .events = POLLIN, .revents = 0},
                         {.fd = STDOUT_FILENO, .events = 0, .revents = 0},
                         {.fd = connection.descriptor(), .events = POLLIN, .revents = 0}};
     while (!isEnded) {
@@ -94,9 +81,9 @@ int Watch::run() {
         }
     }
     if (hasOutputFailed) {
-        return WATCH_OUTPUT_FAILED;
+        return EXIT_FAILED;
     }
-    return isServed ? WATCH_OK : WATCH_NOT_SERVED;
+    return isServed ? EXIT_OK : EXIT_NOT_SERVED;
 }
 
 // What is there now; written before news of the connection, to which it may lead up, are said.
@@ -162,7 +149,7 @@ void Watch::onNews(const ConnectionItem& item) {
 }
 
 void Watch::flush() {
-    const WriteResult result = WriteUntilStopped(STDOUT_FILENO, batch, endRequest.fd());
+    const WriteResult result = WriteUntilStopped(STDOUT_FILENO, batch, signals.fd());
     batch.clear();
     if (result == WriteResult::FAILED) {
         std::fprintf(stderr, "tesubpf: cannot write: %s\n", strerror(errno));
@@ -174,15 +161,14 @@ void Watch::flush() {
 }  // namespace
 
 int RunWatch(const WatchOptions& options, const TerminationSignals& signals) {
-    const EndRequest endRequest(signals, options.seconds);
     Result<ServiceConnection> connection =
         ServiceConnection::open(options.socketName, options.eventTypes);
-    if (!connection || !endRequest.isWatching()) {
+    if (!connection || (options.seconds && !EndAfter(*options.seconds))) {
         std::fprintf(stderr, "tesubpf: %s\n",
-                     connection ? "cannot create an event descriptor" : connection.error().c_str());
-        return WATCH_OUTPUT_FAILED;
+                     connection ? "cannot set a timer" : connection.error().c_str());
+        return EXIT_FAILED;
     }
-    return Watch(options, endRequest, std::move(*connection)).run();
+    return Watch(options, signals, std::move(*connection)).run();
 }
 
 }  // namespace Tesu::Bpf

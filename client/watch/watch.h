@@ -22,13 +22,8 @@ struct WatchOptions {
     std::optional<uint64_t> count;  // how many events
 };
 
-enum WatchStatus {
-    WATCH_OK = 0,          // ended as asked: by time, count, signal, or because the reader has gone
-    WATCH_NOT_SERVED = 1,  // never connected to a service, or it refused every subscription
-    WATCH_OUTPUT_FAILED = 3,
-};
-
-// Events go to standard output, news of the connection to standard error. Returns a WatchStatus.
+// Events go to standard output, news of the connection to standard error. Returns an ExitStatus.
+// When `seconds` are over the process gets a SIGTERM, which `signals` takes as any other.
 int RunWatch(const WatchOptions& options, const TerminationSignals& signals);
 
 }  // namespace Tesu::Bpf
