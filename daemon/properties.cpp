@@ -6,6 +6,8 @@
 
 #include <regex>
 
+#include "util/string_util.h"
+
 namespace Tesu::Bpf {
 
 Result<Properties> ParseProperties(const std::vector<std::string>& arguments) {
@@ -35,7 +37,8 @@ std::string RunningKernelVersion() {
 Result<> SetProperties(const Properties& properties) {
     for (const auto& [name, value] : properties) {
         if (!android::base::SetProperty(name, value)) {
-            return Failure("the property \"" + name + "\" cannot be set to \"" + value + "\"");
+            return Failure(StringPrintf("the property \"%s\" cannot be set to \"%s\"", name.c_str(),
+                                        value.c_str()));
         }
     }
     return {};
