@@ -50,8 +50,9 @@ TEST(DumpRequest, TakesTheNewFileOfItsKindAndNothingElse) {
         {"printf \"== TASKS (count: 1\" >b; exit", "has ended"}};
     for (const auto& [onSignal, answer] : answers) {
         const TempDir folder;
-        const ShellDaemon daemon("cd " + folder.path() + "; " + start + onSignal +
-                                 "' 53; >ready; while :; do sleep 0.02; done");
+        std::string script = "cd " + folder.path() + "; ";
+        script.append(start).append(onSignal) += "' 53; >ready; while :; do sleep 0.02; done";
+        const ShellDaemon daemon(script);
         ASSERT_TRUE(WaitUntil([&] { return access(folder.path("ready").c_str(), F_OK) == 0; }));
         const auto text =
             RequestDump(daemon.pid, DUMP_SIGNAL_NORMAL, folder.path(), TerminationSignals());

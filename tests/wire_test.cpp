@@ -59,9 +59,9 @@ class WireTest : public ServedTest {
 };
 
 TEST_F(WireTest, EveryRequestHasItsReply) {
-    constexpr auto word = WireClient::word;
-    constexpr auto frame = WireClient::frame;
-    constexpr auto request = WireClient::request;
+    const auto word = WireClient::word;
+    const auto frame = WireClient::frame;
+    const auto request = WireClient::request;
     const std::string type = word(TYPE);
     const struct {
         const char* name;
