@@ -21,7 +21,7 @@ class FakeService {
     explicit FakeService(const std::string& name)
         : listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         const auto [address, length] = WireClient::addressOf(name);
-        bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), length);
+        EXPECT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), length), 0);
         EXPECT_EQ(listen(listener.get(), 1), 0);
         limitWaiting(listener.get());
     }
