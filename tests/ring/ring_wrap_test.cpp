@@ -98,7 +98,9 @@ TYPED_TEST(RingWrapTest, EveryRecordArrivesOnceAndInOrder) {
         };
         std::function<int(void*)> onRecord = [&](void* data) {
             EXPECT_EQ(As<uint64_t>(data), arrived++);
-            answer == 0 && random() % 16 != 0 && write() != nullptr;
+            if (answer == 0 && random() % 16 != 0) {
+                write();
+            }
             return answer;
         };
         RingWrap wrap(
