@@ -109,7 +109,12 @@ bool ChildProcess::readSome() {
 
 bool ChildProcess::waitFor(const std::string& stream, size_t start, const std::string& text,
                            std::chrono::milliseconds patience) {
-    const auto isThere = [&] { return stream.find(text, start) != std::string::npos; };
+    const auto isThere = [&] {
+        const bool found = stream.find(text, start) != std::string::npos;
+        // What has been searched is not searched again.
+        start = std::max(start, stream.size() - std::min(stream.size(), text.size()));
+        return found;
+    };
     return WaitUntil([&] { return isThere() || (readSome() && isThere()); }, patience);
 }
 
