@@ -226,7 +226,7 @@ TEST_F(TableTest, EqualsProcBeforeDuringAndAfterStorms) {
         }
         expectEqualProc(names);
     }
-    EXPECT_EQ(names.size(), 4 + (CHILDREN / 3) * 2);
+    EXPECT_EQ(names.size(), 4 + CHILDREN - CHILDREN / 3);
     for (const auto& workload : workloads) {
         workload->sendSignal(SIGKILL);
     }
