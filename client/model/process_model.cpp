@@ -69,6 +69,7 @@ ProcessModel::Process& ProcessModel::startAnew(int32_t pid, int64_t startTime) {
 
 void ProcessModel::mergeProc(int64_t begin, const std::vector<ProcessSnapshot>& processes) {
     now = std::max(now, begin);
+    procTime = begin;
     procDue.reset();
     for (auto& [pid, process] : table) {
         process.wasInProc = false;
@@ -182,8 +183,8 @@ void ProcessModel::applyKnown(const RawTaskCreateEvent& event) {
     }
     ++counts.forks;
     const Process* const known = find(event.pid);
-    if (known != nullptr && time <= known->startTime + START_TOLERANCE) {
-        return;  // found in /proc first
+    if (known != nullptr ? time <= known->startTime + START_TOLERANCE : time < procTime) {
+        return;  // found in /proc first, or had gone before it was read
     }
     Process& process = startAnew(event.pid, time);
     process.row.ppid = event.ppid;
