@@ -34,7 +34,7 @@ class TopTest : public testing::Test {
 
 TEST_F(TopTest, GivesTheTerminalBackHoweverItEndsAndWhileItIsStopped) {
     for (const bool isKilled : {false, true}) {
-        ChildProcess program(top({}), Terminal{});
+        ChildProcess program(top({}), true);
         service.acceptClient(TOP_SUBSCRIPTIONS);
         ASSERT_TRUE(program.waitForNewOutput("live"));
         EXPECT_FALSE(program.hasTerminalModesOfBefore());
@@ -59,7 +59,7 @@ TEST_F(TopTest, GivesTheTerminalBackHoweverItEndsAndWhileItIsStopped) {
 }
 
 TEST_F(TopTest, ShowsEventsAndSurvivesEverySize) {
-    ChildProcess program(top({"--filter", "ghost"}), Terminal{});
+    ChildProcess program(top({"--filter", "ghost"}), true);
     service.acceptClient(TOP_SUBSCRIPTIONS);
     // Later than anything that is read of /proc, which has no process of such a number.
     const int64_t later = MonotonicNanoseconds() + 3600 * NANOSECONDS_PER_SECOND;
@@ -76,14 +76,6 @@ TEST_F(TopTest, ShowsEventsAndSurvivesEverySize) {
     EXPECT_TRUE(program.waitForOutput("SHMEM"));
     program.type("q");
     EXPECT_EQ(program.waitForExit(), 0);
-}
-
-TEST_F(TopTest, PrintsOneTableWithoutATerminal) {
-    ChildProcess batch(top({"--batch", "--seconds", "600", "--sort", "pid"}));
-    service.acceptClient(TOP_SUBSCRIPTIONS);
-    batch.sendSignal(SIGTERM);
-    EXPECT_EQ(batch.waitForExit(), 0);
-    EXPECT_NE(batch.output.find(" " + std::to_string(getpid()) + " "), std::string::npos);
 }
 
 }  // namespace

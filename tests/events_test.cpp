@@ -73,18 +73,18 @@ struct Life {
     std::vector<int64_t> dmabufs;                // bytes
 };
 
-class EventsTest : public ServiceTest {
+class EventsTest : public KernelServiceTest {
   protected:
     void start(const std::string& kernelVersion = "6.18") {
         // Much can happen on a busy machine before a service looks again.
         constexpr uint32_t RING_BYTES = 32 << 20;
         ASSERT_NO_FATAL_FAILURE(startService(RING_BYTES, kernelVersion));
-        subscribe(&client, {RAW_EVENT_RSS_STAT, RAW_EVENT_TASK_CREATE, RAW_EVENT_TASK_EXIT,
-                            RAW_EVENT_DMABUF_SIZE});
+        subscribe({RAW_EVENT_RSS_STAT, RAW_EVENT_TASK_CREATE, RAW_EVENT_TASK_EXIT,
+                   RAW_EVENT_DMABUF_SIZE});
     }
 
     void TearDown() override {
-        if (service != nullptr) {
+        if (waitResult.valid()) {
             EXPECT_EQ(LostRecords(RING_CORE), 0U);
         }
     }
@@ -132,8 +132,6 @@ class EventsTest : public ServiceTest {
             life.dmabufs.push_back(as(RawDmabufAllocEvent{}).size);
         }
     }
-
-    WireClient client;
 };
 
 TEST_F(EventsTest, EveryShortLifeIsReportedOnceWithItsParentAndUser) {

@@ -144,13 +144,5 @@ TEST_F(LoaderTest, GuessesWhatTheTypeInformationSays) {
     }
 }
 
-TEST(RingSizeTest, IsAPowerOfTwoOfWholePagesBelow4GiB) {
-    EXPECT_TRUE(CheckRingSize(4096, 4096));
-    EXPECT_TRUE(CheckRingSize(uint64_t{1} << 31, 4096));
-    for (const uint64_t size : {uint64_t{0}, uint64_t{2048}, uint64_t{12288}, uint64_t{1} << 32}) {
-        EXPECT_FALSE(CheckRingSize(size, 4096)) << size;
-    }
-}
-
 }  // namespace
 }  // namespace Tesu::Bpf

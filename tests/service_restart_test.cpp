@@ -20,7 +20,7 @@
 namespace Tesu::Bpf {
 namespace {
 
-using ServiceRestartTest = ServiceTest;
+using ServiceRestartTest = KernelServiceTest;
 
 TEST_F(ServiceRestartTest, KnowsNothingOfWhatAnEarlierServiceSaw) {
     ASSERT_NO_FATAL_FAILURE(load());
@@ -51,9 +51,8 @@ TEST_F(ServiceRestartTest, KnowsNothingOfWhatAnEarlierServiceSaw) {
     }
     ASSERT_NO_FATAL_FAILURE(startService({}, "6.1"));
     EXPECT_NE(bpf_map_lookup_elem(totals.get(), &pid, value), 0);
-    WireClient client;
     ASSERT_NO_FATAL_FAILURE(
-        subscribe(&client, {RAW_EVENT_TASK_CREATE, RAW_EVENT_TASK_EXIT, RAW_EVENT_RSS_STAT}));
+        subscribe({RAW_EVENT_TASK_CREATE, RAW_EVENT_TASK_EXIT, RAW_EVENT_RSS_STAT}));
     kill(pid, SIGCONT);
     ASSERT_EQ(waitpid(pid, nullptr, 0), pid);
     for (bool hasEnded = false; !hasEnded;) {

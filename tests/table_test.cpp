@@ -140,7 +140,7 @@ bool IsWhole(const std::string& text) {
             rows == std::stoul(text.substr(text.find("count: ") + 7)));
 }
 
-class TableTest : public ServiceTest {
+class TableTest : public KernelServiceTest {
   protected:
     static std::unique_ptr<ChildProcess> work(const std::string& kind) {
         const size_t number = kind == "children" ? CHILDREN : NUMBER;
@@ -193,7 +193,6 @@ class TableTest : public ServiceTest {
         EXPECT_EQ(LostRecords(RING_CORE), 0U);
     }
 
-    WireClient client;
     ProcessModel model;
 };
 
@@ -208,8 +207,8 @@ TEST_F(TableTest, EqualsProcBeforeDuringAndAfterStorms) {
     std::list<std::unique_ptr<ChildProcess>> workloads;
     workloads.push_back(work("processes"));
     ASSERT_NO_FATAL_FAILURE(startService(RING_BYTES));
-    subscribe(&client, {RAW_EVENT_TASK_CREATE, RAW_EVENT_TASK_EXIT, RAW_EVENT_RSS_STAT,
-                        RAW_EVENT_FD_UPDATE});
+    subscribe(
+        {RAW_EVENT_TASK_CREATE, RAW_EVENT_TASK_EXIT, RAW_EVENT_RSS_STAT, RAW_EVENT_FD_UPDATE});
     const int64_t begin = MonotonicNanoseconds();  // before /proc is read
     model.mergeProc(begin, ReadProc());
     finish(*workloads.back(), [this] { readEvents(); });
@@ -253,7 +252,7 @@ TEST_F(TableTest, KnowsTheDescriptorsAndDmaBufsThatWereThereBefore) {
     if (!buffers.back().ok()) {
         GTEST_SKIP() << "no virtual graphics card";
     }
-    subscribe(&client, {RAW_EVENT_DMABUF_SIZE});
+    subscribe({RAW_EVENT_DMABUF_SIZE});
     for (const int64_t left : {21, 5, 0}) {
         buffers.pop_front();
         const auto package = client.next();
@@ -267,7 +266,7 @@ TEST_F(TableTest, KnowsTheDescriptorsAndDmaBufsThatWereThereBefore) {
 // A thousand signals a second while processes come and go, until the process has ended.
 TEST_F(TableTest, DumpsDuringAStormAreWholeAndCostNoEvent) {
     ASSERT_NO_FATAL_FAILURE(startService(RING_BYTES));
-    subscribe(&client, {RAW_EVENT_TASK_CREATE, RAW_EVENT_TASK_EXIT});
+    subscribe({RAW_EVENT_TASK_CREATE, RAW_EVENT_TASK_EXIT});
     // The service's threads take the signals; here they would end waits.
     sigset_t signals;
     sigfillset(&signals);

@@ -156,12 +156,19 @@ TEST_F(WireTest, WritersRepliesAndPassersByNeverMix) {
     constexpr int EVENTS = 3000;
     std::vector<std::jthread> threads;
     threads.emplace_back([](const std::stop_token& done) {
+        const std::string subscription = WireClient::subscription(1, TYPE);
+        const std::string sent[] = {subscription.substr(0, 30), subscription,
+                                    WireClient::word(UINT_MAX) + std::string(300, '\x01'),
+                                    std::string(IPC_BUFFER_SIZE + 8192, '\x7f'), subscription};
+        std::vector<WireClient> silent;  // subscribe and never read
         for (int i = 0; !done.stop_requested(); ++i) {
             WireClient passer;
             passer.connectTo(SERVICE_SOCKET_NAME);
-            passer.sendBytes(WireClient::subscription(1, TYPE).substr(0, i % 2 == 0 ? 56 : 30));
-            if (i % 3 == 0) {
+            passer.sendBytes(sent[i % 5]);
+            if (i % 5 < 2) {
                 SendOutOfBand(passer);
+            } else if (i % 5 == 4 && silent.size() < 40) {
+                silent.push_back(std::move(passer));
             }
         }
     });
@@ -182,6 +189,8 @@ TEST_F(WireTest, WritersRepliesAndPassersByNeverMix) {
         ASSERT_EQ(content, std::to_string(writer) + ":" + std::to_string(next[writer]++));
     }
 }
+
+using ServiceTest = ServiceIn<SandboxTest>;
 
 TEST_F(ServiceTest, PropertiesSayWhatStarts) {
     SetProperty(DISABLE_PROPERTY, "1");

@@ -35,12 +35,11 @@ std::vector<std::string> EmulatorCommand() {
     return {std::istream_iterator<std::string>(words), {}};
 }
 
-ChildProcess::ChildProcess(const std::vector<std::string>& arguments,
-                           const std::optional<Terminal>& terminal) {
+ChildProcess::ChildProcess(const std::vector<std::string>& arguments, bool onTerminal) {
     int outputs[2] = {-1, -1};  // our end, the program's
     int errors[2] = {-1, -1};
-    if (terminal) {
-        const winsize size{terminal->height, terminal->width, 0, 0};
+    if (onTerminal) {
+        const winsize size{24, 80, 0, 0};
         EXPECT_EQ(openpty(&outputs[0], &outputs[1], nullptr, nullptr, &size), 0);
         terminalFd.reset(fcntl(outputs[0], F_DUPFD_CLOEXEC, 0));
         tcgetattr(outputs[0], &modesBefore);
@@ -55,10 +54,10 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments,
     std::ranges::transform(command, argv.begin(), [](std::string& word) { return word.data(); });
     child = fork();
     if (child == 0) {
-        if (terminal) {
+        if (onTerminal) {
             close(outputs[0]);
             login_tty(outputs[1]);
-            setenv("TERM", terminal->kind, 1);
+            setenv("TERM", "xterm", 1);
             setenv("LC_ALL", "C.UTF-8", 1);
         } else {
             dup2(outputs[1], STDOUT_FILENO);
@@ -85,15 +84,9 @@ void ChildProcess::sendSignal(int signal) const {
     }
 }
 
-int ChildProcess::heldOutput() const {
-    int bytes = 0;
-    ioctl(outputFd.get(), FIONREAD, &bytes);
-    return bytes;
-}
-
 bool ChildProcess::readSome() {
     // poll() passes over negative descriptors.
-    pollfd entries[] = {{outputHeld ? -1 : outputFd.get(), POLLIN, 0}, {errorFd.get(), POLLIN, 0}};
+    pollfd entries[] = {{outputFd.get(), POLLIN, 0}, {errorFd.get(), POLLIN, 0}};
     if (entries[0].fd == -1 && entries[1].fd == -1) {
         return false;
     }
@@ -128,7 +121,6 @@ std::optional<int> ChildProcess::waitForExit() {
         return status.has_value();
     });
     // A program that has ended writes no more: read to the end of both.
-    outputHeld = false;
     WaitUntil([this] { return !status || !readSome(); });
     return status;
 }

@@ -20,19 +20,12 @@
 // the emulator. Empty where there is none.
 std::vector<std::string> EmulatorCommand();
 
-// The size of a terminal when the program starts, and its kind.
-struct Terminal {
-    unsigned short width = 80;
-    unsigned short height = 24;
-    const char* kind = "xterm";
-};
-
 // Used by one thread.
 class ChildProcess {
   public:
-    // arguments[0] is the program's path. On a terminal, output and error output are one.
-    explicit ChildProcess(const std::vector<std::string>& arguments,
-                          const std::optional<Terminal>& terminal = {});
+    // arguments[0] is the program's path. On a terminal, an xterm of 80 x 24, output and error
+    // output are one.
+    explicit ChildProcess(const std::vector<std::string>& arguments, bool onTerminal = false);
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
@@ -41,10 +34,6 @@ class ChildProcess {
     void sendSignal(int signal) const;
     // Leaves the program's output without a reader.
     void closeOutput() { outputFd.reset(); }
-    // From now on the program's output is left in its pipe, until the program has ended.
-    void holdOutput() { outputHeld = true; }
-    // Bytes of output that wait in the pipe.
-    int heldOutput() const;
 
     // Whether the text appears, before the patience runs out, in what the program writes.
     bool waitForOutput(const std::string& text,
@@ -74,7 +63,6 @@ class ChildProcess {
 
     pid_t child = -1;
     std::optional<int> status;
-    bool outputHeld = false;
     android::base::unique_fd outputFd;
     android::base::unique_fd errorFd;
     android::base::unique_fd terminalFd;  // our side of it

@@ -110,7 +110,7 @@ RecordInjector::Result RecordInjector::inject(const void* record, uint32_t size,
     return result;
 }
 
-void ServiceTest::load(std::optional<uint32_t> ringBytes) {
+void KernelServiceTest::load(std::optional<uint32_t> ringBytes) {
     LoadOptions options;
     options.ringBytes = ringBytes;
     std::ostringstream out;
@@ -120,31 +120,21 @@ void ServiceTest::load(std::optional<uint32_t> ringBytes) {
     ASSERT_EQ(err.str(), "");
 }
 
-void ServiceTest::startService(std::optional<uint32_t> ringBytes,
-                               const std::string& kernelVersion) {
+void KernelServiceTest::startService(std::optional<uint32_t> ringBytes,
+                                     const std::string& kernelVersion) {
     if (!OpenPin(CORE_STATUS_MAP).ok()) {
         ASSERT_NO_FATAL_FAILURE(load(ringBytes));
     }
-    android::base::SetProperty(READY_PROPERTY, "1");
     android::base::SetProperty(KERNEL_VERSION_PROPERTY, kernelVersion);
-    ASSERT_TRUE(BpfServiceMain());
-    service = TesuBpfService::GetInstance();
-    supervisor = std::thread([this] { service->Wait(); });
+    start("1");
     ASSERT_TRUE(WaitUntil(
         [&] { return IsEnabled(RING_CORE) && (kernelVersion != "6.1" || IsEnabled(RING_GPL)); }));
 }
 
-void ServiceTest::stopService() {
-    if (supervisor.joinable()) {
-        service->stop();
-        supervisor.join();
-    }
-}
-
-void ServiceTest::subscribe(WireClient* client, std::initializer_list<int32_t> types) {
-    ASSERT_TRUE(client->connectTo(SERVICE_SOCKET_NAME));
+void KernelServiceTest::subscribe(std::initializer_list<int32_t> types) {
+    ASSERT_TRUE(client.connectTo(SERVICE_SOCKET_NAME));
     for (const int32_t type : types) {
-        ASSERT_EQ(client->subscribe(type), 0) << type;
+        ASSERT_EQ(client.subscribe(type), 0) << type;
     }
 }
 

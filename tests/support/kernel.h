@@ -11,12 +11,9 @@
 #include <initializer_list>
 #include <memory>
 #include <optional>
-#include <thread>
 
 #include "records/raw_event.h"
-#include "service/tesu_bpf_service.h"
-#include "tests/support/sandbox.h"
-#include "tests/support/wire_client.h"
+#include "tests/support/served_test.h"
 
 namespace Tesu::Bpf {
 
@@ -63,25 +60,16 @@ class RecordInjector {
     uint64_t recordAddress = 0;
 };
 
-class ServiceTest : public KernelTest {
+class KernelServiceTest : public ServiceIn<KernelTest> {
   protected:
-    ~ServiceTest() override { stopService(); }
-
     // Loads and pins the programs anew, all of them.
     static void load(std::optional<uint32_t> ringBytes = {});
     // Loads, starts the service and waits until every class of events is on. `kernelVersion` "6.1"
     // has the GPL ring drained too.
     void startService(std::optional<uint32_t> ringBytes = {},
                       const std::string& kernelVersion = "6.18");
-    // Ends the service and waits for its threads; done by the destructor at the latest.
-    void stopService();
-    // Connects to the service, that is for event types.
-    static void subscribe(WireClient* client, std::initializer_list<int32_t> types);
-
-    TesuBpfService* service = nullptr;
-
-  private:
-    std::thread supervisor;
+    // Connects the client, that is for event types.
+    void subscribe(std::initializer_list<int32_t> types);
 };
 
 }  // namespace Tesu::Bpf

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A test with the service in this process, without kernel programs: a service that waits for
+// A test with the service in this process. It needs no kernel programs: a service that waits for
 // readiness serves clients already.
 #pragma once
 
@@ -17,9 +17,10 @@
 namespace Tesu::Bpf {
 
 // Starts nothing by itself.
-class ServiceTest : public SandboxTest {
+template <class Sandbox>
+class ServiceIn : public Sandbox {
   protected:
-    ~ServiceTest() override { service->stop(); }
+    ~ServiceIn() override { service->stop(); }
 
     void start(const std::string& ready = "0") {
         android::base::SetProperty(READY_PROPERTY, ready);
@@ -28,15 +29,15 @@ class ServiceTest : public SandboxTest {
     }
 
     TesuBpfService* const service = TesuBpfService::GetInstance();
-    std::future<int> waitResult;  // of Wait()
     WireClient client;
+    std::future<int> waitResult;  // of Wait()
 };
 
 // With a service that runs and a client that is connected.
-class ServedTest : public ServiceTest {
+class ServedTest : public ServiceIn<SandboxTest> {
   protected:
     void SetUp() override {
-        ServiceTest::SetUp();
+        SandboxTest::SetUp();
         if (!IsSkipped()) {
             start();
             ASSERT_TRUE(client.connectTo(SERVICE_SOCKET_NAME));
