@@ -56,7 +56,7 @@ TEST_F(ProgramsTest, CarryAProcessFromTheKernelToTheUser) {
     const TempDir temp;
     ASSERT_EQ(mount("none", temp.path().c_str(), "cgroup2", 0, nullptr), 0) << strerror(errno);
     const std::string group = "tesu-test-" + std::to_string(getpid());
-    temp.makeFolder(group);
+    std::filesystem::create_directory(temp.path(group));
     utsname system{};
     uname(&system);
     // Another kernel can be asked for the programs that only that version is to have.

@@ -7,6 +7,7 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -50,7 +51,7 @@ TEST(ScanTest, ReadersOfAnOddTree) {
             proc.write(process[0] + (i < 4 ? files[i] : "/fd/" + process[i]), process[i]);
         }
     }
-    proc.makeFolder("17/status");  // opens, but cannot be read
+    std::filesystem::create_directories(proc.path("17/status"));  // opens, but cannot be read
     std::vector<std::string> lines;
     const auto add = [&](const auto&... values) {
         std::ostringstream line;
