@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ipc/unix_socket.h"
 
+#include <android-base/unique_fd.h>
 #include <cutils/sockets.h>
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -13,8 +14,9 @@
 #include "util/log.h"
 
 int OpenServerSocket(const char* name, bool logFailure) {
-    const int fd = socket_local_server(name, ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM);
-    if (fd == -1) {
+    android::base::unique_fd fd(
+        socket_local_server(name, ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM));
+    if (!fd.ok()) {
         const int error = errno;
         if (logFailure) {
             TESU_LOGW(TESU_LOG_UTILS, "Create socket: %s failed: %d, message: %s", name, error,
@@ -23,13 +25,13 @@ int OpenServerSocket(const char* name, bool logFailure) {
         errno = error;
         return -1;
     }
-    fcntl(fd, F_SETFD, FD_CLOEXEC);
-    if (!Setnonblocking(fd)) {
+    fcntl(fd.get(), F_SETFD, FD_CLOEXEC);
+    if (!Setnonblocking(fd.get())) {
         TESU_LOGE(TESU_LOG_UTILS, "Setnonblocking (%s) failed: %d, message: %s", name, errno,
                   strerror(errno));
         return -1;
     }
-    return fd;
+    return fd.release();
 }
 
 int CreateNonblockingServerSocket(const char* name) {
