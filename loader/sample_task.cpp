@@ -80,8 +80,10 @@ SampleTask::SampleTask(const KernelMemory& memory, int threads, const std::strin
     }
     factsWrite.reset();
     Facts facts = {};
+    // A runtime may have added threads of its own, so the kernel's count need not be `threads`; what
+    // counts is that it is the one in kernel memory.
     if (child == -1 || !android::base::ReadFully(factsRead.get(), &facts, sizeof(facts)) ||
-        facts.threads != threads) {
+        facts.threads == 0) {
         return;
     }
     task.bytes = memory.read(facts.self.address, KERNEL_MEMORY_BYTES);
