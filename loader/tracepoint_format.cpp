@@ -8,41 +8,28 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <regex>
 
 namespace Tesu::Bpf {
 
 namespace {
 
 constexpr std::string_view FIELD_PREFIX = "field:";
-constexpr std::string_view LOCATED_PREFIX = "__data_loc ";
 
-// The number after `label` in one piece of a line ("offset:8").
-bool ParseLabelled(std::string_view piece, std::string_view label, uint32_t* number) {
-    return android::base::ConsumePrefix(&piece, label) &&
-           android::base::ParseUint(std::string(piece), number);
-}
-
-// "unsigned short common_type", "char comm[16]" or "__data_loc char[] dst_path".
-bool ParseDeclaration(std::string_view declaration, TracepointField* field) {
-    field->isLocated = android::base::ConsumePrefix(&declaration, LOCATED_PREFIX);
-    const size_t blank = declaration.rfind(' ');
-    if (blank == std::string_view::npos) {
+// "unsigned short common_type;", "char comm[16];" or "__data_loc char[] dst_path;", each followed
+// by "offset:8;" and "size:4;".
+bool ParseField(const std::string& line, TracepointField* field) {
+    static const std::regex FIELD(
+        "(__data_loc )?(.*) ([^ \\[]+)(\\[.*)?;\\s*offset:(\\d+);\\s*size:(\\d+);.*");
+    std::smatch parts;
+    if (!std::regex_match(line, parts, FIELD)) {
         return false;
     }
-    std::string_view name = declaration.substr(blank + 1);
-    name = name.substr(0, name.find('['));
-    field->name = name;
-    field->type = declaration.substr(0, blank);
-    return !name.empty();
-}
-
-bool ParseField(std::string_view line, TracepointField* field) {
-    const std::vector<std::string> pieces = android::base::Split(std::string(line), ";");
-    if (pieces.size() < 3 || !ParseDeclaration(android::base::Trim(pieces[0]), field)) {
-        return false;
-    }
-    return ParseLabelled(android::base::Trim(pieces[1]), "offset:", &field->offset) &&
-           ParseLabelled(android::base::Trim(pieces[2]), "size:", &field->size);
+    field->isLocated = parts[1].matched;
+    field->type = parts[2];
+    field->name = parts[3];
+    return android::base::ParseUint(parts[5].str(), &field->offset) &&
+           android::base::ParseUint(parts[6].str(), &field->size);
 }
 
 }  // namespace
@@ -57,12 +44,11 @@ Result<TracepointFormat> ParseTracepointFormat(std::string_view text) {
     TracepointFormat format;
     for (const std::string& line : android::base::Split(std::string(text), "\n")) {
         const std::string trimmed = android::base::Trim(line);
-        std::string_view content = trimmed;
-        if (!android::base::ConsumePrefix(&content, FIELD_PREFIX)) {
+        if (!trimmed.starts_with(FIELD_PREFIX)) {
             continue;
         }
         TracepointField field;
-        if (!ParseField(content, &field)) {
+        if (!ParseField(trimmed.substr(FIELD_PREFIX.size()), &field)) {
             return Failure("cannot understand the line \"" + trimmed + "\"");
         }
         format.push_back(std::move(field));
