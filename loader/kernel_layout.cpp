@@ -111,23 +111,17 @@ void SetArguments(const std::string& machine, TesuKernelLayout* layout) {
     layout->registerSize = layout->pointerSize;
 }
 
-void FindMembers(const LayoutSources& sources, KernelLayout* result) {
-    if (sources.members != MemberSource::GUESSING) {
-        if (const auto found = FindOffsetsInBtf(sources.btfPath, &result->values)) {
-            result->memberSource = "the kernel's type information";
-            return;
-        } else {
-            result->memberProblem = found.error();
-        }
+void FindMembers(const std::string& btfPath, KernelLayout* result) {
+    const auto typed = FindOffsetsInBtf(btfPath, &result->values);
+    if (typed) {
+        result->memberSource = "the kernel's type information";
+        return;
     }
-    if (sources.members != MemberSource::BTF) {
-        if (const auto guessed = GuessOffsets(&result->values)) {
-            result->memberSource = "offset guessing";
-            result->memberProblem.clear();
-        } else {
-            result->memberProblem += result->memberProblem.empty() ? "" : "; ";
-            result->memberProblem += "offset guessing: " + guessed.error();
-        }
+    const auto guessed = GuessOffsets(&result->values);
+    if (guessed) {
+        result->memberSource = "offset guessing";
+    } else {
+        result->memberProblem = typed.error() + "; offset guessing: " + guessed.error();
     }
 }
 
@@ -171,7 +165,7 @@ KernelLayout FindKernelLayout(const LayoutSources& sources) {
     result.values.pointerSize = FindPointerSize(sources.tracefsRoot, names.machine);
     result.values.hasAtomics = HasAtomics() ? 1 : 0;
     FindTracepointFields(sources.tracefsRoot, &result);
-    FindMembers(sources, &result);
+    FindMembers(sources.btfPath, &result);
     SetArguments(names.machine, &result.values);
     JudgePrograms(&result);
     return result;

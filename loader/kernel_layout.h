@@ -14,10 +14,7 @@
 
 namespace Tesu::Bpf {
 
-enum class MemberSource { BTF_OR_GUESSING, BTF, GUESSING };
-
 struct LayoutSources {
-    MemberSource members = MemberSource::BTF_OR_GUESSING;
     std::string tracefsRoot = TRACEFS_ROOT;
     std::string btfPath = KERNEL_BTF_PATH;
 };
