@@ -12,27 +12,8 @@ using Tesu::Bpf::TesuKernelLayout;  // NOLINT(misc-unused-using-decls)
 
 namespace Tesu::Bpf {
 
-namespace {
-
-template <class Skeleton>
-ObjectImage ImageOf(const char* name) {
-    ObjectImage image = {.name = name, .bytes = nullptr, .size = 0};
-    image.bytes = Skeleton::elf_bytes(&image.size);
-    return image;
-}
-
-}  // namespace
-
-ObjectImage CoreObject() {
-    return ImageOf<TesuBpfDefineset>(TESU_CORE_OBJECT);
-}
-
-ObjectImage GplObject() {
-    return ImageOf<TesuBpfGplDefineset>(TESU_GPL_OBJECT);
-}
-
-ObjectImage KernelMemoryObject() {
-    return ImageOf<::KernelMemory>("KernelMemory");
-}
+constexpr ObjectImage CORE_OBJECT = {TESU_CORE_OBJECT, TesuBpfDefineset::elf_bytes};
+constexpr ObjectImage GPL_OBJECT = {TESU_GPL_OBJECT, TesuBpfGplDefineset::elf_bytes};
+constexpr ObjectImage KERNEL_MEMORY_OBJECT = {"KernelMemory", ::KernelMemory::elf_bytes};
 
 }  // namespace Tesu::Bpf

@@ -7,16 +7,15 @@
 
 namespace Tesu::Bpf {
 
-// An object file in memory that lives as long as the program.
+// An object file in memory.
 struct ObjectImage {
-    const char* name;  // as in the names of pins
-    const void* bytes;
-    size_t size;
+    const char* name;                    // as in the names of pins
+    const void* (*bytes)(size_t* size);  // they live as long as the program
 };
 
-ObjectImage CoreObject();
-ObjectImage GplObject();
+extern const ObjectImage CORE_OBJECT;
+extern const ObjectImage GPL_OBJECT;
 // Not to be pinned: the loader's own, see loader/kernel_memory.h.
-ObjectImage KernelMemoryObject();
+extern const ObjectImage KERNEL_MEMORY_OBJECT;
 
 }  // namespace Tesu::Bpf

@@ -10,7 +10,7 @@ namespace Tesu::Bpf {
 
 Result<KernelMemory> KernelMemory::Open() {
     LeftOutPrograms refused;
-    auto loaded = LoadObject(KernelMemoryObject(), {}, {}, &refused);
+    auto loaded = LoadObject(KERNEL_MEMORY_OBJECT, {}, {}, &refused);
     if (loaded) {
         return KernelMemory(std::move(*loaded));
     }

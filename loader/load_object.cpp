@@ -108,7 +108,9 @@ void LeaveOutRefused(const Opener& open, LeftOutPrograms* leftOut) {
 
 Result<BpfObject> OpenObject(const ObjectImage& image) {
     LIBBPF_OPTS(bpf_object_open_opts, options, .object_name = image.name);
-    BpfObject object(bpf_object__open_mem(image.bytes, image.size, &options), &bpf_object__close);
+    size_t size = 0;
+    const void* const bytes = image.bytes(&size);
+    BpfObject object(bpf_object__open_mem(bytes, size, &options), &bpf_object__close);
     if (object == nullptr) {
         return Failure(std::string(image.name) + ": " + strerror(errno));
     }

@@ -63,16 +63,18 @@ Result<unique_fd> LockParent(const std::string& pinDir) {
     return fd;
 }
 
-uint32_t MaxEntries(int mapFd) {
+// 0 where that cannot be known.
+uint32_t PinnedRingBytes(const std::string& path) {
+    const unique_fd ring(bpf_obj_get(path.c_str()));
     bpf_map_info info = {};
     uint32_t size = sizeof(info);
-    return bpf_obj_get_info_by_fd(mapFd, &info, &size) == 0 ? info.max_entries : 0;
+    return bpf_obj_get_info_by_fd(ring.get(), &info, &size) == 0 ? info.max_entries : 0;
 }
 
 // What the pin folder lacks.
 Result<std::vector<std::string>> FindMissing(const std::string& pinDir) {
     std::vector<std::string> missing;
-    for (const ObjectImage& image : {CoreObject(), GplObject()}) {
+    for (const ObjectImage& image : {CORE_OBJECT, GPL_OBJECT}) {
         const auto object = OpenObject(image);
         if (!object) {
             return Failure(object.error());
@@ -86,8 +88,7 @@ Result<std::vector<std::string>> FindMissing(const std::string& pinDir) {
 void ReportAlreadyLoaded(const LoadOptions& options, std::ostream& out) {
     out << "already loaded: " << options.pinDir << "\n";
     for (const std::string name : {TESU_CORE_OBJECT, TESU_GPL_OBJECT}) {
-        const std::string path = options.pinDir + "/map_" + name + "_ringbuf_map";
-        const uint32_t bytes = MaxEntries(unique_fd(bpf_obj_get(path.c_str())).get());
+        const uint32_t bytes = PinnedRingBytes(options.pinDir + "/map_" + name + "_ringbuf_map");
         if (options.ringBytes && bytes != *options.ringBytes) {
             out << name << ": its ring buffer has " << bytes << " bytes, not " << *options.ringBytes
                 << "; unload to change it\n";
@@ -102,9 +103,9 @@ void ReportLoaded(const char* name, const bpf_object* object, const LeftOutProgr
     bpf_object__for_each_program(program, object) {
         programs += bpf_program__fd(program) >= 0 ? 1 : 0;
     }
-    const int ring = bpf_object__find_map_fd_by_name(object, "ringbuf_map");
+    const bpf_map* const ring = bpf_object__find_map_by_name(object, "ringbuf_map");
     out << name << ": " << programs << " programs, " << MapsToPin(object).size()
-        << " maps, ring buffer of " << MaxEntries(ring) << " bytes\n";
+        << " maps, ring buffer of " << bpf_map__max_entries(ring) << " bytes\n";
     for (const auto& [programName, reason] : leftOut) {
         if (bpf_object__find_program_by_name(object, programName.c_str())) {
             err << "tesubpfload: program " << programName << ": left out: " << reason << "\n";
@@ -114,7 +115,7 @@ void ReportLoaded(const char* name, const bpf_object* object, const LeftOutProgr
 
 Result<> LoadAndPin(const LoadOptions& options, const KernelLayout& layout,
                     const std::string& staging, std::ostream& out, std::ostream& err) {
-    for (const ObjectImage& image : {CoreObject(), GplObject()}) {
+    for (const ObjectImage& image : {CORE_OBJECT, GPL_OBJECT}) {
         LeftOutPrograms leftOut = layout.unusable;
         const auto object = LoadObject(image, layout.values, options.ringBytes, &leftOut);
         if (!object) {
