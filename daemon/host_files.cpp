@@ -4,26 +4,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <filesystem>
 
 #include "records/contract.h"
 
 namespace Tesu::Bpf {
 
-namespace {
-
-constexpr const char* CORE_PINS[] = {CORE_RING_MAP, CORE_STATUS_MAP};
-
-}  // namespace
-
-PinState FindCorePins(const std::string& pinDir) {
-    for (const char* const pin : CORE_PINS) {
-        if (access((pinDir + "/" + pin).c_str(), F_OK) != 0) {
-            return errno == ENOENT ? PinState::ABSENT : PinState::UNREADABLE;
-        }
-    }
-    return PinState::PRESENT;
+bool HasCorePins(const std::string& pinDir) {
+    return access((pinDir + "/" + CORE_RING_MAP).c_str(), F_OK) == 0 &&
+           access((pinDir + "/" + CORE_STATUS_MAP).c_str(), F_OK) == 0;
 }
 
 std::error_code MakeParents(const std::string& path) {

@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -51,9 +52,12 @@ constexpr std::chrono::seconds SERVING_NOTICE{5};
 // Everything the service reads must be there before it starts. False when a property is refused.
 bool PrepareHost(Properties properties) {
     properties.try_emplace(KERNEL_VERSION_PROPERTY, RunningKernelVersion());
-    if (const auto set = SetProperties(properties); !set) {
-        std::fprintf(stderr, "tesubpfd: %s\n", set.error().c_str());
-        return false;
+    for (const auto& [name, value] : properties) {
+        if (!android::base::SetProperty(name, value)) {
+            std::fprintf(stderr, "tesubpfd: the property \"%s\" cannot be set to \"%s\"\n",
+                         name.c_str(), value.c_str());
+            return false;
+        }
     }
     if (const std::error_code error = MakeParents(DUMP_DIR)) {
         std::fprintf(stderr, "tesubpfd: warning: no dumps can be written to %s: %s\n", DUMP_DIR,
@@ -62,18 +66,12 @@ bool PrepareHost(Properties properties) {
     return true;
 }
 
-enum class PinWait { PRESENT, SIGNALLED, FAILED };
-
-PinWait WaitForPins(const TerminationSignals& signals) {
-    bool isReported = false;
-    do {
-        const PinState state = FindCorePins(PIN_DIR);
-        if (state == PinState::PRESENT) {
-            return PinWait::PRESENT;
-        }
-        if (state == PinState::UNREADABLE) {
+// Nothing once the core set is pinned; otherwise the status with which to end.
+std::optional<DaemonStatus> WaitForPins(const TerminationSignals& signals) {
+    for (bool isReported = false; !HasCorePins(PIN_DIR); isReported = true) {
+        if (errno != ENOENT) {
             std::fprintf(stderr, "tesubpfd: cannot look into %s: %s\n", PIN_DIR, strerror(errno));
-            return PinWait::FAILED;
+            return DAEMON_FAILED;
         }
         if (!isReported) {
             std::fprintf(
@@ -81,10 +79,12 @@ PinWait WaitForPins(const TerminationSignals& signals) {
                 "tesubpfd: no eBPF maps are pinned under %s; waiting for them (tesubpfload "
                 "loads them)\n",
                 PIN_DIR);
-            isReported = true;
         }
-    } while (!signals.wait(PIN_INTERVAL));
-    return PinWait::SIGNALLED;
+        if (signals.wait(PIN_INTERVAL)) {
+            return DAEMON_ENDED;
+        }
+    }
+    return std::nullopt;
 }
 
 // The socket is made on a thread of the service. Says so once clients can connect, or returns
@@ -137,16 +137,11 @@ int Run(const Properties& given, const TerminationSignals& signals) {
         return DAEMON_ALREADY_SERVED;
     }
     Properties properties = given;
-    if (properties.count(READY_PROPERTY) == 0) {
-        switch (WaitForPins(signals)) {
-            case PinWait::PRESENT:
-                properties[READY_PROPERTY] = "1";
-                break;
-            case PinWait::SIGNALLED:
-                return DAEMON_ENDED;
-            case PinWait::FAILED:
-                return DAEMON_FAILED;
+    if (!properties.contains(READY_PROPERTY)) {
+        if (const auto end = WaitForPins(signals)) {
+            return *end;
         }
+        properties[READY_PROPERTY] = "1";
     }
     if (!PrepareHost(std::move(properties))) {
         return DAEMON_FAILED;

@@ -1,12 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "daemon/properties.h"
 
-#include <android-base/properties.h>
 #include <sys/utsname.h>
 
 #include <regex>
-
-#include "util/string_util.h"
 
 namespace Tesu::Bpf {
 
@@ -32,16 +29,6 @@ std::string RunningKernelVersion() {
     utsname names{};
     uname(&names);
     return MajorMinor(names.release);
-}
-
-Result<> SetProperties(const Properties& properties) {
-    for (const auto& [name, value] : properties) {
-        if (!android::base::SetProperty(name, value)) {
-            return Failure(StringPrintf("the property \"%s\" cannot be set to \"%s\"", name.c_str(),
-                                        value.c_str()));
-        }
-    }
-    return {};
 }
 
 }  // namespace Tesu::Bpf

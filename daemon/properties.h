@@ -25,7 +25,4 @@ std::string MajorMinor(const std::string& release);
 // The same of the running kernel.
 std::string RunningKernelVersion();
 
-// Sets them in this process; fails at the first that cannot be set.
-Result<> SetProperties(const Properties& properties);
-
 }  // namespace Tesu::Bpf
