@@ -6,7 +6,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <thread>
@@ -42,8 +41,7 @@ Facts FindFacts(const KernelMemory& memory) {
 
 void WaitForEnd(int lifeline) {
     char byte = 0;
-    while (read(lifeline, &byte, sizeof(byte)) == -1 && errno == EINTR) {
-    }
+    TEMP_FAILURE_RETRY(read(lifeline, &byte, sizeof(byte)));
 }
 
 // The child's whole life. The sample is started last, when all the other threads live.
@@ -80,8 +78,8 @@ SampleTask::SampleTask(const KernelMemory& memory, int threads, const std::strin
     }
     factsWrite.reset();
     Facts facts = {};
-    // A runtime may have added threads of its own, so the kernel's count need not be `threads`; what
-    // counts is that it is the one in kernel memory.
+    // A runtime may have added threads of its own, so the kernel's count need not be `threads`;
+    // what counts is that it is the one in kernel memory.
     if (child == -1 || !android::base::ReadFully(factsRead.get(), &facts, sizeof(facts)) ||
         facts.threads == 0) {
         return;
@@ -98,8 +96,7 @@ SampleTask::SampleTask(const KernelMemory& memory, int threads, const std::strin
 SampleTask::~SampleTask() {
     if (child > 0) {
         kill(child, SIGKILL);
-    }
-    while (child > 0 && waitpid(child, nullptr, 0) == -1 && errno == EINTR) {
+        TEMP_FAILURE_RETRY(waitpid(child, nullptr, 0));
     }
 }
 

@@ -16,8 +16,8 @@ namespace Tesu::Bpf {
 
 class SampleTask {
   public:
-    // Forks a process of `threads` threads (2 or more), of which one is named `comm` and is the
-    // sample. To be called while this process has one thread.
+    // Forks a process of `threads` threads (2 or more; a runtime may add its own), of which one is
+    // named `comm` and is the sample. To be called while this process has one thread.
     SampleTask(const KernelMemory& memory, int threads, const std::string& comm);
     // Ends the child and waits for it.
     ~SampleTask();

@@ -10,15 +10,6 @@
 
 namespace Tesu::Bpf {
 
-namespace {
-
-bool IsReadable(int fd, int timeoutMs) {
-    pollfd entry{.fd = fd, .events = POLLIN, .revents = 0};
-    return poll(&entry, 1, timeoutMs) == 1;
-}
-
-}  // namespace
-
 TerminationSignals::TerminationSignals() {
     sigset_t signals;
     sigemptyset(&signals);
@@ -33,11 +24,12 @@ TerminationSignals::TerminationSignals() {
 }
 
 bool TerminationSignals::wait(std::chrono::milliseconds duration) const {
-    return IsReadable(signalFd.get(), static_cast<int>(duration.count()));
+    pollfd entry{.fd = signalFd.get(), .events = POLLIN, .revents = 0};
+    return poll(&entry, 1, static_cast<int>(duration.count())) == 1;
 }
 
 void TerminationSignals::wait() const {
-    while (!IsReadable(signalFd.get(), -1)) {
+    while (!wait(std::chrono::milliseconds(-1))) {
     }
 }
 

@@ -21,7 +21,7 @@ class TerminationSignals {
     // Readable from the first signal on. Borrowed.
     int fd() const { return signalFd.get(); }
 
-    // True when a signal has come, false after `duration` without one.
+    // True when a signal has come, false after `duration` without one; a negative one has no end.
     bool wait(std::chrono::milliseconds duration) const;
     // Returns when a signal has come.
     void wait() const;

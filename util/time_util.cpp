@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "util/time_util.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <fstream>
 #include <limits>
 #include <string>
+#include <string_view>
 
 #include "util/monotonic_clock.h"
 
@@ -15,7 +17,7 @@ namespace Tesu::Bpf {
 namespace {
 
 constexpr const char* PROC_STAT_PATH = "/proc/stat";
-constexpr const char* BOOT_TIME_PREFIX = "btime ";
+constexpr std::string_view BOOT_TIME_PREFIX = "btime ";
 
 // Boot time in seconds since the epoch. Written once by the core poll thread before any program is
 // attached; a thread that reads it earlier gets 0.
@@ -34,8 +36,7 @@ long long ParseBootTime(std::istream& procStat, long long fallback) {
     std::string line;
     while (std::getline(procStat, line)) {
         if (line.find(BOOT_TIME_PREFIX) != std::string::npos) {
-            return std::strtoll(line.c_str() + std::char_traits<char>::length(BOOT_TIME_PREFIX),
-                                nullptr, 10);
+            return std::strtoll(line.c_str() + BOOT_TIME_PREFIX.size(), nullptr, 10);
         }
     }
     return fallback;
@@ -83,11 +84,9 @@ unsigned long long GetSystemSecondsTime() {
 }
 
 long long SubAbs(long long a, long long b) {
-    const unsigned long long difference =
-        a > b ? static_cast<unsigned long long>(a) - static_cast<unsigned long long>(b)
-              : static_cast<unsigned long long>(b) - static_cast<unsigned long long>(a);
-    constexpr auto LARGEST = static_cast<unsigned long long>(std::numeric_limits<long long>::max());
-    return static_cast<long long>(difference > LARGEST ? LARGEST : difference);
+    long long difference = 0;
+    const bool isTooLarge = __builtin_sub_overflow(std::max(a, b), std::min(a, b), &difference);
+    return isTooLarge ? std::numeric_limits<long long>::max() : difference;
 }
 
 }  // namespace Tesu::Bpf
