@@ -33,27 +33,35 @@ static __always_inline const void* CurrentTaskStruct(void) {
     return (const void*)bpf_get_current_task();
 }
 
+/* Whether the current task has one of these flags. No where the flags are not known. */
+static __always_inline int HasTaskFlag(uint32_t flags) {
+    return IsKnown(kernelLayout.taskFlags) &&
+           (ReadInt(CurrentTaskStruct(), kernelLayout.taskFlags) & flags) != 0;
+}
+
+/* Reads `member` of the structure to which the current task_struct's `pointer` points, both
+ * offsets. Whether that is known and could be read. */
+static __always_inline int ReadThroughTask(uint32_t pointer, uint32_t member, void* out,
+                                           uint32_t size) {
+    if (!IsKnown(pointer) || !IsKnown(member)) {
+        return 0;
+    }
+    const void* structure = ReadPointer(CurrentTaskStruct(), pointer);
+    return structure != NULL && bpf_probe_read_kernel(out, size, structure + member) == 0;
+}
+
 /* Kernel threads can borrow a process's memory and change its counters; without the flags such
  * changes pass for the kernel thread's own. Kernel threads have one thread and run as root, which
  * spares most tasks the read of the flags. */
 static __always_inline int IsKernelThread(struct CurrentTask task) {
-    return IsKnown(kernelLayout.taskFlags) && task.tid == task.pid && CurrentUid() == 0 &&
-           (ReadInt(CurrentTaskStruct(), kernelLayout.taskFlags) & TASK_FLAG_KERNEL_THREAD) != 0;
-}
-
-/* False where the flags are not known. */
-static __always_inline int IsKernelThreadOrEnding(void) {
-    return IsKnown(kernelLayout.taskFlags) &&
-           (ReadInt(CurrentTaskStruct(), kernelLayout.taskFlags) &
-            (TASK_FLAG_KERNEL_THREAD | TASK_FLAG_ENDING)) != 0;
+    return task.tid == task.pid && CurrentUid() == 0 && HasTaskFlag(TASK_FLAG_KERNEL_THREAD);
 }
 
 /* Whether the task is a helper thread that the kernel put into a process by itself (for io_uring,
  * vhost), without the fork tracepoint. The names count too, because some kernels clear the flag
  * before such a thread ends. */
 static __always_inline int IsKernelMadeWorker(void) {
-    if (IsKnown(kernelLayout.taskFlags) && (ReadInt(CurrentTaskStruct(), kernelLayout.taskFlags) &
-                                            (TASK_FLAG_IO_WORKER | TASK_FLAG_USER_WORKER)) != 0) {
+    if (HasTaskFlag(TASK_FLAG_IO_WORKER | TASK_FLAG_USER_WORKER)) {
         return 1;
     }
     uint64_t comm[TESU_COMM_LEN / sizeof(uint64_t)] = {};
@@ -64,28 +72,18 @@ static __always_inline int IsKernelMadeWorker(void) {
 
 /* Process id of the parent, `otherwise` where it cannot be read. */
 static __always_inline uint32_t CurrentParentPid(uint32_t otherwise) {
-    if (!IsKnown(kernelLayout.taskRealParent) || !IsKnown(kernelLayout.taskTgid)) {
-        return otherwise;
-    }
-    const void* parent = ReadPointer(CurrentTaskStruct(), kernelLayout.taskRealParent);
-    int32_t pid = 0;
-    if (parent == NULL ||
-        bpf_probe_read_kernel(&pid, sizeof(pid), parent + kernelLayout.taskTgid) != 0) {
-        return otherwise;
-    }
-    return pid;
+    uint32_t pid = 0;
+    const int isRead =
+        ReadThroughTask(kernelLayout.taskRealParent, kernelLayout.taskTgid, &pid, sizeof(pid));
+    return isRead ? pid : otherwise;
 }
 
 /* Name of the process: that of its first thread, or of the current one where it cannot be read. */
 static __always_inline void ReadProcessComm(char* comm) {
-    if (IsKnown(kernelLayout.taskGroupLeader) && IsKnown(kernelLayout.taskComm)) {
-        const void* leader = ReadPointer(CurrentTaskStruct(), kernelLayout.taskGroupLeader);
-        if (leader != NULL &&
-            bpf_probe_read_kernel(comm, TESU_COMM_LEN, leader + kernelLayout.taskComm) == 0) {
-            return;
-        }
+    if (!ReadThroughTask(kernelLayout.taskGroupLeader, kernelLayout.taskComm, comm,
+                         TESU_COMM_LEN)) {
+        bpf_get_current_comm(comm, TESU_COMM_LEN);
     }
-    bpf_get_current_comm(comm, TESU_COMM_LEN);
 }
 
 /* In sched_process_exit, with its record: whether no other thread of the process lives. The kernel
@@ -96,10 +94,8 @@ static __always_inline int IsLastThread(const void* exitRecord) {
     if (IsKnown(kernelLayout.exitGroupDead)) {
         return ReadByte(exitRecord, kernelLayout.exitGroupDead) != 0;
     }
-    const void* signal = ReadPointer(CurrentTaskStruct(), kernelLayout.taskSignal);
     int32_t live = 1;
-    return signal != NULL &&
-           bpf_probe_read_kernel(&live, sizeof(live), signal + kernelLayout.signalLive) == 0 &&
+    return ReadThroughTask(kernelLayout.taskSignal, kernelLayout.signalLive, &live, sizeof(live)) &&
            live == 0;
 }
 

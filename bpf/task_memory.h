@@ -77,7 +77,7 @@ static __always_inline void RecordForeignMm(uint32_t mm, uint32_t member, int64_
     struct MmSizes* sizes = bpf_map_lookup_elem(&foreign_mm_sizes, &mm);
     if (sizes != NULL) {
         *(volatile int64_t*)&sizes->bytes[BoundedMember(member)] = size;
-    } else if (size > 0 && !IsKernelThreadOrEnding()) {
+    } else if (size > 0 && !HasTaskFlag(TASK_FLAG_KERNEL_THREAD | TASK_FLAG_ENDING)) {
         struct MmSizes first = {};
         first.bytes[BoundedMember(member)] = size;
         bpf_map_update_elem(&foreign_mm_sizes, &mm, &first, BPF_ANY);
