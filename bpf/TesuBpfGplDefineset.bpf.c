@@ -23,12 +23,11 @@ int tracepoint_cgroup_cgroup_attach_task(void* ctx) {
     if ((RingFlags() & FLAG_NORMAL_ENABLED) == 0) {
         return 0;
     }
-    struct RawCgroupAttachEvent* record = ReserveRecord(sizeof(*record));
+    struct RawCgroupAttachEvent* record = ReserveRecord(sizeof(*record), RAW_EVENT_CGROUP_ATTACH);
     if (record == NULL) {
         return 0;
     }
-    __builtin_memset(record, 0, sizeof(*record));
-    SetHeader(&record->header, RAW_EVENT_CGROUP_ATTACH, bpf_ktime_get_ns());
+    __builtin_memset(&record->header + 1, 0, sizeof(*record) - sizeof(record->header));
     record->pid = ReadInt(ctx, kernelLayout.cgroupPid);
     record->rootId = ReadInt(ctx, kernelLayout.cgroupRoot);
     record->level = ReadInt(ctx, kernelLayout.cgroupLevel);

@@ -30,11 +30,10 @@ struct {
 } dmabuf_size_map SEC(".maps");
 
 static __always_inline void WriteDmabufTotal(int32_t pid, int64_t total) {
-    struct RawDmabufAllocEvent* record = ReserveRecord(sizeof(*record));
+    struct RawDmabufAllocEvent* record = ReserveRecord(sizeof(*record), RAW_EVENT_DMABUF_SIZE);
     if (record == NULL) {
         return;
     }
-    SetHeader(&record->header, RAW_EVENT_DMABUF_SIZE, bpf_ktime_get_ns());
     record->pid = pid;
     record->padding = 0;
     record->size = total;

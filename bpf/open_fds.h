@@ -61,9 +61,8 @@ static __always_inline void ReportOpenFds(struct OpenFdCaller* caller, uint32_t 
     if (change < TESU_FD_REPORT_STEP) {
         return;
     }
-    struct RawFdUpdateEvent* record = ReserveRecord(sizeof(*record));
+    struct RawFdUpdateEvent* record = ReserveRecord(sizeof(*record), RAW_EVENT_FD_UPDATE);
     if (record != NULL) {
-        SetHeader(&record->header, RAW_EVENT_FD_UPDATE, bpf_ktime_get_ns());
         record->pid = pid;
         record->uid = CurrentUid();
         record->openFds = open;

@@ -101,24 +101,22 @@ static __always_inline void ReportFullRing(void* ring) {
     CountLostRecord();
 }
 
-/* A record of constant `size`, its memory not cleared, or NULL after the loss was accounted for. */
-static __always_inline void* ReserveRecord(uint64_t size) {
+/* A record of constant `size` with its header, of this moment; the memory behind is not cleared.
+ * NULL after the loss was accounted for. */
+static __always_inline void* ReserveRecord(uint64_t size, uint32_t type) {
     void* ring = CurrentRing();
     if (ring == NULL) {
         return NULL;
     }
-    void* record = bpf_ringbuf_reserve(ring, size, 0);
-    if (record == NULL) {
+    struct RawEventHeader* header = bpf_ringbuf_reserve(ring, size, 0);
+    if (header == NULL) {
         ReportFullRing(ring);
+        return NULL;
     }
-    return record;
-}
-
-/* `time` in nanoseconds of CLOCK_MONOTONIC. */
-static __always_inline void SetHeader(struct RawEventHeader* header, uint32_t type, uint64_t time) {
     header->type = type;
     header->padding = 0;
-    header->time = time;
+    header->time = bpf_ktime_get_ns();
+    return header;
 }
 
 #endif

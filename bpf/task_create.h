@@ -97,11 +97,11 @@ static __always_inline void WritePendingCreate(struct CurrentTask task, uint64_t
     if (isProcess && (ringFlags & FLAG_NORMAL_ENABLED) != 0) {
         InheritOpenFds(pending.forkerPid, task.pid, pending.comm);
     }
-    struct RawTaskCreateEvent* record = ReserveRecord(sizeof(*record));
+    struct RawTaskCreateEvent* record = ReserveRecord(sizeof(*record), RAW_EVENT_TASK_CREATE);
     if (record == NULL) {
         return;
     }
-    SetHeader(&record->header, RAW_EVENT_TASK_CREATE, pending.time);
+    record->header.time = pending.time;
     record->ppid = isProcess ? CurrentParentPid(pending.forkerPid) : task.pid;
     record->pid = task.pid;
     record->uid = pending.uid;

@@ -40,11 +40,10 @@ static __always_inline void ForgetWrittenExit(uint32_t tid) {
 }
 
 static __always_inline void WriteTaskExit(uint32_t pid, int32_t taskType) {
-    struct RawTaskExitEvent* record = ReserveRecord(sizeof(*record));
+    struct RawTaskExitEvent* record = ReserveRecord(sizeof(*record), RAW_EVENT_TASK_EXIT);
     if (record == NULL) {
         return;
     }
-    SetHeader(&record->header, RAW_EVENT_TASK_EXIT, bpf_ktime_get_ns());
     record->pid = pid;
     if (taskType == RAW_TASK_PROCESS) {
         ReadProcessComm(record->comm);

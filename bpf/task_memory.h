@@ -44,11 +44,10 @@ struct {
 } foreign_mm_sizes SEC(".maps");
 
 static __always_inline void WriteRssStat(uint32_t pid, int32_t member, int64_t size) {
-    struct RawRssStatEvent* record = ReserveRecord(sizeof(*record));
+    struct RawRssStatEvent* record = ReserveRecord(sizeof(*record), RAW_EVENT_RSS_STAT);
     if (record == NULL) {
         return;
     }
-    SetHeader(&record->header, RAW_EVENT_RSS_STAT, bpf_ktime_get_ns());
     record->pid = pid;
     record->member = member;
     record->size = size;
