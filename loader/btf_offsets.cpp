@@ -3,8 +3,6 @@
 
 #include <bpf/btf.h>
 
-#include <cerrno>
-#include <cstring>
 #include <memory>
 #include <optional>
 #include <string_view>
@@ -53,7 +51,7 @@ void SetMember(const ::btf* types, const char* structName, const char* memberNam
 Result<> FindOffsetsInBtf(const std::string& btfPath, TesuKernelLayout* layout) {
     const BtfPointer types(btf__parse(btfPath.c_str(), nullptr), &btf__free);
     if (types == nullptr) {
-        return Failure(btfPath + ": " + strerror(errno));
+        return SystemFailure(btfPath);
     }
     const ::btf* const t = types.get();
     SetMember(t, "task_struct", "flags", &layout->taskFlags);

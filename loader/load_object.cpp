@@ -27,7 +27,7 @@ Result<BpfObject> Prepare(const ObjectImage& image, const TesuKernelLayout& layo
                           std::optional<uint32_t> ringBytes) {
     const int cpus = libbpf_num_possible_cpus();
     if (cpus < 0) {
-        return Failure(std::string("number of CPUs: ") + strerror(-cpus));
+        return SystemFailure("number of CPUs");
     }
     Result<BpfObject> object = OpenObject(image);
     if (!object) {
@@ -112,7 +112,7 @@ Result<BpfObject> OpenObject(const ObjectImage& image) {
     const void* const bytes = image.bytes(&size);
     BpfObject object(bpf_object__open_mem(bytes, size, &options), &bpf_object__close);
     if (object == nullptr) {
-        return Failure(std::string(image.name) + ": " + strerror(errno));
+        return SystemFailure(image.name);
     }
     return object;
 }

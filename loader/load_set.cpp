@@ -51,14 +51,14 @@ Result<unique_fd> LockParent(const std::string& pinDir) {
     }
     unique_fd fd(open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!fd.ok()) {
-        return Failure(parent + ": " + strerror(errno));
+        return SystemFailure(parent);
     }
     if (!IsOnBpfFileSystem(parent)) {
         return Failure(parent + " is not on a bpf file system; mount one there (mount -t bpf bpf " +
                        parent + ")");
     }
     if (flock(fd.get(), LOCK_EX) != 0) {
-        return Failure(parent + ": " + strerror(errno));
+        return SystemFailure(parent);
     }
     return fd;
 }
@@ -155,7 +155,7 @@ LoaderStatus LoadAnew(const LoadOptions& options, std::ostream& out, std::ostrea
     }
     Result<> done = LoadAndPin(options, layout, staging, out, err);
     if (done && rename(staging.c_str(), options.pinDir.c_str()) != 0) {
-        done = Failure(options.pinDir + ": " + strerror(errno));
+        done = SystemFailure(options.pinDir);
     }
     if (!done) {
         (void)RemovePins(staging);

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <system_error>
 
@@ -79,30 +78,25 @@ std::vector<std::string> FindMissingPins(const std::string& dir, const std::stri
 
 Result<> PinObject(const std::string& dir, const std::string& objectName, const bpf_object* object,
                    const LeftOutPrograms& leftOut) {
-    std::string path;
     const auto pathOf = [&](const char* prefix, const char* name) {
-        path = dir + "/" + PinName(prefix, objectName, name);
-        return path.c_str();
+        return dir + "/" + PinName(prefix, objectName, name);
     };
-    // A negative error number, as from libbpf.
-    int result = 0;
-    bpf_program* program = bpf_object__next_program(object, nullptr);
-    for (; result == 0 && program != nullptr; program = bpf_object__next_program(object, program)) {
+    bpf_program* program = nullptr;
+    bpf_object__for_each_program(program, object) {
         const char* const name = bpf_program__name(program);
         const auto reason = leftOut.find(name);
-        if (reason == leftOut.end()) {
-            result = bpf_program__pin(program, pathOf(PROGRAM_PREFIX, name));
-        } else if (symlink(reason->second.c_str(), pathOf(LEFT_OUT_PREFIX, name)) != 0) {
-            result = -errno;
+        const bool isLoaded = reason == leftOut.end();
+        const std::string path = pathOf(isLoaded ? PROGRAM_PREFIX : LEFT_OUT_PREFIX, name);
+        if ((isLoaded ? bpf_program__pin(program, path.c_str())
+                      : symlink(reason->second.c_str(), path.c_str())) != 0) {
+            return SystemFailure(path);
         }
     }
     for (bpf_map* const map : MapsToPin(object)) {
-        if (result == 0) {
-            result = bpf_map__pin(map, pathOf(MAP_PREFIX, bpf_map__name(map)));
+        const std::string path = pathOf(MAP_PREFIX, bpf_map__name(map));
+        if (bpf_map__pin(map, path.c_str()) != 0) {
+            return SystemFailure(path);
         }
-    }
-    if (result != 0) {
-        return Failure(path + ": " + strerror(-result));
     }
     return {};
 }
@@ -111,11 +105,11 @@ Result<> RemovePins(const std::string& dir) {
     for (const std::string& name : ListPins(dir)) {
         const std::string path = std::string(dir).append("/").append(name);
         if (unlink(path.c_str()) != 0) {
-            return Failure(path + ": " + strerror(errno));
+            return SystemFailure(path);
         }
     }
     if (rmdir(dir.c_str()) != 0 && errno != ENOENT) {
-        return Failure(dir + ": " + strerror(errno));
+        return SystemFailure(dir);
     }
     return {};
 }

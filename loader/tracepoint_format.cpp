@@ -6,8 +6,6 @@
 #include <android-base/strings.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <regex>
 
 namespace Tesu::Bpf {
@@ -64,7 +62,7 @@ Result<TracepointFormat> ReadTracepointFormat(const std::string& tracefsRoot,
     const std::string path = tracefsRoot + "/events/" + tracepoint + "/format";
     std::string text;
     if (!android::base::ReadFileToString(path, &text)) {
-        return Failure(path + ": " + strerror(errno));
+        return SystemFailure(path);
     }
     auto format = ParseTracepointFormat(text);
     return format ? format : Failure(path + ": " + format.error());

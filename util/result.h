@@ -5,6 +5,8 @@
 
 #include <android-base/expected.h>
 
+#include <cerrno>
+#include <cstring>
 #include <string>
 #include <utility>
 
@@ -17,6 +19,11 @@ using Result = android::base::expected<T, std::string>;
 // What a failing function returns.
 inline android::base::unexpected<std::string> Failure(std::string reason) {
     return android::base::unexpected<std::string>(std::move(reason));
+}
+
+// The same where the system refused something about `what`: errno says why.
+inline android::base::unexpected<std::string> SystemFailure(const std::string& what) {
+    return Failure(what + ": " + strerror(errno));
 }
 
 }  // namespace Tesu::Bpf
