@@ -158,14 +158,14 @@ TesuKernelLayout UnknownLayout() {
     return layout;
 }
 
-KernelLayout FindKernelLayout(const LayoutSources& sources) {
+KernelLayout FindKernelLayout(const std::string& tracefsRoot, const std::string& btfPath) {
     KernelLayout result;
     utsname names = {};
     uname(&names);
-    result.values.pointerSize = FindPointerSize(sources.tracefsRoot, names.machine);
+    result.values.pointerSize = FindPointerSize(tracefsRoot, names.machine);
     result.values.hasAtomics = HasAtomics() ? 1 : 0;
-    FindTracepointFields(sources.tracefsRoot, &result);
-    FindMembers(sources.btfPath, &result);
+    FindTracepointFields(tracefsRoot, &result);
+    FindMembers(btfPath, &result);
     SetArguments(names.machine, &result.values);
     JudgePrograms(&result);
     return result;

@@ -14,11 +14,6 @@
 
 namespace Tesu::Bpf {
 
-struct LayoutSources {
-    std::string tracefsRoot = TRACEFS_ROOT;
-    std::string btfPath = KERNEL_BTF_PATH;
-};
-
 // A layout in which nothing is known, and no atomics are used.
 TesuKernelLayout UnknownLayout();
 
@@ -31,6 +26,7 @@ struct KernelLayout {
 
 // Never fails as a whole: what is not found makes the programs that need it unusable. Forks when it
 // guesses, so this process must have one thread then.
-KernelLayout FindKernelLayout(const LayoutSources& sources = {});
+KernelLayout FindKernelLayout(const std::string& tracefsRoot = TRACEFS_ROOT,
+                              const std::string& btfPath = KERNEL_BTF_PATH);
 
 }  // namespace Tesu::Bpf

@@ -88,9 +88,7 @@ TEST_F(LoaderTest, LeavesOutWhatTheKernelCannotTake) {
     }
     LoadOptions options;
     options.findLayout = [&] {
-        LayoutSources sources;
-        sources.tracefsRoot = tracefs.path();
-        KernelLayout layout = FindKernelLayout(sources);
+        KernelLayout layout = FindKernelLayout(tracefs.path());
         layout.values.cgroupPid = 0x40000000;
         return layout;
     };
@@ -133,9 +131,7 @@ TEST_F(LoaderTest, FailsAsAWhole) {
 TEST_F(LoaderTest, GuessesWhatTheTypeInformationSays) {
     const KernelLayout typed = FindKernelLayout();
     EXPECT_TRUE(typed.values.hasAtomics == 1 || typed.values.pointerSize == 4);
-    LayoutSources sources;
-    sources.btfPath = "/nonexistent";
-    const KernelLayout guessed = FindKernelLayout(sources);
+    const KernelLayout guessed = FindKernelLayout(TRACEFS_ROOT, "/nonexistent");
     EXPECT_EQ(guessed.memberSource, "offset guessing") << guessed.memberProblem;
     if (typed.memberSource != guessed.memberSource) {  // where there is type information
         EXPECT_EQ(std::memcmp(&guessed.values, &typed.values, sizeof(typed.values)), 0);
