@@ -35,7 +35,7 @@ std::string FormatRow(const StateRow& row) {
 // Both running numbers in one 64-bit number; the second number is always 0.
 std::string FormatHeader(uint32_t headIndex, uint32_t tailIndex) {
     const uint64_t both = (uint64_t{tailIndex} << 32) + headIndex;
-    return COLUMNS + StringPrintf("%lld, %lld \r\n", static_cast<long long>(both), 0LL);
+    return COLUMNS + StringPrintf("%lld, 0 \r\n", static_cast<long long>(both));
 }
 
 }  // namespace

@@ -39,10 +39,7 @@ void CopyComm(char (&to)[TESU_COMM_LEN], const char (&from)[TESU_COMM_LEN]) {
     std::memcpy(to, from, TESU_COMM_LEN);
 }
 
-// Both wrap.
-int32_t Add(int32_t a, int32_t b) {
-    return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
-}
+// The difference wraps.
 bool IsOldEnough(const TesuTask& task, int64_t time) {
     return static_cast<int64_t>(static_cast<uint64_t>(time) -
                                 static_cast<uint64_t>(task.createEventTime)) >= REPORT_AGE;
@@ -158,7 +155,9 @@ void TaskEventHandlers::countThread(int32_t pid, int64_t time, int32_t step) {
         if (task == nullptr || task->createEventTime >= time) {
             return;
         }
-        task->threadNum = Add(task->threadNum, step);
+        // Wraps.
+        task->threadNum = static_cast<int32_t>(static_cast<uint32_t>(task->threadNum) +
+                                               static_cast<uint32_t>(step));
         report = TakeThreadReport(task, time);
     }
     if (report) {

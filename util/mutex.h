@@ -21,7 +21,6 @@ class CAPABILITY("mutex") Mutex {
   public:
     void lock() ACQUIRE() { mutex.lock(); }
     void unlock() RELEASE() { mutex.unlock(); }
-    bool try_lock() TRY_ACQUIRE(true) { return mutex.try_lock(); }
 
     // Waits until `condition` is notified and `isMet`, which is called with the mutex held, answers
     // true, at most for `duration`; its last answer.
