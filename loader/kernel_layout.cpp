@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "loader/kernel_layout.h"
 
+#include <android-base/unique_fd.h>
+#include <bpf/bpf.h>
+#include <linux/bpf.h>
 #include <sys/utsname.h>
 
 #include <algorithm>
+#include <iterator>
 #include <vector>
 
-#include "loader/kernel_atomics.h"
 #include "loader/offset_guessing.h"
 
 namespace Tesu::Bpf {
@@ -156,6 +159,21 @@ TesuKernelLayout UnknownLayout() {
     layout.cgroupIdBytes = sizeof(uint64_t);
     layout.registerSize = sizeof(uint64_t);
     return layout;
+}
+
+bool HasAtomics() {
+    // uint64_t word = 0; __sync_fetch_and_or(&word, 0); return 0;
+    constexpr __s16 WORD = -static_cast<__s16>(sizeof(__u64));  // on the stack
+    const bpf_insn instructions[] = {
+        {BPF_ALU64 | BPF_MOV | BPF_K, BPF_REG_0, 0, 0, 0},
+        {BPF_STX | BPF_MEM | BPF_DW, BPF_REG_10, BPF_REG_0, WORD, 0},
+        {BPF_STX | BPF_ATOMIC | BPF_DW, BPF_REG_10, BPF_REG_0, WORD, BPF_OR},
+        {BPF_JMP | BPF_EXIT, 0, 0, 0, 0},
+    };
+    const android::base::unique_fd program(bpf_prog_load(BPF_PROG_TYPE_TRACEPOINT, "atomics", "GPL",
+                                                         instructions, std::size(instructions),
+                                                         nullptr));
+    return program.ok();
 }
 
 KernelLayout FindKernelLayout(const std::string& tracefsRoot, const std::string& btfPath) {

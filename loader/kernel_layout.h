@@ -17,6 +17,10 @@ namespace Tesu::Bpf {
 // A layout in which nothing is known, and no atomics are used.
 TesuKernelLayout UnknownLayout();
 
+// Whether the running kernel takes programs with 64-bit atomic operations; asked by loading a small
+// one. 32-bit just-in-time compilers have none, and kernels before 5.12 only the addition.
+bool HasAtomics();
+
 struct KernelLayout {
     TesuKernelLayout values = UnknownLayout();
     LeftOutPrograms unusable;   // programs that lack something they need

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "bpf/kernel_layout.h"
-#include "loader/kernel_atomics.h"
+#include "loader/kernel_layout.h"
 #include "loader/load_set.h"
 #include "records/contract.h"
 #include "service/lost_records.h"
