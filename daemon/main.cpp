@@ -123,7 +123,7 @@ int Serve(const TerminationSignals& signals) {
     return DAEMON_ENDED;
 }
 
-int Run(const Properties& given, const TerminationSignals& signals) {
+int Run(Properties properties, const TerminationSignals& signals) {
     const android::base::unique_fd lock = AcquireInstanceLock(INSTANCE_LOCK_NAME);
     if (lock.get() == -1 && errno != EADDRINUSE) {
         std::fprintf(stderr, "tesubpfd: cannot take the lock @%s: %s\n", INSTANCE_LOCK_NAME,
@@ -136,7 +136,6 @@ int Run(const Properties& given, const TerminationSignals& signals) {
                      SERVICE_SOCKET_NAME);
         return DAEMON_ALREADY_SERVED;
     }
-    Properties properties = given;
     if (!properties.contains(READY_PROPERTY)) {
         if (const auto end = WaitForPins(signals)) {
             return *end;

@@ -67,14 +67,11 @@ void EventManager::EraseObserver(int fd) {
 }
 
 void EventManager::eraseObserver(int fd) {
-    const auto types = fdEvents.find(fd);
-    if (types == fdEvents.end()) {
-        return;
+    if (const auto types = fdEvents.extract(fd)) {
+        for (const int type : types.mapped()) {
+            std::erase(eventFds[type], fd);
+        }
     }
-    for (const int type : types->second) {
-        std::erase(eventFds[type], fd);
-    }
-    fdEvents.erase(types);
 }
 
 // Subscriptions first, so that nothing is queued for a client without a queue.

@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <bit>
 #include <cerrno>
@@ -177,9 +176,8 @@ Result<> CheckRingSize(uint64_t bytes, uint64_t pageSize) {
     return {};
 }
 
-LoaderStatus LoadSet(const LoadOptions& asked, std::ostream& out, std::ostream& err) {
-    LoadOptions options = asked;
-    options.pinDir = NormalizeDir(asked.pinDir);
+LoaderStatus LoadSet(LoadOptions options, std::ostream& out, std::ostream& err) {
+    options.pinDir = NormalizeDir(options.pinDir);
     const auto lock = LockParent(options.pinDir);
     if (!lock) {
         return Fail(err, lock.error());

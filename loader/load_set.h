@@ -37,7 +37,7 @@ struct LoadOptions {
 // A failure where a ring buffer cannot have this size.
 Result<> CheckRingSize(uint64_t bytes, uint64_t pageSize);
 
-LoaderStatus LoadSet(const LoadOptions& options, std::ostream& out, std::ostream& err);
+LoaderStatus LoadSet(LoadOptions options, std::ostream& out, std::ostream& err);
 LoaderStatus UnloadSet(const std::string& pinDir, std::ostream& out, std::ostream& err);
 
 }  // namespace Tesu::Bpf

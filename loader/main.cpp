@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <exception>
 #include <iostream>
-#include <string>
 
 #include "loader/load_set.h"
 

@@ -7,6 +7,7 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 
+#include <functional>
 #include <random>
 #include <vector>
 
@@ -60,9 +61,7 @@ Result<> GuessOffsets(TesuKernelLayout* layout) {
     if (!first.ok() || !second.ok() || !memory->run(&self)) {
         return Failure("cannot read a thread's task_struct");
     }
-    const ReadKernelMemory read = [&](uint64_t address, uint32_t size) {
-        return memory->read(address, size);
-    };
+    const ReadKernelMemory read = std::bind_front(&KernelMemory::read, &*memory);
     Result<> tasks = GuessTaskOffsets({first.sample(), second.sample()}, read, layout);
     std::vector<unique_fd> held;
     const std::vector<FileSample> files = OpenSampleFiles(&held);

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <utility>
 
 #include "records/contract.h"
 #include "util/dump_file.h"
