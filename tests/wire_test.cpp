@@ -242,7 +242,9 @@ TEST_F(ServiceTest, StopIsPromptAndFinal) {
     // The supervisor looks after its threads once a minute.
     ASSERT_EQ(waitResult.wait_for(std::chrono::seconds(30)), std::future_status::ready);
     EXPECT_EQ(waitResult.get(), 0);
-    EXPECT_EQ(CountThreads("BpfServicePoll") + CountThreads("BpfServiceTr"), 0);
+    // /proc may list a thread a moment after it was joined.
+    EXPECT_TRUE(WaitUntil(
+        [] { return CountThreads("BpfServicePoll") + CountThreads("BpfServiceTr") == 0; }));
     EXPECT_FALSE(BpfServiceMain()) << "a stopped service stays stopped";
     EXPECT_EQ(service->Wait(), 0);
 }

@@ -155,7 +155,7 @@ class ProcessModel {
     std::unordered_map<int32_t, Process> table;
     CrashLoops crashLoops;
     std::multimap<int64_t, int32_t> refreshes;  // due time to pid
-    int64_t procTime = 0;  // right before /proc was read, the last time
+    int64_t procTime = 0;                       // right before /proc was read, the last time
     std::optional<int64_t> procDue;
 
     int64_t now = 0;
