@@ -1,13 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "proc/proc_files.h"
 
-#include <android-base/unique_fd.h>
+#include <android-base/file.h>
 #include <dirent.h>
-#include <fcntl.h>
 #include <linux/magic.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
-#include <unistd.h>
 
 #include <memory>
 
@@ -16,9 +14,6 @@
 namespace Tesu::Bpf {
 
 namespace {
-
-// Enough for all but the maps of large processes.
-constexpr size_t READ_CHUNK = 16384;
 
 // Calls `visit` with each entry's name until it answers false. False when the folder cannot be
 // opened. An entry of its own process that goes meanwhile is left out, as the kernel does.
@@ -43,23 +38,7 @@ std::string ProcPath(const std::string& procRoot, const std::string& pid, const 
 }
 
 bool ReadProcFile(const std::string& path, std::string* text) {
-    const android::base::unique_fd fd(TEMP_FAILURE_RETRY(open(path.c_str(), O_RDONLY | O_CLOEXEC)));
-    if (!fd.ok()) {
-        return false;
-    }
-    size_t length = 0;
-    while (true) {
-        if (text->size() < length + READ_CHUNK) {
-            text->resize(2 * length + READ_CHUNK);
-        }
-        const ssize_t count =
-            TEMP_FAILURE_RETRY(read(fd.get(), text->data() + length, text->size() - length));
-        if (count <= 0) {
-            text->resize(count == 0 ? length : 0);
-            return count == 0;
-        }
-        length += static_cast<size_t>(count);
-    }
+    return android::base::ReadFileToString(path, text, true);
 }
 
 bool ForEachProcess(const std::string& procRoot,

@@ -24,22 +24,16 @@ constexpr std::chrono::seconds RETRY_PAUSE{5};
 // connected to without end; and while the service has too many connections to accept.
 constexpr std::chrono::seconds SHORT_PAUSE{1};
 
-void AppendWord(uint32_t word, std::string* bytes) {
-    bytes->append(reinterpret_cast<const char*>(&word), sizeof(word));
-}
-
-// The frame that subscribes to an event type.
-void AppendSubscription(uint32_t requestId, int eventType, std::string* bytes) {
-    constexpr uint32_t BODY_LENGTH = IPC_REQUEST_HEAD_SIZE + sizeof(uint32_t);
-    char command[IPC_COMMAND_SIZE] = {};
-    std::memcpy(command, REGISTER_COMMAND, sizeof(REGISTER_COMMAND));
-    AppendWord(IPC_PACKAGE_HEADER_SIZE + BODY_LENGTH, bytes);
-    AppendWord(IPC_PACKAGE_REQUEST, bytes);
-    AppendWord(BODY_LENGTH, bytes);
-    AppendWord(requestId, bytes);
-    bytes->append(command, sizeof(command));
-    AppendWord(sizeof(uint32_t), bytes);
-    AppendWord(static_cast<uint32_t>(eventType), bytes);
+// The frame that subscribes to an event type, with that as the id of the request.
+std::string Subscription(uint32_t eventType) {
+    constexpr uint32_t BODY_LENGTH = IPC_REQUEST_HEAD_SIZE + sizeof(eventType);
+    const uint32_t head[] = {IPC_PACKAGE_HEADER_SIZE + BODY_LENGTH, IPC_PACKAGE_REQUEST,
+                             BODY_LENGTH, eventType};
+    const uint32_t data[] = {sizeof(eventType), eventType};
+    std::string command(REGISTER_COMMAND);
+    command.resize(IPC_COMMAND_SIZE);
+    return std::string(reinterpret_cast<const char*>(head), sizeof(head)) + command +
+           std::string(reinterpret_cast<const char*>(data), sizeof(data));
 }
 
 }  // namespace
@@ -66,8 +60,8 @@ Result<ServiceConnection> ServiceConnection::open(std::string socketName,
 }
 
 ConnectionItem ServiceConnection::next() {
-    if (following) {
-        return {.kind = *std::exchange(following, std::nullopt)};
+    if (following != ConnectionItem::NOTHING) {
+        return {.kind = std::exchange(following, ConnectionItem::NOTHING)};
     }
     if (!socket.ok()) {
         return tryToConnect();
@@ -118,9 +112,8 @@ ConnectionItem ServiceConnection::tryToConnect() {
     received.cursor = received.length = 0;
     mayReceive = true;
     for (const int eventType : eventTypes) {
-        const auto requestId = static_cast<uint32_t>(unanswered.size());
-        unanswered.emplace(requestId, eventType);
-        AppendSubscription(requestId, eventType, &unsent);
+        unanswered.insert(static_cast<uint32_t>(eventType));
+        unsent += Subscription(static_cast<uint32_t>(eventType));
     }
     sendRequests();
     return {.kind = ConnectionItem::CONNECTED};
@@ -145,20 +138,16 @@ ConnectionItem ServiceConnection::onPackage(const Package& package) {
 }
 
 ConnectionItem ServiceConnection::onResponse(const Package& package) {
-    const auto request = unanswered.find(ReadWord(package.body));
-    if (request == unanswered.end()) {
+    const uint32_t eventType = ReadWord(package.body);
+    if (unanswered.erase(eventType) == 0) {
         return {};
     }
-    const int eventType = request->second;
-    unanswered.erase(request);
-    const bool isRefused = ReadWord(package.body + sizeof(uint32_t)) != 0;
-    if (isRefused && unanswered.empty()) {
-        following = ConnectionItem::SUBSCRIBED;
+    const auto progress = unanswered.empty() ? ConnectionItem::SUBSCRIBED : ConnectionItem::NOTHING;
+    if (ReadWord(package.body + sizeof(uint32_t)) == 0) {
+        return {.kind = progress};
     }
-    if (isRefused) {
-        return {.kind = ConnectionItem::REFUSED, .eventType = eventType};
-    }
-    return {.kind = unanswered.empty() ? ConnectionItem::SUBSCRIBED : ConnectionItem::NOTHING};
+    following = progress;
+    return {.kind = ConnectionItem::REFUSED, .eventType = static_cast<int>(eventType)};
 }
 
 // False when nothing has come, and when the connection was lost.

@@ -14,8 +14,7 @@
 
 #include <chrono>
 #include <cstdint>
-#include <map>
-#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -78,13 +77,13 @@ class ServiceConnection {
     android::base::unique_fd epoll;
     android::base::unique_fd retryTimer;
     bool isWaiting = false;  // WAITING was said
-    // An item that followed from the same cause as the one before it.
-    std::optional<ConnectionItem::Kind> following;
+    // An item that followed from the same cause as the one before it; NOTHING: none.
+    ConnectionItem::Kind following = ConnectionItem::NOTHING;
 
     // Of the current connection.
     android::base::unique_fd socket;
     std::string unsent;
-    std::map<uint32_t, int> unanswered;  // request id -> event type
+    std::set<uint32_t> unanswered;  // ids of requests: the event types
     std::vector<char> storage;
     BufferState received;  // over `storage`
     bool mayReceive = true;

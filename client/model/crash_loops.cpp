@@ -11,17 +11,11 @@ void CrashLoops::addExit(std::string_view name, int64_t lifetime, int64_t time) 
     }
     const auto [found, isNew] = names.try_emplace(std::string(name));
     Exits& exits = found->second;
-    const int64_t slot = time / SLOT;
-    if (isNew || slot - exits.lastSlot >= static_cast<int64_t>(SLOTS)) {
-        exits.counts.fill(0);
-        exits.lastSlot = slot;
-    }
-    while (exits.lastSlot < slot) {
-        ++exits.lastSlot;
-        exits.counts[static_cast<size_t>(exits.lastSlot) % SLOTS] = 0;
+    if (isNew) {
+        exits.counts.record(time / SLOT, 0);
     }
     // Records of two CPUs may come a little out of order: the older one counts with the newer.
-    ++exits.counts[static_cast<size_t>(exits.lastSlot) % SLOTS];
+    exits.counts.record(time / SLOT + 1, ++exits.count);
     exits.lastLifetime = lifetime;
     if (names.size() > MAX_NAMES) {
         std::erase_if(
@@ -33,13 +27,7 @@ void CrashLoops::addExit(std::string_view name, int64_t lifetime, int64_t time) 
 }
 
 uint32_t CrashLoops::countOf(const Exits& exits, int64_t now) {
-    const int64_t age = std::max<int64_t>(now / SLOT - exits.lastSlot, 0);
-    uint32_t count = 0;
-    const int64_t kept = std::min(static_cast<int64_t>(SLOTS) - age, exits.lastSlot + 1);
-    for (int64_t back = 0; back < kept; ++back) {
-        count += exits.counts[static_cast<size_t>(exits.lastSlot - back) % SLOTS];
-    }
-    return count;
+    return static_cast<uint32_t>(exits.counts.rise(now / SLOT + 1, SLOTS));
 }
 
 uint32_t CrashLoops::exitsOf(std::string_view name, int64_t now) const {

@@ -3,13 +3,14 @@
 // Finds crash loops: names whose processes exit, again and again, shortly after their start.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
+
+#include "client/model/sample_history.h"
 
 namespace Tesu::Bpf {
 
@@ -44,9 +45,9 @@ class CrashLoops {
     static constexpr size_t MAX_NAMES = 4096;
 
     struct Exits {
-        // Of the last slots, slot n at n modulo SLOTS.
-        std::array<uint32_t, SLOTS> counts{};
-        int64_t lastSlot = 0;
+        uint32_t count = 0;  // so far
+        // The count at the end of each slot, slot n at n + 1: it begins with none before the first.
+        SampleHistory<SLOTS + 1> counts;
         int64_t lastLifetime = 0;
     };
 

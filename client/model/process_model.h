@@ -132,8 +132,8 @@ class ProcessModel {
         uint32_t threadsMade = 0;
         size_t refreshes = 0;    // so far
         bool wasInProc = false;  // when /proc was last read as a whole
-        SampleHistory residentHistory;
-        SampleHistory threadsMadeHistory;
+        SampleHistory<> residentHistory;
+        SampleHistory<> threadsMadeHistory;
     };
 
     void applyKnown(const RawTesuTaskInitEvent& event);

@@ -14,68 +14,55 @@ namespace Tesu::Bpf {
 // How far back the view looks, in seconds, and so in samples.
 inline constexpr size_t HISTORY_SAMPLES = 60;
 
-// The value at the end of each of the last seconds. Seconds without a change cost nothing until
-// somebody looks. Seconds are those of any clock that does not go back.
+// The value at the end of each of the last seconds. Seconds without a change cost nothing. Seconds
+// are those of any clock that does not go back.
+template <size_t Samples = HISTORY_SAMPLES>
 class SampleHistory {
   public:
     // The value changed (or is known for the first time) in this second.
     void record(int64_t second, uint32_t value) {
-        fillTo(second);
-        samples[static_cast<size_t>(last) % HISTORY_SAMPLES] = value;
+        if (first > last) {
+            first = second;
+        }
+        const uint32_t before = valueAt(last);
+        for (int64_t at = std::max(last + 1, oldestAt(second)); at < second; ++at) {
+            samples[static_cast<size_t>(at) % Samples] = before;
+        }
+        last = std::max(last, second);
+        samples[static_cast<size_t>(last) % Samples] = value;
     }
 
     // The values up to this second, oldest first, at least one; empty when none is known.
-    std::vector<uint32_t> upTo(int64_t second) {
+    std::vector<uint32_t> upTo(int64_t second) const {
+        const int64_t end = std::max(second, last);
         std::vector<uint32_t> values;
-        if (count == 0) {
-            return values;
-        }
-        fillTo(second);
-        values.reserve(count);
-        for (size_t back = count; back-- > 0;) {
-            values.push_back(samples[indexOf(back)]);
+        for (int64_t at = oldestAt(end); at <= end; ++at) {
+            values.push_back(valueAt(at));
         }
         return values;
     }
 
     // By how much the value rose in the `seconds` up to this one, or since it is known.
-    int64_t rise(int64_t second, size_t seconds) {
-        if (count == 0) {
-            return 0;
-        }
-        fillTo(second);
-        const size_t back = std::min<size_t>(seconds, count - 1U);
-        return int64_t{samples[indexOf(0)]} - int64_t{samples[indexOf(back)]};
+    int64_t rise(int64_t second, size_t seconds) const {
+        const int64_t end = std::max(second, last);
+        const int64_t begin = std::max(end - static_cast<int64_t>(seconds), oldestAt(end));
+        return int64_t{valueAt(end)} - int64_t{valueAt(begin)};
     }
 
   private:
-    size_t indexOf(size_t back) const {
-        return (static_cast<size_t>(last) + HISTORY_SAMPLES - back) % HISTORY_SAMPLES;
+    // The first second of which the value is known at the end of this one.
+    int64_t oldestAt(int64_t second) const {
+        return std::max(first, second - static_cast<int64_t>(Samples) + 1);
     }
 
     // What nothing was recorded for has the value of the second before.
-    void fillTo(int64_t second) {
-        if (count == 0) {
-            last = second;
-            count = 1;
-            samples[static_cast<size_t>(last) % HISTORY_SAMPLES] = 0;
-            return;
-        }
-        const uint32_t value = samples[indexOf(0)];
-        const int64_t from = std::max(last + 1, second - static_cast<int64_t>(HISTORY_SAMPLES) + 1);
-        for (int64_t at = from; at <= second; ++at) {
-            samples[static_cast<size_t>(at) % HISTORY_SAMPLES] = value;
-        }
-        if (second > last) {
-            count = static_cast<uint32_t>(
-                std::min<int64_t>(HISTORY_SAMPLES, int64_t{count} + second - last));
-            last = second;
-        }
+    uint32_t valueAt(int64_t second) const {
+        return samples[static_cast<size_t>(std::min(second, last)) % Samples];
     }
 
-    int64_t last = 0;  // the second of the newest sample
-    uint32_t count = 0;
-    std::array<uint32_t, HISTORY_SAMPLES> samples{};
+    int64_t first = INT64_MAX;  // the second of the first value ever; behind `last`: there is none
+    int64_t last = 0;           // the second of the newest sample
+    std::array<uint32_t, Samples> samples{};
 };
 
 // Whether these sizes in KiB, one per second, look like memory that keeps growing: up by a tenth
