@@ -3,6 +3,9 @@
 // What every subcommand returns to the shell.
 #pragma once
 
+#include <cstdio>
+#include <string>
+
 namespace Tesu::Bpf {
 
 enum ExitStatus {
@@ -11,5 +14,11 @@ enum ExitStatus {
     EXIT_USAGE = 2,
     EXIT_FAILED = 3,  // no terminal, no /proc, or the output could not be written
 };
+
+// Says on standard error why a subcommand ends; `status`, for the caller to return.
+inline int Fail(ExitStatus status, const std::string& reason) {
+    std::fprintf(stderr, "tesubpf: %s\n", reason.c_str());
+    return status;
+}
 
 }  // namespace Tesu::Bpf

@@ -154,9 +154,8 @@ int Top(Command& command, const TerminationSignals& signals) {
         return command.sortName == column->order.name;
     });
     if (chosen == orders.end()) {
-        std::fprintf(stderr, "tesubpf: \"%s\" is no order; it is one of %s\n",
-                     command.sortName.c_str(), ListOrders().c_str());
-        return EXIT_USAGE;
+        return Fail(EXIT_USAGE,
+                    "\"" + command.sortName + "\" is no order; it is one of " + ListOrders());
     }
     command.top.socketName = command.socketName;
     command.top.view.order = (*chosen)->order.compare;

@@ -30,45 +30,38 @@ constexpr size_t MAPS_RANGE = 0;
 constexpr size_t MAPS_INODE = 4;
 constexpr size_t MAPS_PATH = 5;
 
-int64_t ParseKilobytes(std::string_view text) {
-    return static_cast<int64_t>(static_cast<uint64_t>(ParseNumber(text)) << 10);
+void TakeName(std::string_view value, ProcStatus* status) {
+    std::memset(status->comm, 0, sizeof(status->comm));
+    std::memcpy(status->comm, value.data(), std::min(value.size(), sizeof(status->comm) - 1));
 }
 
-void CopyName(std::string_view name, char (&comm)[TESU_COMM_LEN]) {
-    std::memset(comm, 0, sizeof(comm));
-    std::memcpy(comm, name.data(), std::min(name.size(), sizeof(comm) - 1));
+template <auto Member>
+void TakeNumber(std::string_view value, ProcStatus* status) {
+    status->*Member = static_cast<int32_t>(ParseNumber(value));
+}
+
+template <RssMember Member>
+void TakeSize(std::string_view value, ProcStatus* status) {
+    status->rss[Member] = static_cast<int64_t>(static_cast<uint64_t>(ParseNumber(value)) << 10);
 }
 
 // The first prefix that the line contains decides; the value stands behind a prefix's length.
 void ParseStatusLine(std::string_view line, ProcStatus* status) {
     static constexpr struct {
         std::string_view prefix;
-        RssMember member;
-    } SIZES[] = {{STATUS_RSS_ANON, RSS_ANON},
-                 {STATUS_RSS_FILE, RSS_FILE},
-                 {STATUS_RSS_SHMEM, RSS_SHMEM},
-                 {STATUS_SWAP, RSS_SWAP}};
-    const auto valueOf = [line](std::string_view prefix) {
-        return line.find(prefix) == std::string_view::npos
-                   ? std::optional<std::string_view>()
-                   : std::optional(line.substr(prefix.size()));
-    };
-    if (const auto value = valueOf(STATUS_NAME)) {
-        CopyName(*value, status->comm);
-        return;
-    }
-    if (const auto value = valueOf(STATUS_PPID)) {
-        status->ppid = static_cast<int32_t>(ParseNumber(*value));
-        return;
-    }
-    for (const auto& size : SIZES) {
-        if (const auto value = valueOf(size.prefix)) {
-            status->rss[size.member] = ParseKilobytes(*value);
+        void (*take)(std::string_view value, ProcStatus* status);
+    } LINES[] = {{STATUS_NAME, TakeName},
+                 {STATUS_PPID, TakeNumber<&ProcStatus::ppid>},
+                 {STATUS_RSS_ANON, TakeSize<RSS_ANON>},
+                 {STATUS_RSS_FILE, TakeSize<RSS_FILE>},
+                 {STATUS_RSS_SHMEM, TakeSize<RSS_SHMEM>},
+                 {STATUS_SWAP, TakeSize<RSS_SWAP>},
+                 {STATUS_UID, TakeNumber<&ProcStatus::uid>}};
+    for (const auto& [prefix, take] : LINES) {
+        if (line.find(prefix) != std::string_view::npos) {
+            take(line.substr(prefix.size()), status);
             return;
         }
-    }
-    if (const auto value = valueOf(STATUS_UID)) {
-        status->uid = static_cast<int32_t>(ParseNumber(*value));
     }
 }
 

@@ -13,7 +13,6 @@
 #include "ipc/ipc_package.h"
 #include "ipc/local_socket.h"
 #include "records/contract.h"
-#include "util/monotonic_clock.h"
 
 namespace Tesu::Bpf {
 
@@ -43,10 +42,8 @@ ServiceConnection::ServiceConnection(std::string socketName, std::vector<int> ev
       eventTypes(std::move(eventTypes)),
       epoll(epoll_create1(EPOLL_CLOEXEC)),
       retryTimer(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
-      storage(IPC_BUFFER_SIZE) {
-    received.capacity = IPC_BUFFER_SIZE;
-    received.data = storage.data();
-}
+      storage(IPC_BUFFER_SIZE),
+      received{.capacity = IPC_BUFFER_SIZE, .data = storage.data()} {}
 
 Result<ServiceConnection> ServiceConnection::open(std::string socketName,
                                                   std::vector<int> eventTypes) {
@@ -55,7 +52,7 @@ Result<ServiceConnection> ServiceConnection::open(std::string socketName,
         !connection.watch(connection.retryTimer.get(), EPOLL_CTL_ADD, EPOLLIN)) {
         return Failure(std::string("cannot create an event descriptor: ") + strerror(errno));
     }
-    connection.retryIn(std::chrono::nanoseconds(1));
+    connection.retryIn(std::chrono::seconds(0));
     return connection;
 }
 
@@ -172,16 +169,15 @@ void ServiceConnection::lose() {
 }
 
 bool ServiceConnection::watch(int fd, int operation, uint32_t events) {
-    epoll_event event{};
-    event.events = events;
+    epoll_event event{.events = events, .data = {}};
     return epoll_ctl(epoll.get(), operation, fd, &event) == 0;
 }
 
-void ServiceConnection::retryIn(std::chrono::nanoseconds pause) {
+void ServiceConnection::retryIn(std::chrono::seconds pause) {
+    // No time at all would disarm the timer.
     const itimerspec deadline{
         .it_interval = {},
-        .it_value = {.tv_sec = static_cast<time_t>(pause.count() / NANOSECONDS_PER_SECOND),
-                     .tv_nsec = static_cast<long>(pause.count() % NANOSECONDS_PER_SECOND)}};
+        .it_value = {.tv_sec = static_cast<time_t>(pause.count()), .tv_nsec = 1}};
     timerfd_settime(retryTimer.get(), 0, &deadline, nullptr);
 }
 

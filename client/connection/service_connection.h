@@ -69,7 +69,7 @@ class ServiceConnection {
     bool receive();
     void lose();
     bool watch(int fd, int operation, uint32_t events);
-    void retryIn(std::chrono::nanoseconds pause);
+    void retryIn(std::chrono::seconds pause);
 
     std::string socketName;
     std::vector<int> eventTypes;

@@ -1,14 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "client/dump/dump.h"
 
+#include <android-base/strings.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
-#include <optional>
-#include <string_view>
+#include <vector>
 
 #include "client/dump/dump_request.h"
 #include "client/exit_status.h"
@@ -20,18 +18,15 @@ namespace Tesu::Bpf {
 namespace {
 
 // The text with nothing in it that would act on a terminal; its lines stay lines.
-std::string EscapeLines(std::string_view text) {
-    std::string escaped;
-    while (!text.empty()) {
-        const size_t end = std::min(text.find('\n'), text.size());
-        std::string_view line = text.substr(0, end);
+std::string EscapeLines(const std::string& text) {
+    std::vector<std::string> lines = android::base::Split(text, "\n");
+    for (std::string& line : lines) {
         if (line.ends_with('\r')) {
-            line.remove_suffix(1);
+            line.pop_back();
         }
-        escaped += EscapeForTerminal(line) + (end < text.size() ? "\n" : "");
-        text.remove_prefix(std::min(end + 1, text.size()));
+        line = EscapeForTerminal(line);
     }
-    return escaped;
+    return android::base::Join(lines, '\n');
 }
 
 }  // namespace
@@ -40,16 +35,15 @@ int RunDump(const std::string& socketName, DumpSignal kind, const TerminationSig
     const Result<pid_t> service = FindServiceProcess(socketName);
     const auto text =
         service ? RequestDump(*service, kind, DUMP_DIR, signals) : Failure(service.error());
-    if (!text || !*text) {
-        if (!text) {
-            std::fprintf(stderr, "tesubpf: %s\n", text.error().c_str());
-        }
+    if (!text) {
+        return Fail(EXIT_NOT_SERVED, text.error());
+    }
+    if (!*text) {
         return EXIT_NOT_SERVED;
     }
     const std::string& shown = isatty(STDOUT_FILENO) == 1 ? EscapeLines(**text) : **text;
     if (WriteUntilStopped(STDOUT_FILENO, shown, signals.fd()) == WriteResult::FAILED) {
-        std::fprintf(stderr, "tesubpf: cannot write: %s\n", strerror(errno));
-        return EXIT_FAILED;
+        return Fail(EXIT_FAILED, std::string("cannot write: ") + strerror(errno));
     }
     return EXIT_OK;
 }

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "client/model/process_model.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <variant>
 
 #include "util/monotonic_clock.h"
@@ -28,17 +27,11 @@ bool IsPlausible(int64_t value) {
     return value >= 0 && value <= INT64_MAX / 4;
 }
 
-bool ContainsIgnoringCase(std::string_view text, std::string_view part) {
-    const auto found = std::search(text.begin(), text.end(), part.begin(), part.end(),
-                                   [](char a, char b) { return strncasecmp(&a, &b, 1) == 0; });
-    return found != text.end() || part.empty();
-}
-
 bool Passes(const ProcessRow& row, const ViewRequest& request) {
     if (row.isKernelThread && !request.withKernelThreads) {
         return false;
     }
-    return ContainsIgnoringCase(row.name, request.filter) ||
+    return strcasestr(row.name.c_str(), request.filter.c_str()) != nullptr ||
            std::to_string(row.pid).starts_with(request.filter);
 }
 

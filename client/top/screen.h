@@ -8,7 +8,6 @@
 #include <cstddef>
 #include <memory>
 #include <optional>
-#include <string>
 #include <vector>
 
 #include "client/top/styled_line.h"

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -24,6 +23,7 @@
 #include "records/event_table.h"
 #include "records/raw_event.h"
 #include "util/monotonic_clock.h"
+#include "util/string_util.h"
 
 namespace Tesu::Bpf {
 
@@ -41,9 +41,8 @@ constexpr size_t BATCH_WIDTH = 100;
 std::string TimeOfDay() {
     const time_t now = time(nullptr);
     tm local{};
-    std::array<char, 16> text{};
     localtime_r(&now, &local);
-    return {text.data(), strftime(text.data(), text.size(), "%H:%M:%S", &local)};
+    return StringPrintf("%02d:%02d:%02d", local.tm_hour, local.tm_min, local.tm_sec);
 }
 
 int ToPollTimeout(int64_t nanoseconds) {
@@ -97,11 +96,9 @@ class Top {
 int Top::run(const TerminationSignals& signals) {
     do {
         if (!refresh()) {
-            const int error = errno;
+            const std::string reason = "cannot read " + options.procRoot + ": " + strerror(errno);
             screen.reset();
-            std::fprintf(stderr, "tesubpf: cannot read %s: %s\n", options.procRoot.c_str(),
-                         strerror(error));
-            return EXIT_FAILED;
+            return Fail(EXIT_FAILED, reason);
         }
         if (screen != nullptr) {
             draw();
@@ -229,8 +226,7 @@ int Top::print() {
         MakePlainText(model.view(state.request), state,
                       width > 0 && width <= 1000 ? static_cast<size_t>(width) : BATCH_WIDTH);
     if (std::fputs(text.c_str(), stdout) < 0 || std::fflush(stdout) != 0) {
-        std::fprintf(stderr, "tesubpf: cannot write: %s\n", strerror(errno));
-        return EXIT_FAILED;
+        return Fail(EXIT_FAILED, std::string("cannot write: ") + strerror(errno));
     }
     return state.connection == ConnectionItem::CONNECTED ? EXIT_OK : EXIT_NOT_SERVED;
 }
@@ -242,15 +238,13 @@ int RunTop(const TopOptions& options, const TerminationSignals& signals) {
         options.socketName, {RAW_EVENT_TASK_INIT, RAW_EVENT_RSS_STAT, RAW_EVENT_TASK_CREATE,
                              RAW_EVENT_TASK_EXIT, RAW_EVENT_FD_UPDATE});
     if (!connection) {
-        std::fprintf(stderr, "tesubpf: %s\n", connection.error().c_str());
-        return EXIT_FAILED;
+        return Fail(EXIT_FAILED, connection.error());
     }
     std::unique_ptr<TopScreen> screen;
     if (!options.isBatch) {
         Result<std::unique_ptr<TopScreen>> opened = TopScreen::open(options.colour);
         if (!opened) {
-            std::fprintf(stderr, "tesubpf: %s\n", opened.error().c_str());
-            return EXIT_FAILED;
+            return Fail(EXIT_FAILED, opened.error());
         }
         screen = std::move(*opened);
     }

@@ -164,9 +164,7 @@ int RunWatch(const WatchOptions& options, const TerminationSignals& signals) {
     Result<ServiceConnection> connection =
         ServiceConnection::open(options.socketName, options.eventTypes);
     if (!connection || (options.seconds && !EndAfter(*options.seconds))) {
-        std::fprintf(stderr, "tesubpf: %s\n",
-                     connection ? "cannot set a timer" : connection.error().c_str());
-        return EXIT_FAILED;
+        return Fail(EXIT_FAILED, connection ? "cannot set a timer" : connection.error());
     }
     return Watch(options, signals, std::move(*connection)).run();
 }
