@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -23,7 +22,6 @@
 #include "client/top/top.h"
 #include "client/watch/watch.h"
 #include "records/contract.h"
-#include "records/raw_event.h"
 #include "util/termination_signals.h"
 
 namespace Tesu::Bpf {
@@ -55,14 +53,14 @@ terminal, no /proc, or the output could not be written.)";
 // What the command line asks for.
 struct Command {
     std::string socketName = SERVICE_SOCKET_NAME;
-    std::vector<std::string> types;
+    std::vector<std::string> types = {"task-create", "task-exit"};
     WatchOptions watch;
     bool withoutKernelTasks = false;
     bool withAllColumns = false;
     TopOptions top;
     std::string sortName = OrderColumns().front()->order.name;
     // The subcommand. Returns the exit status.
-    std::function<int(Command&, const TerminationSignals&)> run;
+    int (*run)(Command&, const TerminationSignals&) = nullptr;
 };
 
 void AddSocketOption(CLI::App* subcommand, Command& command) {
@@ -90,9 +88,6 @@ int Watch(Command& command, const TerminationSignals& signals) {
         return EXIT_USAGE;
     }
     command.watch.eventTypes = *types;
-    if (command.watch.eventTypes.empty()) {
-        command.watch.eventTypes = {RAW_EVENT_TASK_CREATE, RAW_EVENT_TASK_EXIT};
-    }
     command.watch.socketName = command.socketName;
     command.watch.header = isatty(STDOUT_FILENO) == 1;
     command.watch.colour = MayColour();

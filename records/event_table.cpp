@@ -169,10 +169,9 @@ Event DecodeEvent(const void* data, uint32_t size) {
     std::optional<uint32_t> type;
     if (size >= sizeof(uint32_t)) {
         type = ReadPrefix<uint32_t>(data, size);
-        for (const EventType& row : ROWS) {
-            if (row.type == *type) {
-                return row.decode(data, size);
-            }
+        const auto row = std::ranges::find(ROWS, *type, &EventType::type);
+        if (row != std::end(ROWS)) {
+            return row->decode(data, size);
         }
     }
     const size_t shown = std::min<size_t>(size, UnknownEvent::MAX_START);

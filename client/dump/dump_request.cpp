@@ -2,20 +2,20 @@
 #include "client/dump/dump_request.h"
 
 #include <android-base/file.h>
+#include <android-base/strings.h>
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <vector>
 
 #include "ipc/local_socket.h"
 #include "proc/proc_files.h"
@@ -57,14 +57,12 @@ bool IsOfKind(DumpSignal kind, const std::string& text) {
     }
     const bool isFull = kind == DUMP_SIGNAL_TASKS || kind == DUMP_SIGNAL_NO_KERNEL;
     const bool withKernelTasks = kind == DUMP_SIGNAL_TASKS || kind == DUMP_SIGNAL_NORMAL;
-    const size_t columns = std::min(text.find('\n'), text.size());
-    const size_t rows = std::min(text.find('\n', columns + 1), text.size());
-    const bool hasOldColumns =
-        text.substr(columns, rows - columns).find(" old") != std::string::npos;
+    // The title, the names of the columns, the rows, and what follows the last line end: nothing.
+    const std::vector<std::string> lines = android::base::Split(text, "\n");
+    const bool hasOldColumns = lines.size() > 1 && lines[1].find(" old") != std::string::npos;
     unsigned count = 0;
     std::sscanf(text.c_str(), "%*[^:]: %u", &count);
-    return hasOldColumns == isFull &&
-           (!withKernelTasks || std::count(text.begin() + rows, text.end(), '\n') > int64_t{count});
+    return hasOldColumns == isFull && (!withKernelTasks || lines.size() >= size_t{count} + 3);
 }
 
 // The text of the first file of the wanted kind that is not `old`; none when a signal came.

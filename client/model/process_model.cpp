@@ -6,8 +6,6 @@
 #include <cstring>
 #include <variant>
 
-#include "util/monotonic_clock.h"
-
 namespace Tesu::Bpf {
 
 namespace {
@@ -41,10 +39,6 @@ bool HasExited(const ProcessSnapshot& snapshot) {
 }
 
 }  // namespace
-
-int64_t ProcessModel::second() const {
-    return now / NANOSECONDS_PER_SECOND;
-}
 
 ProcessModel::Process* ProcessModel::find(int32_t pid) {
     const auto found = table.find(pid);

@@ -31,6 +31,7 @@
 #include "proc/process_snapshot.h"
 #include "records/event_table.h"
 #include "records/raw_event.h"
+#include "util/monotonic_clock.h"
 
 namespace Tesu::Bpf {
 
@@ -150,7 +151,7 @@ class ProcessModel {
     void scheduleRefresh(Process* process, int64_t due);
     void merge(const ProcessSnapshot& snapshot);
     void update(const ProcessSnapshot& snapshot, bool withThreads, Process* process);
-    int64_t second() const;
+    int64_t second() const { return now / NANOSECONDS_PER_SECOND; }
 
     std::unordered_map<int32_t, Process> table;
     CrashLoops crashLoops;

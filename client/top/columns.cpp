@@ -37,33 +37,13 @@ std::string Number(const ProcessRow& row, size_t /*width*/) {
     return std::to_string(row.*Member);
 }
 
-std::string User(const ProcessRow& row, size_t /*width*/) {
-    return row.uid < 0 ? "-" : std::to_string(row.uid);
-}
-
-std::string Name(const ProcessRow& row, size_t /*width*/) {
-    return row.name;
-}
-
 std::string FormatSize(int64_t bytes) {
     return bytes == 0 ? "-" : FormatBytes(bytes);
-}
-
-std::string Resident(const ProcessRow& row, size_t /*width*/) {
-    return FormatSize(row.resident);
 }
 
 template <RssMember Member>
 std::string Size(const ProcessRow& row, size_t /*width*/) {
     return FormatSize(row.memory[Member]);
-}
-
-std::string Change(const ProcessRow& row, size_t /*width*/) {
-    return row.change == 0 ? "-" : FormatSignedBytes(row.change);
-}
-
-std::string OpenFds(const ProcessRow& row, size_t /*width*/) {
-    return row.openFds ? std::to_string(*row.openFds) : "-";
 }
 
 std::string History(const ProcessRow& row, size_t width) {
@@ -111,6 +91,7 @@ bool IsSet(const ProcessRow& row) {
 
 constexpr Align LEFT = Align::LEFT;
 constexpr Align RIGHT = Align::RIGHT;
+using Row = const ProcessRow&;
 
 // From left to right.
 // clang-format off
@@ -120,13 +101,17 @@ constexpr Column COLUMNS[] = {
     {"PID",        RIGHT,   7, {7},         Number<&ProcessRow::pid>,
          {SmallestFirst<&ProcessRow::pid>, "pid", 'p'}},
     {"PARENT",     RIGHT, 142, {7},         Number<&ProcessRow::ppid>},
-    {"UID",        RIGHT, 160, {6},         User},
-    {"NAME",       LEFT,   23, {15},        Name,
+    {"UID",        RIGHT, 160, {6},
+         [](Row row, size_t) { return row.uid < 0 ? "-" : std::to_string(row.uid); }},
+    {"NAME",       LEFT,   23, {15},
+         [](Row row, size_t) { return row.name; },
          {ByName, "name", 'n'}, Style::STRONG},
-    {"MEMORY",     RIGHT,  34, {10},        Resident,
+    {"MEMORY",     RIGHT,  34, {10},
+         [](Row row, size_t) { return FormatSize(row.resident); },
          {LargestFirst<&ProcessRow::resident>, "memory", 'm'}, Style::PLAIN, nullptr,
          "resident: anonymous, file and shared memory"},
-    {"CHANGE/MIN", RIGHT,  52, {11},        Change,
+    {"CHANGE/MIN", RIGHT,  52, {11},
+         [](Row row, size_t) { return row.change == 0 ? "-" : FormatSignedBytes(row.change); },
          {LargestFirst<&ProcessRow::change>, "change", 'c'}, Style::PLAIN,
          IsSet<&ProcessRow::isGrowing>,
          "of it within the last minute; HISTORY: that minute, a bar a second"},
@@ -137,7 +122,8 @@ constexpr Column COLUMNS[] = {
     {"THR",        RIGHT,  40, {5},         Number<&ProcessRow::threads>,
          {LargestFirst<&ProcessRow::threads>, "threads", 't'}, Style::PLAIN,
          IsSet<&ProcessRow::newThreads>},
-    {"FDS",        RIGHT,  71, {5},         OpenFds,
+    {"FDS",        RIGHT,  71, {5},
+         [](Row row, size_t) { return row.openFds ? std::to_string(*row.openFds) : "-"; },
          {LargestFirst<&ProcessRow::openFds>, "fds", 'f'}, Style::PLAIN, nullptr,
          "as first seen, then as the daemon reports where its kernel can"},
     {"AGE",        RIGHT,  65, {7},         Age,

@@ -19,8 +19,7 @@ constexpr size_t SMALL_HEIGHT = 4;
 std::vector<std::string> HelpLines() {
     std::string keys;
     for (const Column* const column : OrderColumns()) {
-        keys += column->order.key;
-        keys += ' ';
+        keys += {column->order.key, ' '};
     }
     std::vector<std::string> lines = {
         "",
