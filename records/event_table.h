@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What there is to know of each event that a client receives, the kernel's records and the
-// service's notifications alike: one row for each type. Whoever decodes, names or prints events
-// goes by this table; a new type is a struct in raw_event.h or notification.h, an alternative of
-// Event and a row.
+// service's notifications alike: one row for each type. Whoever decodes or names events goes by
+// this table; a new type is a struct in raw_event.h or notification.h, an alternative of Event and
+// a row, and in the client what is printed of it.
 //
 // Pure; any thread.
 #pragma once

@@ -128,13 +128,9 @@ ConnectionItem ServiceConnection::onPackage(const Package& package) {
     if (package.type == IPC_PACKAGE_EVENT) {
         return {.kind = ConnectionItem::EVENT, .data = package.body, .size = package.length};
     }
-    if (package.type == IPC_PACKAGE_RESPONSE && package.length >= IPC_RESPONSE_HEAD_SIZE) {
-        return onResponse(package);
+    if (package.type != IPC_PACKAGE_RESPONSE || package.length < IPC_RESPONSE_HEAD_SIZE) {
+        return {};
     }
-    return {};
-}
-
-ConnectionItem ServiceConnection::onResponse(const Package& package) {
     const uint32_t eventType = ReadWord(package.body);
     if (unanswered.erase(eventType) == 0) {
         return {};

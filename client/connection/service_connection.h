@@ -65,7 +65,6 @@ class ServiceConnection {
     ConnectionItem tryToConnect();
     void sendRequests();
     ConnectionItem onPackage(const Package& package);
-    ConnectionItem onResponse(const Package& package);
     bool receive();
     void lose();
     bool watch(int fd, int operation, uint32_t events);

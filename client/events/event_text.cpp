@@ -179,10 +179,6 @@ std::string Render(const Line& line, int64_t receivedTime, bool colour) {
 
 }  // namespace
 
-std::string TextFormatter::header() {
-    return "          TIME  EVENT        PID  NAME              DETAILS\n";
-}
-
 void TextFormatter::append(const Event& event, int64_t receivedTime, std::string* out) {
     Line line = std::visit([](const auto& record) { return MakeLine(record); }, event);
     if (const auto* const fork = std::get_if<RawTaskCreateEvent>(&event)) {

@@ -27,7 +27,8 @@ class TextFormatter {
     explicit TextFormatter(bool colour) : colour(colour) {}
 
     // The line with the names of the columns.
-    static std::string header();
+    static constexpr char HEADER[] =
+        "          TIME  EVENT        PID  NAME              DETAILS\n";
 
     // Appends the event's line, with its newline, to `out`. receivedTime: monotonic nanoseconds.
     void append(const Event& event, int64_t receivedTime, std::string* out);

@@ -71,15 +71,14 @@ void Resize() {
     winsize size{};
     if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0 && size.ws_col > 0) {
         resizeterm(size.ws_row, size.ws_col);
-        clear();
     }
+    clear();
 }
 
 void Suspend() {
     endwin();
     std::raise(SIGSTOP);
     Resize();
-    clear();
     refresh();
 }
 

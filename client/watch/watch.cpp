@@ -67,7 +67,7 @@ class Watch {
 
 int Watch::run() {
     if (options.header && !options.json) {
-        batch = TextFormatter::header();
+        batch = TextFormatter::HEADER;
         flush();
     }
     // Of the output only errors are reported, such as a pipe without a reader.
