@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <utility>
 
 #include "ipc/ipc_package.h"
@@ -50,7 +49,7 @@ Result<ServiceConnection> ServiceConnection::open(std::string socketName,
     ServiceConnection connection(std::move(socketName), std::move(eventTypes));
     if (!connection.epoll.ok() || !connection.retryTimer.ok() ||
         !connection.watch(connection.retryTimer.get(), EPOLL_CTL_ADD, EPOLLIN)) {
-        return Failure(std::string("cannot create an event descriptor: ") + strerror(errno));
+        return SystemFailure("cannot create an event descriptor");
     }
     connection.retryIn(std::chrono::seconds(0));
     return connection;

@@ -13,7 +13,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <vector>
 
@@ -104,9 +103,9 @@ Result<std::optional<std::string>> AwaitFile(pid_t service, DumpSignal kind,
 Result<pid_t> FindServiceProcess(const std::string& socketName) {
     const unique_fd fd = ConnectLocalSocket(socketName, SOCK_CLOEXEC);
     if (!fd.ok()) {
-        return Failure(errno == ECONNREFUSED ? "no daemon is listening on @" + socketName
-                                             : "cannot connect to the daemon on @" + socketName +
-                                                   ": " + strerror(errno));
+        return errno == ECONNREFUSED
+                   ? Failure("no daemon is listening on @" + socketName)
+                   : SystemFailure("cannot connect to the daemon on @" + socketName);
     }
     // Of the process that began to listen.
     ucred peer{};
@@ -133,11 +132,10 @@ Result<std::optional<std::string>> RequestDump(pid_t service, DumpSignal kind,
         folder + "/" + (kind == DUMP_SIGNAL_STATE ? STATE_DUMP_FILE : TASK_DUMP_FILE);
     // Held open, so that no new file can have its number.
     unique_fd old(open(path.c_str(), O_PATH | O_CLOEXEC));
+    const std::string daemon = StringPrintf("the daemon (pid %d)", service);
     if (kill(service, kind) != 0) {
-        return Failure(
-            errno == EPERM
-                ? StringPrintf("no permission to signal the daemon (pid %d): try as root", service)
-                : StringPrintf("cannot signal the daemon (pid %d): %s", service, strerror(errno)));
+        return errno == EPERM ? Failure("no permission to signal " + daemon + ": try as root")
+                              : SystemFailure("cannot signal " + daemon);
     }
     return AwaitFile(service, kind, path, std::move(old), signals);
 }
