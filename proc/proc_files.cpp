@@ -15,8 +15,8 @@ namespace Tesu::Bpf {
 
 namespace {
 
-// Calls `visit` with each entry's name until it answers false. False when the folder cannot be
-// opened. An entry of its own process that goes meanwhile is left out, as the kernel does.
+// Calls `visit` with each entry's name. False when the folder cannot be opened. An entry of its own
+// process that goes meanwhile is left out, as the kernel does.
 template <class Visit>
 bool ForEachEntry(const std::string& folder, Visit visit) {
     const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(folder.c_str()), closedir);
@@ -24,9 +24,7 @@ bool ForEachEntry(const std::string& folder, Visit visit) {
         return false;
     }
     while (const dirent* entry = readdir(entries.get())) {
-        if (!visit(entry->d_name)) {
-            break;
-        }
+        visit(entry->d_name);
     }
     return true;
 }
@@ -41,10 +39,13 @@ bool ReadProcFile(const std::string& path, std::string* text) {
     return android::base::ReadFileToString(path, text, true);
 }
 
-bool ForEachProcess(const std::string& procRoot,
-                    const std::function<bool(const std::string& pid)>& visit) {
-    return ForEachEntry(procRoot,
-                        [&](const std::string& name) { return !IsDigits(name) || visit(name); });
+bool ForEachProcess(const std::string& procRoot, const KeepScanning& keepScanning,
+                    const std::function<void(const std::string& pid)>& visit) {
+    return ForEachEntry(procRoot, [&](const std::string& name) {
+        if (IsDigits(name) && keepScanning()) {
+            visit(name);
+        }
+    });
 }
 
 std::optional<int64_t> CountEntries(const std::string& folder) {
@@ -56,10 +57,8 @@ std::optional<int64_t> CountEntries(const std::string& folder) {
         return status.st_size;
     }
     int64_t count = 0;
-    const bool opened = ForEachEntry(folder, [&](const char* name) {
-        count += name[0] != '.' ? 1 : 0;
-        return true;
-    });
+    const bool opened =
+        ForEachEntry(folder, [&](const char* name) { count += name[0] != '.' ? 1 : 0; });
     return opened ? std::optional(count) : std::nullopt;
 }
 

@@ -19,10 +19,13 @@ std::string ProcPath(const std::string& procRoot, const std::string& pid, const 
 // opened or, its process having gone since, cannot be read; errno says why.
 bool ReadProcFile(const std::string& path, std::string* text);
 
+// Asked before each process whether to go on.
+using KeepScanning = std::function<bool()>;
+
 // Calls `visit` with the name of each process (its id in decimal) below `procRoot`, in the order of
-// the folder, until it answers false. False when the folder cannot be read.
-bool ForEachProcess(const std::string& procRoot,
-                    const std::function<bool(const std::string& pid)>& visit);
+// the folder. False when the folder cannot be read.
+bool ForEachProcess(const std::string& procRoot, const KeepScanning& keepScanning,
+                    const std::function<void(const std::string& pid)>& visit);
 
 // Number of entries of a folder whose name does not begin with a dot: of /proc/PID/fd, the open
 // descriptors. Nothing when it cannot be opened.

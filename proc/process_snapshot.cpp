@@ -55,11 +55,11 @@ std::optional<ProcessSnapshot> ProcReader::read(int32_t pid) {
 }
 
 bool ProcReader::readAll(std::vector<ProcessSnapshot>* processes) {
-    return ForEachProcess(root, [&](const std::string& name) {
+    const auto toTheEnd = [] { return true; };
+    return ForEachProcess(root, toTheEnd, [&](const std::string& name) {
         if (auto process = read(static_cast<int32_t>(ParseNumber(name)))) {
             processes->push_back(std::move(*process));
         }
-        return true;
     });
 }
 

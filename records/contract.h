@@ -4,8 +4,6 @@
 // are fixed from outside; no other file spells one of them out.
 #pragma once
 
-#include <cstdint>
-
 namespace Tesu::Bpf {
 
 // Pins in the bpf file system: programs are prog_OBJECT_TYPE_EVENT, maps map_OBJECT_NAME.

@@ -16,8 +16,7 @@
 #include <string_view>
 #include <variant>
 
-#include "records/notification.h"
-#include "records/raw_event.h"
+#include "records/event_fields.h"
 
 namespace Tesu::Bpf {
 
@@ -36,22 +35,10 @@ using Event = std::variant<RawTesuTaskInitEvent, RawRssStatEvent, RawTaskCreateE
                            RawFdUpdateEvent, ProcessCreatedNotification, ProcessExitedNotification,
                            ThreadCountNotification, MemoryNotification, UnknownEvent>;
 
-enum class FieldKind { INT32, INT64, UINT64, TEXT };
-
-struct EventField {
-    const char* key;  // for programs, with the unit
-    FieldKind kind;
-    size_t offset;  // in the record
-    size_t size;    // bytes
-    // The name of a value, nullptr for one that has none. Without it values have no names.
-    const char* (*nameOf)(int32_t value);
-};
-
 struct EventType {
     uint32_t type;
     const char* name;       // e.g. "task-create"
     const char* shortForm;  // e.g. "fork"
-    std::span<const EventField> fields;
     // See DecodeEvent.
     Event (*decode)(const void* data, uint32_t size);
 };
@@ -63,18 +50,11 @@ extern const std::span<const EventType> EVENT_TYPES;
 // known fields is left out.
 Event DecodeEvent(const void* data, uint32_t size);
 
-// "file", "anon", "swap" or "shmem"; nullptr for a number that is no RssMember.
-const char* RssMemberName(int32_t member);
-
 // A fixed-size text field up to its first NUL, or whole when it has none. Valid as long as `field`.
-inline std::string_view FieldText(const char* field, size_t size) {
-    const std::string_view whole(field, size);
-    return whole.substr(0, whole.find('\0'));
-}
-
 template <size_t N>
 std::string_view FieldText(const char (&field)[N]) {
-    return FieldText(field, N);
+    const std::string_view whole(field, N);
+    return whole.substr(0, whole.find('\0'));
 }
 
 }  // namespace Tesu::Bpf

@@ -40,13 +40,6 @@ int MakeRing(uint32_t size) {
     return bpf_map_create(BPF_MAP_TYPE_RINGBUF, RING_NAME, 0, 0, size, nullptr);
 }
 
-uint32_t PinnedRingSize(const std::string& path) {
-    const Descriptor ring(bpf_obj_get(path.c_str()));
-    bpf_map_info info = {};
-    uint32_t infoSize = sizeof(info);
-    return bpf_obj_get_info_by_fd(ring.get(), &info, &infoSize) == 0 ? info.max_entries : 0;
-}
-
 }  // namespace
 
 // To a 64-bit kernel a ring whose consumer says 4 GiB has something to read; a 32-bit kernel sees
@@ -98,7 +91,7 @@ bool RingReplacement::install(int ringFd) const {
 
 bool RingReplacement::replace(std::unique_ptr<RingReader>* reader, ring_buffer_sample_fn onRecord,
                               void* ctx) {
-    const Descriptor ring(MakeRing(PinnedRingSize(ringPath)));
+    const Descriptor ring(MakeRing((*reader)->size()));
     std::unique_ptr<RingReader> next =
         ring.get() >= 0 ? RingReader::Open(ring.get(), onRecord, ctx) : nullptr;
     if (next == nullptr || !install(ring.get())) {

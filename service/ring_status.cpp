@@ -3,7 +3,6 @@
 // The status map of a ring buffer: which classes of programs may write, and whether it was full.
 #include <bpf/bpf.h>
 
-#include <cerrno>
 #include <ctime>
 
 #include "records/raw_event.h"

@@ -44,9 +44,9 @@ int TesuBpfService::getProcessInfo(int32_t pid, UpdateProcessExdata* out) {
 // The records go the way of the kernel's: counted, forwarded, handled. The sum is counted once more
 // at the end, so that the scan shows twice in the counters.
 int TesuBpfService::initTaskInfo() {
-    const int count = ScanTasks(PROC_FS_PATH, [this](RawTesuTaskInitEvent& record) {
+    const auto isWanted = [this] { return !stopped; };
+    const int count = ScanTasks(PROC_FS_PATH, isWanted, [](RawTesuTaskInitEvent& record) {
         handleBpfRingBuffEvent(nullptr, &record, sizeof(record));
-        return !stopped;
     });
     TesuBpfDataState::GetInstance()->RecordEvent(RAW_EVENT_TASK_INIT, count);
     return 0;

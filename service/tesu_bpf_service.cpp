@@ -7,9 +7,6 @@
 #include <android-base/properties.h>
 #include <sys/eventfd.h>
 
-#include <cerrno>
-#include <cstring>
-
 #include "records/contract.h"
 #include "records/raw_event.h"
 #include "service/service_affinity.h"

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "proc/proc_files.h"
 #include "proc/proc_text.h"
 #include "records/contract.h"
 #include "util/log.h"
@@ -43,27 +42,23 @@ unique_fd OpenPinnedMap(const char* name) {
 void ScanOpenFds(const std::string& procRoot, const KeepScanning& keepScanning,
                  const std::function<void(const OpenFdCaller&)>& take) {
     std::string text;
-    ForEachProcess(procRoot, [&](const std::string& pid) {
-        if (!keepScanning()) {
-            return false;
-        }
+    ForEachProcess(procRoot, keepScanning, [&](const std::string& pid) {
         if (!ReadProcFile(ProcPath(procRoot, pid, "status"), &text)) {
             TESU_LOGD(TESU_LOG_SERVICE,
                       "[TESUBPFDEBUG] [TesuBpfService][INIT] FdINFO not exists, so we skip it");
-            return true;
+            return;
         }
         const std::string folder = ProcPath(procRoot, pid, "fd");
         const auto count = CountEntries(folder);
         if (!count) {
             LogUnreadable(folder);
-            return true;
+            return;
         }
         OpenFdCaller caller{};
         caller.pid = static_cast<uint32_t>(ParseNumber(pid));
         caller.openFds = caller.reportedFds = static_cast<uint64_t>(*count);
         std::memcpy(caller.comm, ParseProcStatus(text).comm, sizeof(caller.comm));
         take(caller);
-        return true;
     });
 }
 
@@ -71,14 +66,11 @@ void ScanDmabufs(const std::string& procRoot, const KeepScanning& keepScanning,
                  const std::function<void(uint64_t inode, const DmabufAllocation&)>& takeMapping,
                  const std::function<void(int32_t pid, int64_t total)>& takeTotal) {
     std::string text;
-    ForEachProcess(procRoot, [&](const std::string& name) {
-        if (!keepScanning()) {
-            return false;
-        }
+    ForEachProcess(procRoot, keepScanning, [&](const std::string& name) {
         const std::string path = ProcPath(procRoot, name, "maps");
         if (!ReadProcFile(path, &text)) {
             LogUnreadable(path);
-            return true;
+            return;
         }
         const auto pid = static_cast<int32_t>(ParseNumber(name));
         uint64_t total = 0;
@@ -91,7 +83,6 @@ void ScanDmabufs(const std::string& procRoot, const KeepScanning& keepScanning,
         if (total != 0) {
             takeTotal(pid, static_cast<int64_t>(total));
         }
-        return true;
     });
 }
 

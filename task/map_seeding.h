@@ -11,12 +11,10 @@
 #include <functional>
 #include <string>
 
+#include "proc/proc_files.h"
 #include "records/raw_event.h"
 
 namespace Tesu::Bpf {
-
-// Asked before each process whether to go on.
-using KeepScanning = std::function<bool()>;
 
 // Hands over the count of open descriptors of each process below `procRoot`. Processes that go
 // meanwhile are left out.

@@ -7,7 +7,6 @@
 #include <cstring>
 #include <optional>
 
-#include "proc/proc_files.h"
 #include "proc/proc_text.h"
 #include "util/log.h"
 #include "util/time_util.h"
@@ -57,18 +56,18 @@ std::optional<RawTesuTaskInitEvent> DescribeTask(const std::string& procRoot,
 
 }  // namespace
 
-int ScanTasks(const std::string& procRoot, const std::function<bool(RawTesuTaskInitEvent&)>& take) {
+int ScanTasks(const std::string& procRoot, const KeepScanning& keepScanning,
+              const std::function<void(RawTesuTaskInitEvent&)>& take) {
     int count = 0;
     std::string text;
-    ForEachProcess(procRoot, [&](const std::string& pid) {
-        auto record = DescribeTask(procRoot, pid, &text);
-        if (!record) {
+    ForEachProcess(procRoot, keepScanning, [&](const std::string& pid) {
+        if (auto record = DescribeTask(procRoot, pid, &text)) {
+            ++count;
+            take(*record);
+        } else {
             TESU_LOGD(TESU_LOG_SERVICE,
                       "[TESUBPFDEBUG] [TesuBpfService][INIT] Task not exists, so we skip it");
-            return true;
         }
-        ++count;
-        return take(*record);
     });
     return count;
 }

@@ -7,15 +7,16 @@
 #include <functional>
 #include <string>
 
+#include "proc/proc_files.h"
 #include "records/raw_event.h"
 
 namespace Tesu::Bpf {
 
-// Hands a task-init record of each process below `procRoot` to `take`, until that answers false.
-// Left out are processes that go meanwhile, and zombies: they have no memory, and their end was
-// reported before anybody listened, so that they would stay in the table for ever. Returns the
-// number of records.
-int ScanTasks(const std::string& procRoot, const std::function<bool(RawTesuTaskInitEvent&)>& take);
+// Hands a task-init record of each process below `procRoot` to `take`. Left out are processes that
+// go meanwhile, and zombies: they have no memory, and their end was reported before anybody
+// listened, so that they would stay in the table for ever. Returns the number of records.
+int ScanTasks(const std::string& procRoot, const KeepScanning& keepScanning,
+              const std::function<void(RawTesuTaskInitEvent&)>& take);
 
 // What is read again of one process.
 struct UpdateProcessExdata {

@@ -57,14 +57,13 @@ TEST(ScanTest, ReadersOfAnOddTree) {
         std::ostringstream line;
         ((line << values << " "), ...);
         lines.push_back(line.str());
-        return true;
     };
-    const int count = ScanTasks(proc.path(), [&](const RawTesuTaskInitEvent& task) {
-        return add("task", task.pid, task.comm, task.ppid, task.uid, task.threadNum, task.startTime,
-                   task.rssFileSize, task.rssAnonSize, task.rssShmemSize, task.rssSwapSize);
+    const auto all = [] { return true; };
+    const int count = ScanTasks(proc.path(), all, [&](const RawTesuTaskInitEvent& task) {
+        add("task", task.pid, task.comm, task.ppid, task.uid, task.threadNum, task.startTime,
+            task.rssFileSize, task.rssAnonSize, task.rssShmemSize, task.rssSwapSize);
     });
     EXPECT_EQ(count, 3);
-    const auto all = [] { return true; };
     ScanOpenFds(proc.path(), all, [&](const OpenFdCaller& caller) {
         add("fds", caller.pid, caller.comm, caller.openFds);
     });

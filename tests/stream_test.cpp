@@ -8,15 +8,11 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
-#include <functional>
 #include <future>
 #include <map>
 #include <optional>
-#include <string>
 #include <thread>
 #include <tuple>
-#include <utility>
-#include <vector>
 
 #include "records/contract.h"
 #include "records/read_prefix.h"

@@ -32,34 +32,23 @@ unsigned long long SinceEpoch(clockid_t clock, int64_t unit) {
 
 }  // namespace
 
-long long ParseBootTime(std::istream& procStat, long long fallback) {
-    std::string line;
-    while (std::getline(procStat, line)) {
-        if (line.find(BOOT_TIME_PREFIX) != std::string::npos) {
-            return std::strtoll(line.c_str() + BOOT_TIME_PREFIX.size(), nullptr, 10);
-        }
-    }
-    return fallback;
-}
-
 bool InitBasetime() {
     std::ifstream procStat(PROC_STAT_PATH);
     if (!procStat.is_open()) {
         return false;
     }
-    __basetime = ParseBootTime(procStat, __basetime);
+    std::string line;
+    while (std::getline(procStat, line)) {
+        if (line.find(BOOT_TIME_PREFIX) != std::string::npos) {
+            __basetime = std::strtoll(line.c_str() + BOOT_TIME_PREFIX.size(), nullptr, 10);
+            break;
+        }
+    }
     return true;
 }
 
 long long GetBasetime() {
     return __basetime.load(std::memory_order_relaxed);
-}
-
-unsigned long long NarrowNanoseconds(long long seconds, long nanoseconds) {
-    const uint32_t narrow =
-        static_cast<uint32_t>(seconds) * static_cast<uint32_t>(NANOSECONDS_PER_SECOND) +
-        static_cast<uint32_t>(nanoseconds);
-    return static_cast<unsigned long long>(static_cast<int64_t>(static_cast<int32_t>(narrow)));
 }
 
 unsigned long long GetSystemBootNanosencondsTime() {

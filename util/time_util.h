@@ -4,8 +4,6 @@
 // count time spent suspended and so falls behind the wall clock after a suspend. Any thread.
 #pragma once
 
-#include <istream>
-
 #include "util/export.h"
 
 namespace Tesu::Bpf {
@@ -15,13 +13,8 @@ TESU_API bool InitBasetime();
 // Boot time in seconds since the epoch; 0 until InitBasetime() has found it.
 TESU_API long long GetBasetime();
 
-// The boot time in the text of /proc/stat; `fallback` when there is none.
-TESU_API long long ParseBootTime(std::istream& procStat, long long fallback);
-
 // Monotonic nanoseconds in 32 bits, sign-extended: wraps every 2^32 ns (about 4.29 s).
 TESU_API unsigned long long GetSystemBootNanosencondsTime();
-// The same arithmetic for a given monotonic time.
-TESU_API unsigned long long NarrowNanoseconds(long long seconds, long nanoseconds);
 
 // Since the epoch, in the unit of their name. Milliseconds: `precise` takes the fine clock, else
 // the coarse one, cheaper and a few milliseconds behind. Seconds are coarse.

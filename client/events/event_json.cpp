@@ -2,9 +2,10 @@
 #include "client/events/event_json.h"
 
 #include <nlohmann/json.hpp>
+#include <tuple>
+#include <type_traits>
 #include <variant>
 
-#include "records/read_prefix.h"
 #include "util/string_util.h"
 
 namespace Tesu::Bpf {
@@ -14,28 +15,17 @@ namespace {
 // Keeps the order in which fields were added.
 using Object = nlohmann::ordered_json;
 
-void AddField(const EventField& field, const char* record, Object* object) {
-    const char* const bytes = record + field.offset;
-    const auto size = static_cast<int64_t>(field.size);
-    switch (field.kind) {
-        case FieldKind::INT32: {
-            const auto value = ReadPrefix<int32_t>(bytes, size);
-            (*object)[field.key] = value;
-            if (field.nameOf != nullptr) {
-                const char* const name = field.nameOf(value);
-                (*object)[field.key + std::string("_name")] = name != nullptr ? name : "unknown";
-            }
-            break;
+template <class Record, class Member>
+void AddField(const EventField<Record, Member>& field, const Record& record, Object* object) {
+    const auto& value = record.*field.member;
+    if constexpr (std::is_array_v<Member>) {
+        (*object)[field.key] = FieldText(value);
+    } else {
+        (*object)[field.key] = value;
+        if (field.nameOf != nullptr) {
+            const char* const name = field.nameOf(static_cast<int32_t>(value));
+            (*object)[field.key + std::string("_name")] = name != nullptr ? name : "unknown";
         }
-        case FieldKind::INT64:
-            (*object)[field.key] = ReadPrefix<int64_t>(bytes, size);
-            break;
-        case FieldKind::UINT64:
-            (*object)[field.key] = ReadPrefix<uint64_t>(bytes, size);
-            break;
-        case FieldKind::TEXT:
-            (*object)[field.key] = FieldText(bytes, field.size);
-            break;
     }
 }
 
@@ -47,9 +37,8 @@ Object Describe(const Record& record, const EventType& type, int64_t receivedTim
     } else {
         object["received_ns"] = receivedTime;
     }
-    for (const EventField& field : type.fields) {
-        AddField(field, reinterpret_cast<const char*>(&record), &object);
-    }
+    std::apply([&](const auto&... field) { (AddField(field, record, &object), ...); },
+               EVENT_FIELDS<Record>);
     return object;
 }
 
