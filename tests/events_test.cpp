@@ -27,8 +27,8 @@
 
 #include "loader/kernel_layout.h"
 #include "records/contract.h"
-#include "records/read_prefix.h"
 #include "tests/support/kernel.h"
+#include "tests/support/records.h"
 #include "tests/support/temp_dir.h"
 #include "tests/support/wait_until.h"
 
@@ -109,27 +109,24 @@ class EventsTest : public KernelServiceTest {
 
   private:
     void take(const std::string& bytes) {
-        const auto as = [&]<class T>(T /*type*/) {
-            return ReadPrefix<T>(bytes.data(), static_cast<int64_t>(bytes.size()));
-        };
-        const auto header = as(RawEventHeader{});
+        const auto header = As<RawEventHeader>(bytes);
         const bool isCreate = header.type == RAW_EVENT_TASK_CREATE;
         Life& life = lives[static_cast<pid_t>(WireClient::wordAt(bytes, isCreate ? 20 : 16))];
         if (isCreate) {
-            const auto event = as(RawTaskCreateEvent{});
+            const auto event = As<RawTaskCreateEvent>(bytes);
             life.records += event.taskType == RAW_TASK_PROCESS ? 'P' : 't';
             life.created = event.taskType == RAW_TASK_PROCESS ? event : life.created;
         } else if (header.type == RAW_EVENT_TASK_EXIT) {
-            const auto event = as(RawTaskExitEvent{});
+            const auto event = As<RawTaskExitEvent>(bytes);
             life.records += event.taskType == RAW_TASK_PROCESS ? 'E' : 'e';
             life.endedAs.emplace_back(event.comm);
             EXPECT_GT(header.time, life.created.header.time);
         } else if (header.type == RAW_EVENT_RSS_STAT) {
             life.records += life.records.empty() ? "?" : "";
-            const auto event = as(RawRssStatEvent{});
+            const auto event = As<RawRssStatEvent>(bytes);
             life.memory.at(event.member).push_back(event.size);
         } else {
-            life.dmabufs.push_back(as(RawDmabufAllocEvent{}).size);
+            life.dmabufs.push_back(As<RawDmabufAllocEvent>(bytes).size);
         }
     }
 };

@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "records/contract.h"
-#include "records/read_prefix.h"
 #include "tests/support/kernel.h"
+#include "tests/support/records.h"
 
 namespace Tesu::Bpf {
 namespace {
@@ -58,9 +58,8 @@ TEST_F(ServiceRestartTest, KnowsNothingOfWhatAnEarlierServiceSaw) {
     for (bool hasEnded = false; !hasEnded;) {
         const auto package = client.next();
         ASSERT_TRUE(package.has_value()) << "the exit is missing";
-        const auto& body = package->body;
-        const auto rss = ReadPrefix<RawRssStatEvent>(body.data(), std::ssize(body));
-        const auto create = ReadPrefix<RawTaskCreateEvent>(body.data(), std::ssize(body));
+        const auto rss = As<RawRssStatEvent>(package->body);
+        const auto create = As<RawTaskCreateEvent>(package->body);
         if (rss.header.type == RAW_EVENT_TASK_CREATE) {
             EXPECT_NE(create.pid, pid);
         } else if (rss.pid == pid) {

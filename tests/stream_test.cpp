@@ -4,10 +4,8 @@
 // numbered records: none is lost unless it is counted, none is invented, none comes out of order.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdint>
-#include <filesystem>
 #include <future>
 #include <map>
 #include <optional>
@@ -15,9 +13,8 @@
 #include <tuple>
 
 #include "records/contract.h"
-#include "records/read_prefix.h"
 #include "tests/support/kernel.h"
-#include "tests/support/temp_dir.h"
+#include "tests/support/records.h"
 #include "tests/support/wait_until.h"
 
 namespace Tesu::Bpf {
@@ -36,19 +33,11 @@ RawDmabufAllocEvent Numbered(int64_t number, uint32_t type = RAW_EVENT_FD_UPDATE
     return record;
 }
 
-bool HasPollThread() {
-    const std::filesystem::directory_iterator tasks("/proc/self/task");
-    return std::any_of(begin(tasks), end(tasks), [](const auto& task) {
-        return ReadWholeFile(task.path() / "comm") == "BpfServicePoll\n";
-    });
-}
-
 // The next record that a test has put into a ring: those are of process 0. On a kernel with kprobes
 // real ones come between them.
 std::optional<RawEventHeader> NextNumbered(WireClient& client) {
     while (const auto package = client.next()) {
-        const auto& body = package->body;
-        const auto record = ReadPrefix<RawDmabufAllocEvent>(body.data(), std::ssize(body));
+        const auto record = As<RawDmabufAllocEvent>(package->body);
         if (record.pid == 0) {
             return record.header;
         }
@@ -130,7 +119,7 @@ TEST_F(StreamTest, SixPollErrorsInARowEndTheMonitorFiveDoNot) {
     // Not into the poll that still has the good record in hand.
     std::this_thread::sleep_for(milliseconds(200));
     injector.inject(&bad, sizeof(bad), 6);
-    EXPECT_TRUE(WaitUntil([] { return !HasPollThread(); }));
+    EXPECT_TRUE(WaitUntil([] { return CountThreads("BpfServicePoll") == 0; }));
     EXPECT_EQ(client.subscribe(RAW_EVENT_TASK_EXIT), 0) << "clients are still served";
 
     const uint64_t lostBefore = LostRecords(RING_CORE);

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -14,7 +13,6 @@
 #include "daemon/properties.h"
 #include "records/raw_event.h"
 #include "tests/support/served_test.h"
-#include "tests/support/temp_dir.h"
 #include "tests/support/wait_until.h"
 
 namespace Tesu::Bpf {
@@ -41,13 +39,6 @@ std::string NextContent(WireClient& client) {
 // The server's receive fails, so that it drops the connection without being hung up on.
 void SendOutOfBand(const WireClient& client) {
     EXPECT_EQ(send(client.descriptor(), "!", 1, MSG_OOB | MSG_NOSIGNAL), 1);
-}
-
-long CountThreads(const std::string& name) {
-    const std::filesystem::directory_iterator threads("/proc/self/task");
-    return std::count_if(begin(threads), end(threads), [&](const auto& thread) {
-        return ReadWholeFile(thread.path() / "comm") == name + "\n";
-    });
 }
 
 class WireTest : public ServedTest {

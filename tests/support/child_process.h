@@ -27,8 +27,6 @@ class ChildProcess {
     // output are one.
     explicit ChildProcess(const std::vector<std::string>& arguments, bool onTerminal = false);
     ~ChildProcess();
-    ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
 
     pid_t pid() const { return child; }
     void sendSignal(int signal) const;

@@ -6,9 +6,11 @@
 #include <array>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <string>
 
 #include "records/raw_event.h"
+#include "records/read_prefix.h"
 
 namespace Tesu::Bpf {
 
@@ -16,6 +18,12 @@ namespace Tesu::Bpf {
 template <class Record>
 std::string Bytes(const Record& record) {
     return {reinterpret_cast<const char*>(&record), sizeof(record)};
+}
+
+// The record at the front of the bytes; what they do not cover is 0.
+template <class Record>
+Record As(const std::string& bytes) {
+    return ReadPrefix<Record>(bytes.data(), std::ssize(bytes));
 }
 
 // Fills the field, with zeros behind a shorter name; what does not fit is left out.

@@ -6,15 +6,26 @@
 
 #include <android-base/properties.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <future>
 #include <string>
 
 #include "records/contract.h"
 #include "service/tesu_bpf_service.h"
 #include "tests/support/sandbox.h"
+#include "tests/support/temp_dir.h"
 #include "tests/support/wire_client.h"
 
 namespace Tesu::Bpf {
+
+// Threads of this process.
+inline long CountThreads(const std::string& name) {
+    const std::filesystem::directory_iterator threads("/proc/self/task");
+    return std::count_if(begin(threads), end(threads), [&](const auto& thread) {
+        return ReadWholeFile(thread.path() / "comm") == name + "\n";
+    });
+}
 
 // Starts nothing by itself.
 template <class Sandbox>

@@ -38,8 +38,6 @@ class VgemBuffer {
         buffer.reset();
         munmap(mapping, size);
     }
-    VgemBuffer(const VgemBuffer&) = delete;
-    VgemBuffer& operator=(const VgemBuffer&) = delete;
 
     bool ok() const { return mapping != MAP_FAILED; }
 
