@@ -6,9 +6,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <linux/io_uring.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,11 +15,9 @@
 #include <array>
 #include <csignal>
 #include <cstring>
-#include <filesystem>
 #include <functional>
 #include <map>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -29,7 +25,6 @@
 #include "records/contract.h"
 #include "tests/support/kernel.h"
 #include "tests/support/records.h"
-#include "tests/support/temp_dir.h"
 #include "tests/support/wait_until.h"
 
 namespace Tesu::Bpf {
@@ -56,6 +51,14 @@ pid_t RunProcess(const std::function<void()>& body) {
     const pid_t pid = Fork(body);
     Reap(pid);
     return pid;
+}
+
+// In a forked process: becomes a workload of several threads. A process that was forked beside
+// others' threads should not make its own: it may have copied a lock that one of those held.
+template <char KIND>
+void Workload() {
+    const char kind[] = {KIND, '\0'};
+    execl(TESUBPF_WORKLOAD_PATH, "workload", "ends", kind, nullptr);
 }
 
 void* Touch(size_t bytes, int kind) {
@@ -155,25 +158,12 @@ TEST_F(EventsTest, EveryShortLifeIsReportedOnceWithItsParentAndUser) {
 
 TEST_F(EventsTest, AProcessEndsWithItsLastThread) {
     ASSERT_NO_FATAL_FAILURE(start());
-    const Life& firstEndsFirst = live([] {
-        prctl(PR_SET_NAME, "tesu-first");
-        std::thread([] {
-            prctl(PR_SET_NAME, "tesu-last");
-            WaitUntil(
-                [] { return ReadWholeFile("/proc/self/stat").find(") Z ") != std::string::npos; });
-        }).detach();
-        // Leaves the other thread alone; pthread_exit() would unwind into the test.
-        syscall(SYS_exit, 0);
-    });
+    const Life& firstEndsFirst = live(Workload<'f'>);
     // The new thread may get its first step after the first thread has ended.
     EXPECT_THAT(firstEndsFirst.records, testing::AnyOf("PteE", "PetE"));
     EXPECT_THAT(firstEndsFirst.endedAs, ElementsAre("tesu-first", "tesu-first"));
     for (int i = 0; i < 60 && !HasFailure(); ++i) {
-        const Life& together = live([] {
-            for (int thread = 0; thread < 8; ++thread) {
-                std::thread([] { pause(); }).detach();
-            }
-        });
+        const Life& together = live(Workload<'t'>);
         // Any of them may be the last, as some kernels find it.
         std::string records = together.records;
         std::sort(records.begin() + (records.empty() ? 0 : 1), records.end());
@@ -185,21 +175,14 @@ TEST_F(EventsTest, AProcessEndsWithItsLastThread) {
 // does not end.
 TEST_F(EventsTest, ThreadsOfTheKernelsMakingAreNotReported) {
     ASSERT_NO_FATAL_FAILURE(start());
-    auto* const hasRun = static_cast<bool*>(Touch(sizeof(bool), MAP_SHARED));
-    const Life& life = live([&] {
-        io_uring_params parameters = {};
-        parameters.flags = IORING_SETUP_SQPOLL;
-        const auto ring = static_cast<int>(syscall(SYS_io_uring_setup, 4, &parameters));
-        close(ring);
-        *hasRun = ring >= 0 && WaitUntil([] {
-                      const std::filesystem::directory_iterator threads("/proc/self/task");
-                      return std::distance(begin(threads), end(threads)) == 1;
-                  });
-    });
-    if (!*hasRun) {
+    const pid_t pid = Fork(Workload<'k'>);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    if (status != 0) {
         GTEST_SKIP() << "no io_uring";
     }
-    EXPECT_EQ(life.records, "PE");
+    ASSERT_NO_FATAL_FAILURE(read());
+    EXPECT_EQ(lives[pid].records, "PE");
 }
 
 // What a fork copies is counted while the parent runs, and what an exec drops is reported for

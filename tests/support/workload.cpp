@@ -7,12 +7,18 @@
 //   workload children N     N children: every third stays as it is, every third becomes another
 //                           program, every third becomes one and is killed
 //   workload touch -        a mebibyte of memory; prints nothing
+//   workload ends HOW       a process of several threads that ends: f when its first thread has
+//   ended
+//                           before the others, t with all of them together, k when a thread of the
+//                           kernel's making has come and gone; status 1: the kernel makes none
 //   workload life CGROUP    when it is old enough for reports: a child, open files, a move to the
 //                           group, threads and memory; then its end
 //
-// Prints "done" and, but for the last, lives on with what stays until it is killed.
+// Prints "done" and, but for the last two, lives on with what stays until it is killed.
 #include <fcntl.h>
+#include <linux/io_uring.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,6 +26,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <string>
@@ -90,6 +97,45 @@ void Children(int count) {
     }
 }
 
+bool IsFirstThreadGone() {
+    std::string stat;
+    std::getline(std::ifstream("/proc/self/stat"), stat);
+    return stat.find(") Z ") != std::string::npos;
+}
+
+void EndAfterTheFirst() {
+    prctl(PR_SET_NAME, "tesu-first");
+    std::thread([] {
+        prctl(PR_SET_NAME, "tesu-last");
+        while (!IsFirstThreadGone()) {
+            usleep(1000);
+        }
+    }).detach();
+    syscall(SYS_exit, 0);  // of this thread
+}
+
+void EndTogether() {
+    for (int i = 0; i < 8; ++i) {
+        std::thread(Stay).detach();
+    }
+    _exit(0);
+}
+
+void EndAfterTheKernels() {
+    io_uring_params parameters = {};
+    parameters.flags = IORING_SETUP_SQPOLL;
+    const auto ring = static_cast<int>(syscall(SYS_io_uring_setup, 4, &parameters));
+    close(ring);
+    const auto countThreads = [] {
+        const std::filesystem::directory_iterator threads("/proc/self/task");
+        return std::distance(begin(threads), end(threads));
+    };
+    while (ring >= 0 && countThreads() > 1) {
+        usleep(1000);
+    }
+    _exit(ring >= 0 ? 0 : 1);
+}
+
 void Life(const std::string& cgroup) {
     std::this_thread::sleep_for(std::chrono::milliseconds(3200));
     waitpid(Fork([] {}), nullptr, 0);
@@ -109,6 +155,10 @@ int main(int argc, char** argv) {
     if (kind == "touch") {
         const std::vector<char> memory(size_t{1} << 20, 1);
         Stay();
+    }
+    if (kind == "ends") {
+        const std::string how = argv[2];
+        (how == "f" ? EndAfterTheFirst : how == "t" ? EndTogether : EndAfterTheKernels)();
     }
     if (kind == "life") {
         Life(argv[2]);
