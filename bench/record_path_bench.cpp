@@ -29,7 +29,7 @@ void BM_Dispatch(benchmark::State& state) {
     TesuBpfService::GetInstance();
     EventManager* manager = EventManager::GetInstance();
     EventManager::ClientQueues queues;
-    manager->setClientQueues(&queues, [](int) { return true; });
+    manager->setClientQueues(&queues);
     const int clients = static_cast<int>(state.range(0));
     for (int client = FIRST_CLIENT; client < FIRST_CLIENT + clients; ++client) {
         manager->addClient(client);
@@ -38,6 +38,7 @@ void BM_Dispatch(benchmark::State& state) {
     std::vector<char> storage(IPC_BUFFER_SIZE);
     RawFdUpdateEvent record = Record();
     unsigned sinceDrained = 0;
+    const EventManager::Batch batch;
     for (auto _ : state) {
         TesuBpfService::handleBpfRingBuffEvent(nullptr, &record, sizeof(record));
         if (++sinceDrained == 400) {

@@ -10,6 +10,18 @@
 
 namespace Tesu::Bpf {
 
+namespace {
+
+// A thread that never comes to the end of its batch sends after so many records: some 20 KiB, which
+// fit a connection's write buffer.
+constexpr unsigned RECORDS_PER_SEND = 512;
+
+// Of this thread's batch: whether there is one, and what was queued since it was sent last.
+thread_local bool isBatchOpen = false;
+thread_local unsigned batchedRecords = 0;
+
+}  // namespace
+
 Mutex EventManager::tesuRawEventManagerLock;
 std::atomic<EventManager*> EventManager::instance{nullptr};
 
@@ -17,10 +29,33 @@ EventManager* EventManager::GetInstance() {
     return GetOrMake(instance, tesuRawEventManagerLock, [] { return new EventManager(); });
 }
 
-void EventManager::setClientQueues(ClientQueues* queues, std::function<bool(int)> request) {
+EventManager::Batch::Batch() {
+    isBatchOpen = true;
+}
+
+EventManager::Batch::~Batch() {
+    isBatchOpen = false;
+    if (std::exchange(batchedRecords, 0) != 0) {
+        GetInstance()->sendDue();
+    }
+}
+
+void EventManager::setClientQueues(ClientQueues* queues, EventTransport newTransport) {
+    MutexLock sending(sendLock);
     MutexLock lock(tesuRawEventManagerLock);
+    transport = std::move(newTransport);
     clientPackageManagers = queues;
-    requestWrite = std::move(request);
+    for (auto& [fd, observer] : fdEvents) {
+        observer.queue = findQueue(fd);
+    }
+}
+
+IpcPackageManager* EventManager::findQueue(int fd) {
+    if (clientPackageManagers == nullptr) {
+        return nullptr;
+    }
+    const auto queue = clientPackageManagers->find(fd);
+    return queue == clientPackageManagers->end() ? nullptr : &queue->second;
 }
 
 bool EventManager::addClient(int fd) {
@@ -38,27 +73,28 @@ void EventManager::removeClient(int fd) {
 
 void EventManager::fillWriteBuffer(int fd, BufferState* writeBuffer) {
     MutexLock lock(tesuRawEventManagerLock);
-    const auto queue = clientPackageManagers->find(fd);
-    if (queue == clientPackageManagers->end()) {
-        return;
-    }
-    while (queue->second.fillNextIpcPackageToBuffer(writeBuffer)) {
+    if (IpcPackageManager* const queue = findQueue(fd)) {
+        queue->fillNextIpcPackagesToBuffer(writeBuffer);
     }
 }
 
 void EventManager::AddObserverEvent(int fd, int eventType) {
     MutexLock lock(tesuRawEventManagerLock);
-    std::vector<int>& types = fdEvents[fd];
-    if (std::find(types.begin(), types.end(), eventType) == types.end()) {
-        types.push_back(eventType);
-        eventFds[eventType].push_back(fd);
+    Observer& observer = fdEvents.try_emplace(fd, Observer{fd, findQueue(fd), {}}).first->second;
+    if (std::find(observer.types.begin(), observer.types.end(), eventType) ==
+        observer.types.end()) {
+        observer.types.push_back(eventType);
+        eventFds[eventType].push_back(&observer);
     }
 }
 
 void EventManager::DelObserverEvent(int fd, int eventType) {
     MutexLock lock(tesuRawEventManagerLock);
-    std::erase(eventFds[eventType], fd);
-    std::erase(fdEvents[fd], eventType);
+    const auto observer = fdEvents.find(fd);
+    if (observer != fdEvents.end()) {
+        std::erase(eventFds[eventType], &observer->second);
+        std::erase(observer->second.types, eventType);
+    }
 }
 
 void EventManager::EraseObserver(int fd) {
@@ -67,9 +103,9 @@ void EventManager::EraseObserver(int fd) {
 }
 
 void EventManager::eraseObserver(int fd) {
-    if (const auto types = fdEvents.extract(fd)) {
-        for (const int type : types.mapped()) {
-            std::erase(eventFds[type], fd);
+    if (auto observer = fdEvents.extract(fd)) {
+        for (const int type : observer.mapped().types) {
+            std::erase(eventFds[type], &observer.mapped());
         }
     }
 }
@@ -88,33 +124,52 @@ int EventManager::AppendEvent(const char* event, unsigned int size) {
         return 0;
     }
     std::memcpy(&type, event, sizeof(type));
-
-    MutexLock lock(tesuRawEventManagerLock);
-    const auto subscribers = eventFds.find(type);
-    if (subscribers == eventFds.end() || subscribers->second.empty() ||
-        clientPackageManagers == nullptr) {
-        return 0;
-    }
-    for (const int fd : subscribers->second) {
-        const auto queue = clientPackageManagers->find(fd);
-        if (queue != clientPackageManagers->end()) {
-            queue->second.buildAndAppendSecondIpcPackage(IPC_PACKAGE_EVENT, event, size);
-        }
-    }
-    if (!requestWrite) {
-        return 0;
-    }
-    std::vector<int> gone;
-    for (const int fd : subscribers->second) {
-        if (!requestWrite(fd)) {
-            gone.push_back(fd);
-        }
-    }
-    // A connection that was dropped after an error, of which nobody told.
-    for (const int fd : gone) {
-        eraseClient(fd);
+    queueEvent(type, event, size);
+    if (!isBatchOpen || ++batchedRecords == RECORDS_PER_SEND) {
+        batchedRecords = 0;
+        sendDue();
     }
     return 0;
+}
+
+void EventManager::queueEvent(int32_t type, const char* event, unsigned int size) {
+    MutexLock lock(tesuRawEventManagerLock);
+    const auto observers = eventFds.find(type);
+    if (observers == eventFds.end()) {
+        return;
+    }
+    for (Observer* const observer : observers->second) {
+        if (observer->queue != nullptr &&
+            observer->queue->buildAndAppendSecondIpcPackage(IPC_PACKAGE_EVENT, event, size) &&
+            !std::exchange(observer->isDue, true)) {
+            due.push_back(observer->fd);
+        }
+    }
+}
+
+// What is appended meanwhile is due again.
+void EventManager::sendDue() {
+    MutexLock sendingLock(sendLock);
+    {
+        MutexLock lock(tesuRawEventManagerLock);
+        sending.swap(due);
+        for (const int fd : sending) {
+            const auto observer = fdEvents.find(fd);
+            if (observer != fdEvents.end()) {
+                observer->second.isDue = false;
+            }
+        }
+    }
+    for (const int fd : sending) {
+        if (transport.send && !transport.send(fd)) {
+            MutexLock lock(tesuRawEventManagerLock);
+            // Not its heir by number, which may have come meanwhile.
+            if (!transport.isConnected(fd)) {
+                eraseClient(fd);
+            }
+        }
+    }
+    sending.clear();
 }
 
 }  // namespace Tesu::Bpf

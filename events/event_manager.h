@@ -3,10 +3,12 @@
 // Who subscribed to what, and the fan-out of each event to the queues of its subscribers.
 //
 // The singleton is created on first use and never destroyed. Every operation takes
-// tesuRawEventManagerLock, the outermost of all locks; AppendEvent holds it for the whole fan-out.
+// tesuRawEventManagerLock; AppendEvent holds it for the whole fan-out. What was queued is sent
+// without it, one thread at a time: under sendLock, the outermost of all locks.
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <vector>
@@ -17,16 +19,34 @@
 
 namespace Tesu::Bpf {
 
+// How what is queued for a client gets to it. Both are false when its connection is gone.
+struct EventTransport {
+    // Sends what the socket has room for and sees to it that the rest follows.
+    std::function<bool(int fd)> send;
+    // Takes no lock that may be held while tesuRawEventManagerLock is taken.
+    std::function<bool(int fd)> isConnected;
+};
+
 class TESU_API EventManager {
   public:
     // Outgoing queue of each connected client, by descriptor.
     using ClientQueues = std::map<int, IpcPackageManager>;
 
+    // While one lives, what its thread appends is sent together, at its end and every few hundred
+    // records; without one, at once. They do not nest.
+    class Batch {
+      public:
+        Batch();
+        ~Batch();
+        Batch(const Batch&) = delete;
+        Batch& operator=(const Batch&) = delete;
+    };
+
     static EventManager* GetInstance();
 
-    // Where the queues are (not owned), and how to have the socket loop send what is queued for a
-    // client: false when its connection is gone. The service's constructor says so.
-    void setClientQueues(ClientQueues* queues, std::function<bool(int)> requestWrite = {});
+    // Where the queues are (not owned), and how they are emptied. The service's constructor says
+    // so. On return nothing is sent the former way any more.
+    void setClientQueues(ClientQueues* queues, EventTransport transport = {});
 
     // The queue of a new client; whatever a former connection of that number left is dropped.
     // False when there was such a rest.
@@ -41,14 +61,24 @@ class TESU_API EventManager {
     void EraseObserver(int fd);
 
     // Queues a copy of the record (its type is its first 32-bit word) for every subscriber of its
-    // type and has the socket loop send it. A subscriber whose connection is gone is forgotten. A
-    // record under 4 bytes has no type and goes to nobody. Returns 0.
+    // type and has it sent. A subscriber whose connection is gone is forgotten. A record under 4
+    // bytes has no type and goes to nobody. Returns 0.
     int AppendEvent(const char* event, unsigned int size);
 
     static Mutex tesuRawEventManagerLock;
 
   private:
+    struct Observer {
+        int fd;
+        IpcPackageManager* queue;  // null: not connected
+        std::vector<int> types;    // in order of subscription
+        bool isDue = false;        // in `due`
+    };
+
     EventManager() = default;
+    void queueEvent(int32_t type, const char* event, unsigned int size);
+    void sendDue() EXCLUDES(sendLock);
+    IpcPackageManager* findQueue(int fd) REQUIRES(tesuRawEventManagerLock);
     void eraseObserver(int fd) REQUIRES(tesuRawEventManagerLock);
     void eraseClient(int fd) REQUIRES(tesuRawEventManagerLock);
 
@@ -56,10 +86,15 @@ class TESU_API EventManager {
 
     ClientQueues* clientPackageManagers GUARDED_BY(tesuRawEventManagerLock)
         PT_GUARDED_BY(tesuRawEventManagerLock) = nullptr;
-    std::function<bool(int)> requestWrite GUARDED_BY(tesuRawEventManagerLock);
-    // client -> types, type -> clients; both in order of subscription
-    std::map<int, std::vector<int>> fdEvents GUARDED_BY(tesuRawEventManagerLock);
-    std::map<int, std::vector<int>> eventFds GUARDED_BY(tesuRawEventManagerLock);
+    std::map<int, Observer> fdEvents GUARDED_BY(tesuRawEventManagerLock);
+    // By type, in order of subscription; they point into fdEvents.
+    std::map<int, std::vector<Observer*>> eventFds GUARDED_BY(tesuRawEventManagerLock);
+    // Clients for which something was queued since it was sent last, each once.
+    std::vector<int> due GUARDED_BY(tesuRawEventManagerLock);
+
+    Mutex sendLock;
+    EventTransport transport GUARDED_BY(sendLock);
+    std::vector<int> sending GUARDED_BY(sendLock);  // kept for its memory
 };
 
 }  // namespace Tesu::Bpf

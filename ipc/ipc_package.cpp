@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <string>
 
 #include "records/read_prefix.h"
 #include "util/log.h"
@@ -45,47 +46,36 @@ int SaveUnuseBuffer(BufferState* buffer) {
     return unconsumed;
 }
 
-// Queues a package of these parts; refused when it would not fit the write buffer or memory ran
+// Queues a package of these two parts; refused when it would not fit the write buffer or memory ran
 // out.
-bool IpcPackageManager::append(std::initializer_list<std::string_view> parts) {
-    uint64_t size = 0;
-    for (const std::string_view part : parts) {
-        size += part.size();
-    }
-    IpcBlock block;
-    if (size <= maxPackageSize) {
-        block.reset(
-            static_cast<char*>(std::malloc(std::max(static_cast<size_t>(size), size_t{1}))));
-    } else {
+bool IpcPackageManager::append(std::string_view head, std::string_view data) {
+    const uint64_t size = uint64_t{head.size()} + data.size();
+    {
+        MutexLock lock(mutex);
         errno = EMSGSIZE;
-    }
-    if (block == nullptr) {
-        {
-            MutexLock lock(mutex);
-            ++refused;
+        char* const package =
+            size <= maxPackageSize ? packages.append(static_cast<uint32_t>(size)) : nullptr;
+        if (package != nullptr) {
+            std::copy(head.begin(), head.end(), package);
+            std::copy(data.begin(), data.end(), package + head.size());
+            ready.notify_all();
+            return true;
         }
-        TESU_LOGE(TESU_LOG_UTILS,
-                  "[IpcPackageManager] package refused: %llu bytes, at most %u fit, message: %s",
-                  static_cast<unsigned long long>(size), maxPackageSize, strerror(errno));
-        return false;
+        ++refused;
     }
-    char* end = block.get();
-    for (const std::string_view part : parts) {
-        end = std::copy(part.begin(), part.end(), end);
-    }
-    MutexLock lock(mutex);
-    packages.emplace_back(static_cast<unsigned>(size), std::move(block));
-    ready.notify_all();
-    return true;
+    TESU_LOGE(TESU_LOG_UTILS,
+              "[IpcPackageManager] package refused: %llu bytes, at most %u fit, message: %s",
+              static_cast<unsigned long long>(size), maxPackageSize, strerror(errno));
+    return false;
 }
 
 bool IpcPackageManager::appendReqIpcPackage(const TesuReqIpcPackage* request) {
     static_assert(offsetof(TesuReqIpcPackage, length) + sizeof(request->length) ==
                   IPC_REQUEST_HEAD_SIZE);
     const uint32_t header[] = {IPC_PACKAGE_REQUEST, IPC_REQUEST_HEAD_SIZE + request->length};
-    return append({BytesOf(header),
-                   {reinterpret_cast<const char*>(request), IPC_REQUEST_HEAD_SIZE},
-                   {request->data, request->length}});
+    std::string head(BytesOf(header));
+    head.append(reinterpret_cast<const char*>(request), IPC_REQUEST_HEAD_SIZE);
+    return append(head, {request->data, request->length});
 }
 
 bool IpcPackageManager::appendRespIpcPackage(const TesuRespIpcPackage* response) {
@@ -93,56 +83,48 @@ bool IpcPackageManager::appendRespIpcPackage(const TesuRespIpcPackage* response)
                              response->requestId,  static_cast<uint32_t>(response->result),
                              response->length,     0};
     static_assert(sizeof(head) == IPC_PACKAGE_HEADER_SIZE + IPC_RESPONSE_RECORD_SIZE);
-    return append({BytesOf(head), {response->data, response->length}});
+    return append(BytesOf(head), {response->data, response->length});
 }
 
 bool IpcPackageManager::buildAndAppendSecondIpcPackage(unsigned type, const char* data,
                                                        unsigned length) {
     const uint32_t header[] = {type, length};
-    return type <= IPC_PACKAGE_EVENT && append({BytesOf(header), {data, length}});
+    return type <= IPC_PACKAGE_EVENT && append(BytesOf(header), {data, length});
 }
 
 bool IpcPackageManager::buildAndAppendIpcPackage(const char* bytes, unsigned size) {
-    return append({{bytes, size}});
+    return append({bytes, size}, {});
 }
 
-void IpcPackageManager::moveFrontToBuffer(BufferState* writeBuffer) {
-    const auto& [size, block] = packages.front();
-    char* end = writeBuffer->data + writeBuffer->length;
-    std::memcpy(end, &size, IPC_FRAME_HEADER_SIZE);
-    if (size > 0) {
-        std::memcpy(end + IPC_FRAME_HEADER_SIZE, block.get(), size);
-    }
-    writeBuffer->length += static_cast<int>(size + IPC_FRAME_HEADER_SIZE);
-    packages.pop_front();
+bool IpcPackageManager::moveToBuffer(BufferState* writeBuffer, int slack, size_t limit) {
+    const int room = std::max(writeBuffer->capacity - writeBuffer->length - slack, 0);
+    const size_t moved =
+        packages.take(writeBuffer->data + writeBuffer->length, static_cast<size_t>(room), limit);
+    writeBuffer->length += static_cast<int>(moved);
+    return moved != 0;
 }
 
 bool IpcPackageManager::fillNextIpcPackageToBuffer(BufferState* writeBuffer) {
     MutexLock lock(mutex);
-    const long long space = static_cast<long long>(writeBuffer->capacity) - writeBuffer->length;
-    if (packages.empty() ||
-        static_cast<long long>(packages.front().first) + IPC_FRAME_HEADER_SIZE >= space) {
-        return false;
-    }
-    moveFrontToBuffer(writeBuffer);
-    return true;
+    return moveToBuffer(writeBuffer, 1, 1);
+}
+
+void IpcPackageManager::fillNextIpcPackagesToBuffer(BufferState* writeBuffer) {
+    MutexLock lock(mutex);
+    moveToBuffer(writeBuffer, 1, SIZE_MAX);
 }
 
 bool IpcPackageManager::fillIpcPackageToBuffer(BufferState* writeBuffer) {
     MutexLock lock(mutex);
-    const bool any = !packages.empty();
-    while (!packages.empty() &&
-           static_cast<long long>(packages.front().first) + IPC_FRAME_HEADER_SIZE <=
-               static_cast<long long>(writeBuffer->capacity) - writeBuffer->length) {
-        moveFrontToBuffer(writeBuffer);
-    }
+    const bool any = packages.count() != 0;
+    moveToBuffer(writeBuffer, 0, SIZE_MAX);
     return any;
 }
 
 void IpcPackageManager::waitEventReady(int milliseconds) {
     MutexLock lock(mutex);
     mutex.waitFor(ready, std::chrono::milliseconds(milliseconds),
-                  [this]() REQUIRES(mutex) { return !packages.empty(); });
+                  [this]() REQUIRES(mutex) { return packages.count() != 0; });
 }
 
 void IpcPackageManager::notifyEventReady() {
@@ -151,7 +133,7 @@ void IpcPackageManager::notifyEventReady() {
 
 unsigned IpcPackageManager::getIpcPackageCount() const {
     MutexLock lock(mutex);
-    return static_cast<unsigned>(packages.size());
+    return static_cast<unsigned>(packages.count());
 }
 
 unsigned IpcPackageManager::getRefusedPackageCount() const {

@@ -15,15 +15,11 @@
 
 #include <condition_variable>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
-#include <deque>
-#include <initializer_list>
-#include <memory>
 #include <string_view>
-#include <utility>
 
 #include "ipc/buffer_state.h"
+#include "ipc/frame_queue.h"
 #include "util/export.h"
 #include "util/mutex.h"
 
@@ -70,15 +66,6 @@ struct TesuRespIpcPackage {
     const char* data = nullptr;
 };
 
-struct FreeDeleter {
-    void operator()(void* block) const { std::free(block); }
-};
-using IpcBlock = std::unique_ptr<char, FreeDeleter>;
-
-// One queued package: its size in bytes (the frame length to write in front of it) and a malloc'ed
-// block of that size.
-using TesuIpcPackage = std::pair<unsigned, IpcBlock>;
-
 // Whether a complete package waits at the read buffer's cursor. headerLength becomes 4. When the
 // length word is there packageLength is it and the type word behind it as one 64-bit number (bytes
 // past `length` count as 0), so that only a type-0 package is ever complete: this is the service's
@@ -106,6 +93,8 @@ class TESU_API IpcPackageManager {
 
     // Moves the front package into the write buffer if that leaves at least one byte free.
     bool fillNextIpcPackageToBuffer(BufferState* writeBuffer);
+    // The same again and again, until it would be false.
+    void fillNextIpcPackagesToBuffer(BufferState* writeBuffer);
 
     // What follows is for hosts; service and client do without.
 
@@ -124,12 +113,12 @@ class TESU_API IpcPackageManager {
     unsigned getRefusedPackageCount() const;
 
   private:
-    bool append(std::initializer_list<std::string_view> parts);
-    // For a queue with a front package that fits.
-    void moveFrontToBuffer(BufferState* writeBuffer) REQUIRES(mutex);
+    bool append(std::string_view head, std::string_view data);
+    // Moves packages, at most `limit`, while `slack` bytes of the buffer stay free.
+    bool moveToBuffer(BufferState* writeBuffer, int slack, size_t limit) REQUIRES(mutex);
 
     mutable Tesu::Bpf::Mutex mutex;
-    std::deque<TesuIpcPackage> packages GUARDED_BY(mutex);
+    FrameQueue packages GUARDED_BY(mutex);
     std::condition_variable ready;
     const unsigned maxPackageSize;
     unsigned refused GUARDED_BY(mutex) = 0;

@@ -10,8 +10,8 @@
 // closes every socket. A class derived from this one calls shutdown() in its own destructor.
 //
 // Threads: the owner's callbacks run on the loop thread, `writeable` also on a thread that calls
-// writeDataNow(). notifyNeedWriteData(), writeDataNow(), start() and stop() may be called from any
-// thread; the rest belongs to the loop thread.
+// writeDataNow() or writeWhatFits(). These two, notifyNeedWriteData(), isConnected(), start() and
+// stop() may be called from any thread; the rest belongs to the loop thread.
 //
 // One guard per connection covers its buffers: it is held while `readable` and `writeable` run, for
 // they write into the buffers, and while the connection is closed; it is recursive, so both may
@@ -82,6 +82,11 @@ class TESU_API UnixIpcManager {
 
     // Has the loop send what is queued for `fd` as soon as it can: 1, or 0 when `fd` is gone.
     int notifyNeedWriteData(int fd);
+    // Sends on this thread what the socket takes without waiting, some buffers at most, and leaves
+    // the rest to the loop: false when `fd` is gone. Cheaper than waking the loop for a client that
+    // keeps up.
+    bool writeWhatFits(int fd);
+    bool isConnected(int fd) EXCLUDES(bufferMutex);
     // For hosts: sends on this thread until nothing is left: 1, or 0 on failure.
     int writeDataNow(int fd);
     // Sends data[cursor, length). False when the socket is full (after 11 tries) or broken; what
@@ -127,6 +132,7 @@ class TESU_API UnixIpcManager {
 
     // unix_ipc_stream.cpp
     ConnectionGuard lockConnection(int fd);
+    std::shared_ptr<ConnectionMutex> findGuard(int fd) EXCLUDES(bufferMutex);
     BufferState* findBuffer(BufferMap buffers, int fd);
     bool allocateBuffer(BufferMap buffers, int fd, const char* direction);
     ReceiveOutcome receive(int fd);

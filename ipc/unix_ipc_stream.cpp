@@ -17,21 +17,18 @@ namespace {
 
 // Sends tried on a full socket before the loop is left to wait for room.
 constexpr int MAX_SEND_RETRIES = 11;
+// Buffers sent at most by a thread that has other work than this client.
+constexpr int MAX_BUFFERS_AT_ONCE = 8;
 
 }  // namespace
 
 // Waits for the connection's guard. While this thread waited the connection may have been closed
 // and its number given to another: the guard is then the other's.
 UnixIpcManager::ConnectionGuard UnixIpcManager::lockConnection(int fd) {
-    const auto find = [&] {
-        MutexLock lock(bufferMutex);
-        const auto found = writeMutexes.find(fd);
-        return found == writeMutexes.end() ? nullptr : found->second;
-    };
-    ConnectionGuard guard{.mutex = find(), .lock = {}};
+    ConnectionGuard guard{.mutex = findGuard(fd), .lock = {}};
     while (guard.mutex != nullptr) {
         guard.lock = std::unique_lock(*guard.mutex);
-        std::shared_ptr<ConnectionMutex> current = find();
+        std::shared_ptr<ConnectionMutex> current = findGuard(fd);
         if (current == guard.mutex) {
             break;
         }
@@ -40,6 +37,12 @@ UnixIpcManager::ConnectionGuard UnixIpcManager::lockConnection(int fd) {
         guard.mutex = std::move(current);
     }
     return guard;
+}
+
+std::shared_ptr<UnixIpcManager::ConnectionMutex> UnixIpcManager::findGuard(int fd) {
+    MutexLock lock(bufferMutex);
+    const auto found = writeMutexes.find(fd);
+    return found == writeMutexes.end() ? nullptr : found->second;
 }
 
 // Map nodes stay where they are, so the pointer is good while the connection's guard is held.
@@ -257,6 +260,36 @@ bool UnixIpcManager::ensureDataSend(int fd, BufferState* writeBuffer) {
     SaveUnuseBuffer(writeBuffer);
     errno = error;
     return allSent;
+}
+
+// The loop is asked when it, or another thread, is at the connection just now: it may have looked
+// at the queue for the last time. It also has what is left in the buffer, and is asked again in
+// case it gave up on an error that has passed.
+bool UnixIpcManager::writeWhatFits(int fd) {
+    const std::shared_ptr<ConnectionMutex> mutex = findGuard(fd);
+    if (mutex == nullptr) {
+        return false;
+    }
+    const std::unique_lock lock(*mutex, std::try_to_lock);
+    BufferState* writeBuffer = findBuffer(&UnixIpcManager::writeBuffers, fd);
+    if (!lock.owns_lock() || writeBuffer == nullptr || findGuard(fd) != mutex) {
+        return epollManager->notifyWriteEventReady(fd);
+    }
+    for (int i = 0; i < MAX_BUFFERS_AT_ONCE && writeBuffer->cursor == writeBuffer->length; ++i) {
+        writeBuffer->cursor = writeBuffer->length = 0;
+        if (handlers.writeable(fd, writeBuffer) == -1 || writeBuffer->length == 0) {
+            return true;
+        }
+        const ssize_t sent = send(fd, writeBuffer->data, static_cast<size_t>(writeBuffer->length),
+                                  MSG_DONTWAIT | MSG_NOSIGNAL);
+        writeBuffer->cursor = sent == -1 ? 0 : static_cast<int>(sent);
+    }
+    SaveUnuseBuffer(writeBuffer);
+    return epollManager->notifyWriteEventReady(fd);
+}
+
+bool UnixIpcManager::isConnected(int fd) {
+    return findGuard(fd) != nullptr;
 }
 
 int UnixIpcManager::writeDataNow(int fd) {

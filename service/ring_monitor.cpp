@@ -15,6 +15,7 @@
 #include "records/contract.h"
 #include "service/dump_requests.h"
 #include "service/lost_records.h"
+#include "service/ring_pace.h"
 #include "service/ring_reader.h"
 #include "service/ring_replacement.h"
 #include "service/stale_entries.h"
@@ -30,12 +31,6 @@ constexpr int MAX_POLL_ERRORS = 6;
 constexpr std::chrono::seconds POLL_ERROR_PAUSE{1};
 // Without a descriptor to wake it, a monitor looks for stop() this often.
 constexpr int UNWAKEABLE_TIMEOUT_MS = 500;
-// Least time between two polls. Waking this thread costs as much as some hundred records, so
-// records that come thick are taken together; one that comes alone is taken at once. A ring that
-// could be full after it is polled without.
-constexpr std::chrono::milliseconds POLL_INTERVAL{1};
-// Bytes; to fill that in the interval would take twenty million records a second.
-constexpr uint32_t LEAST_SIZE_TO_REST = 1 << 20;
 // Counter kind of successful polls, beside the record types.
 constexpr int POLL_COUNTER = 7;
 // Bytes after which a 32-bit kernel's ring is replaced: half of what it can count.
@@ -169,15 +164,19 @@ void TesuBpfService::replaceRing(RingMonitor& monitor, RingReplacement& replacem
 }
 
 int TesuBpfService::pollRing(RingMonitor& monitor, RingReplacement& replacement) {
-    const bool rests = monitor.reader->size() >= LEAST_SIZE_TO_REST;
+    const RingPace pace(monitor.reader->size());
+    std::chrono::nanoseconds rest{0};
     int errors = 0;
-    std::chrono::steady_clock::time_point nextPoll;
     while (running) {
-        if (rests) {
-            restUntil(nextPoll);
+        int result = rest.count() > 0 ? restFor(rest) : waitForRecords(monitor);
+        int error = errno;
+        if (result >= 0) {
+            const EventManager::Batch batch;
+            const uint64_t begin = monitor.reader->position();
+            result = monitor.reader->consume();
+            error = errno;  // what follows makes calls of its own
+            rest = pace.restAfter(monitor.reader->position() - begin);
         }
-        const int result = waitAndPoll(monitor);
-        nextPoll = std::chrono::steady_clock::now() + POLL_INTERVAL;
         // A poll that stop() woke or cut short is no error, and none that counts.
         if (!running) {
             break;
@@ -191,7 +190,6 @@ int TesuBpfService::pollRing(RingMonitor& monitor, RingReplacement& replacement)
             }
             continue;
         }
-        const int error = errno;  // the status check makes calls of its own
         checkBpfRingBuffStatus(monitor.which, true);
         if (error == EINTR) {
             continue;
@@ -208,27 +206,22 @@ int TesuBpfService::pollRing(RingMonitor& monitor, RingReplacement& replacement)
     return 0;
 }
 
-// Less when the service stops or a signal comes.
-void TesuBpfService::restUntil(std::chrono::steady_clock::time_point end) {
-    const std::chrono::nanoseconds left = end - std::chrono::steady_clock::now();
-    if (left.count() > 0) {
-        pollfd stopped = {.fd = stopFd.get(), .events = POLLIN, .revents = 0};
-        const timespec limit = {.tv_sec = 0, .tv_nsec = static_cast<long>(left.count())};
-        ppoll(&stopped, 1, &limit, nullptr);
-    }
+// Less when the service stops or a signal comes. Always 0.
+int TesuBpfService::restFor(std::chrono::nanoseconds duration) {
+    pollfd stop = {.fd = stopFd.get(), .events = POLLIN, .revents = 0};
+    const timespec limit = {.tv_sec = 0, .tv_nsec = static_cast<long>(duration.count())};
+    ppoll(&stop, 1, &limit, nullptr);
+    return 0;
 }
 
-// Waits until the ring has records or the service stops, then takes what there is. libbpf's own
-// wait cannot be woken by stop(), so its descriptor is waited for together with stop()'s.
-int TesuBpfService::waitAndPoll(RingMonitor& monitor) {
+// Until the ring has records or the service stops: negative on failure. libbpf's own wait cannot be
+// woken by stop(), so its descriptor is waited for together with stop()'s.
+int TesuBpfService::waitForRecords(const RingMonitor& monitor) {
     pollfd waited[] = {
         {.fd = monitor.reader->epollFd(), .events = POLLIN, .revents = 0},
         {.fd = stopFd.get(), .events = POLLIN, .revents = 0},
     };
-    if (::poll(waited, std::size(waited), stopFd.ok() ? -1 : UNWAKEABLE_TIMEOUT_MS) == -1) {
-        return -1;
-    }
-    return monitor.reader->poll();
+    return ::poll(waited, std::size(waited), stopFd.ok() ? -1 : UNWAKEABLE_TIMEOUT_MS);
 }
 
 int TesuBpfService::onRingRecord(void* monitor, void* data, size_t size) {

@@ -80,15 +80,6 @@ RingReader::~RingReader() {
     }
 }
 
-int RingReader::poll() {
-    const auto read = [this] { return ring_buffer__poll(library.get(), 0); };
-    if constexpr (NEEDS_HELP_OVER_WRAP) {
-        return wrap->take(read);
-    } else {
-        return read();
-    }
-}
-
 int RingReader::consume() {
     const auto read = [this] { return ring_buffer__consume(library.get()); };
     if constexpr (NEEDS_HELP_OVER_WRAP) {

@@ -30,9 +30,7 @@ class RingReader {
 
     // Readable while records wait. Belongs to the reader.
     int epollFd() const { return ring_buffer__epoll_fd(library.get()); }
-    // Takes what waits, without waiting for more. 0 or more, or a negative errno, also in errno.
-    int poll();
-    // The same without asking the kernel whether there is anything.
+    // Takes what is there, without a system call. 0 or more, or a negative errno, also in errno.
     int consume();
     // Bytes read of this ring since it was made, with the records' headers.
     uint64_t position() const { return *static_cast<const uint64_t*>(consumerPage.address); }

@@ -85,9 +85,10 @@ TesuBpfService::TesuBpfService()
         {RAW_EVENT_TASK_CREATE, handle(&TesuBpfService::handleSched_SchedProcessFork)},
         {RAW_EVENT_TASK_EXIT, handle(&TesuBpfService::handleSched_SchedProcessExit)},
     };
-    EventManager::GetInstance()->setClientQueues(&clientPackageManagers, [this](int fd) {
-        return ipcManager->notifyNeedWriteData(fd) != 0;
-    });
+    EventManager::GetInstance()->setClientQueues(
+        &clientPackageManagers,
+        {.send = [this](int fd) { return ipcManager->writeWhatFits(fd); },
+         .isConnected = [this](int fd) { return ipcManager->isConnected(fd); }});
 }
 
 TesuBpfService::~TesuBpfService() {

@@ -155,8 +155,8 @@ class TESU_API TesuBpfService {
     void dropBacklog(RingMonitor& monitor, RingReplacement& replacement);
     int pollRing(RingMonitor& monitor, RingReplacement& replacement);
     void replaceRing(RingMonitor& monitor, RingReplacement& replacement);
-    void restUntil(std::chrono::steady_clock::time_point end);
-    int waitAndPoll(RingMonitor& monitor);
+    int restFor(std::chrono::nanoseconds duration);
+    int waitForRecords(const RingMonitor& monitor);
     // What libbpf calls for each record of `monitor`: hands it on and ends the poll when the
     // service stops.
     static int onRingRecord(void* monitor, void* data, size_t size);
