@@ -41,7 +41,7 @@ EventManager::Batch::~Batch() {
 }
 
 void EventManager::setClientQueues(ClientQueues* queues, EventTransport newTransport) {
-    MutexLock sending(sendLock);
+    MutexLock sendingLock(sendLock);
     MutexLock lock(tesuRawEventManagerLock);
     transport = std::move(newTransport);
     clientPackageManagers = queues;
