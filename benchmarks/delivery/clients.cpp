@@ -1,0 +1,209 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// delivery_clients service|raw|zmq COUNT [--latency]: so many clients of one server, a thread each.
+// They count records until the one that ends the stream, and then tell in a line each: how many
+// came, how many of those out of order, and when the end came (CLOCK_MONOTONIC, nanoseconds).
+// --latency: a line more, with the nanoseconds since the times of the first client's records:
+// median, 99 %, 99.9 %, most.
+//
+// delivery_clients idle COUNT: so many connections to the service on which nothing is asked for.
+#include <zmq.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <functional>
+#include <latch>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "benchmarks/delivery/wire.h"
+#include "records/contract.h"
+#include "records/raw_event.h"
+#include "tests/support/wire_client.h"
+
+namespace Tesu::Bpf {
+namespace {
+
+constexpr size_t READ_BYTES = 1 << 18;
+
+int64_t Now() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1000000000LL + now.tv_nsec;
+}
+
+// What one client got. Of its thread until that has ended.
+struct Tally {
+    // False for the record that ends the stream. `now` counts for latencies only.
+    bool take(const char* record, int64_t now, std::latch& ready) {
+        int64_t time = 0;
+        std::memcpy(&time, record + offsetof(RawEventHeader, time), sizeof(time));
+        if (time == PROBE_TIME) {
+            if (!isReady) {
+                ready.count_down();
+            }
+            isReady = true;
+            return true;
+        }
+        if (time == END_TIME) {
+            return false;
+        }
+        ++delivered;
+        misordered += time <= last;
+        last = time;
+        if (isTimed) {
+            latencies.push_back(now - time);
+        }
+        return true;
+    }
+
+    uint64_t delivered = 0;
+    uint64_t misordered = 0;
+    int64_t last = 0;
+    int64_t end = 0;  // when the end came
+    bool isReady = false;
+    bool isTimed = false;
+    std::vector<int64_t> latencies;
+};
+
+// A connection on which frames come. Reads as much as there is, so that a client costs little.
+void ReadFrames(const WireClient& client, Tally& tally, std::latch& ready) {
+    std::vector<char> bytes(READ_BYTES);
+    size_t filled = 0;
+    while (true) {
+        const ssize_t count =
+            recv(client.descriptor(), bytes.data() + filled, bytes.size() - filled, 0);
+        if (count <= 0) {
+            return;
+        }
+        const int64_t now = tally.isTimed ? Now() : 0;
+        filled += static_cast<size_t>(count);
+        size_t at = 0;
+        uint32_t header[3] = {};  // length of the rest, type, length of the body
+        while (filled - at >= sizeof(header)) {
+            std::memcpy(header, &bytes[at], sizeof(header));
+            const size_t length = sizeof(header[0]) + header[0];
+            if (filled - at < length) {
+                break;
+            }
+            if (header[1] == WireClient::EVENT &&
+                !tally.take(&bytes[at + sizeof(header)], now, ready)) {
+                return;
+            }
+            at += length;
+        }
+        filled -= at;
+        std::memmove(bytes.data(), bytes.data() + at, filled);
+    }
+}
+
+void ReadService(Tally& tally, std::latch& ready) {
+    WireClient client;
+    if (client.connectTo(SERVICE_SOCKET_NAME) &&
+        client.sendBytes(WireClient::subscription(1, RAW_EVENT_DMABUF_SIZE))) {
+        ReadFrames(client, tally, ready);
+    }
+}
+
+void ReadRawPeer(Tally& tally, std::latch& ready) {
+    WireClient client;
+    if (client.connectTo(RAW_PEER_SOCKET)) {
+        ReadFrames(client, tally, ready);
+    }
+}
+
+void ReadZmqPeer(void* context, Tally& tally, std::latch& ready) {
+    void* const subscriber = zmq_socket(context, ZMQ_SUB);
+    const int unlimited = 0;
+    zmq_setsockopt(subscriber, ZMQ_RCVHWM, &unlimited, sizeof(unlimited));
+    zmq_setsockopt(subscriber, ZMQ_SUBSCRIBE, "", 0);
+    char record[sizeof(RawDmabufAllocEvent)] = {};
+    if (zmq_connect(subscriber, ZMQ_PEER_ADDRESS) == 0) {
+        while (zmq_recv(subscriber, record, sizeof(record), 0) == sizeof(record) &&
+               tally.take(record, 0, ready)) {
+        }
+    }
+    zmq_close(subscriber);
+}
+
+void Say(const char* line) {
+    std::fputs(line, stdout);
+    std::fflush(stdout);
+}
+
+void PrintLatencies(std::vector<int64_t>& latencies) {
+    std::ranges::sort(latencies);
+    for (const double share : {0.5, 0.99, 0.999, 1.0}) {
+        const auto rank = static_cast<size_t>(share * static_cast<double>(latencies.size()));
+        std::printf("%lld ",
+                    static_cast<long long>(latencies.at(std::min(rank, latencies.size() - 1))));
+    }
+    std::printf("\n");
+}
+
+int Count(const std::function<void(Tally&, std::latch&)>& read, size_t clients, bool isTimed) {
+    std::latch ready(static_cast<ptrdiff_t>(clients));
+    std::vector<Tally> tallies(clients);
+    tallies.front().isTimed = isTimed;
+    {
+        std::vector<std::jthread> threads;
+        threads.reserve(clients);
+        for (Tally& tally : tallies) {
+            threads.emplace_back([&] {
+                read(tally, ready);
+                tally.end = Now();
+            });
+        }
+        ready.wait();
+        Say(CLIENTS_ARE_READY);
+    }
+    for (const Tally& tally : tallies) {
+        std::printf("%llu %llu %lld\n", static_cast<unsigned long long>(tally.delivered),
+                    static_cast<unsigned long long>(tally.misordered),
+                    static_cast<long long>(tally.end));
+    }
+    if (isTimed) {
+        PrintLatencies(tallies.front().latencies);
+    }
+    return 0;
+}
+
+int BeIdle(size_t count) {
+    std::vector<WireClient> clients(count);
+    for (WireClient& client : clients) {
+        if (!client.connectTo(SERVICE_SOCKET_NAME)) {
+            return 1;
+        }
+    }
+    Say(CLIENTS_ARE_READY);
+    pause();
+    return 0;
+}
+
+}  // namespace
+}  // namespace Tesu::Bpf
+
+int main(int argc, char** argv) {
+    using namespace Tesu::Bpf;
+    if (argc < 3) {
+        return 2;
+    }
+    const std::string kind = argv[1];
+    const size_t count = std::stoul(argv[2]);
+    const bool isTimed = argc > 3;
+    if (kind == "idle") {
+        return BeIdle(count);
+    }
+    if (kind == "service") {
+        return Count(ReadService, count, isTimed);
+    }
+    if (kind == "raw") {
+        return Count(ReadRawPeer, count, isTimed);
+    }
+    void* const context = zmq_ctx_new();
+    return Count([&](Tally& tally, std::latch& ready) { ReadZmqPeer(context, tally, ready); },
+                 count, isTimed);
+}
