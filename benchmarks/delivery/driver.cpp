@@ -3,6 +3,8 @@
 // What a delivered record costs the service, beside two peers that read the same ring buffer: one
 // made with ZeroMQ, and one that does the least that can be done. Expects the programs to be loaded
 // and no daemon to run; ../../bench sees to both.
+#include <gtest/gtest.h>
+
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <cstdio>
@@ -17,10 +19,12 @@ namespace {
 
 using std::chrono::milliseconds;
 
-struct Durations {
+struct Plan {
     milliseconds flow{2000};
+    // Of records that come alone: a thousand of them.
+    milliseconds alone{10000};
 };
-constexpr Durations QUICK{.flow = milliseconds(100)};
+constexpr Plan QUICK{.flow = milliseconds(100), .alone = milliseconds(300)};
 
 void Progress(const std::string& what) {
     std::fprintf(stderr, "bench: %s\n", what.c_str());
@@ -38,16 +42,49 @@ void MeasureCase(RecordInjector& injector, ServerKind kind, const Load& load, in
     samples.add(name + DELIVERED, outcome.deliveredPerSecond);
 }
 
-void Run(RecordInjector& injector, const Durations& durations, Samples& samples) {
+// The peers' latency is left out: it is a matter of how long they rest, and they do not.
+void MeasureLatency(RecordInjector& injector, const std::string& name, uint64_t rate,
+                    milliseconds duration, Samples& samples) {
+    Progress(name);
+    const Load load{.rate = rate, .duration = duration, .isStamped = true};
+    const auto ns = Measure(injector, Server(ServerKind::SERVICE, 1), load, 1).latencies;
+    samples.add(name + LATENCY_MEDIAN, ns[0] / 1000);
+    samples.add(name + LATENCY_99, ns[1] / 1000);
+    samples.add(name + LATENCY_999, ns[2] / 1000);
+    samples.add(name + LATENCY_MOST, ns[3] / 1000);
+}
+
+void MeasureIdleClients(RecordInjector& injector, milliseconds duration, Samples& samples) {
+    const Load load{.rate = IDLE_RATE, .duration = duration};
+    Progress("without idle clients");
+    samples.add(WITHOUT_IDLE,
+                Measure(injector, Server(ServerKind::SERVICE, 1), load, 1).nsPerDelivery);
+    Progress("with idle clients");
+    const Server server(ServerKind::SERVICE, 1);
+    const uint64_t before = server.residentKib();
+    const IdleClients idle(server, IDLE_CLIENTS);
+    const uint64_t after = server.residentKib();
+    samples.add(IDLE_KIB,
+                (static_cast<double>(after) - static_cast<double>(before)) / IDLE_CLIENTS);
+    samples.add(WITH_IDLE, Measure(injector, server, load, 1).nsPerDelivery);
+}
+
+void Run(RecordInjector& injector, const Plan& plan, Samples& samples) {
+    // Of a case one after the other, so that they meet the machine in the same mood.
     for (const uint64_t rate : RATES) {
         for (const int clients : CLIENT_COUNTS) {
-            // One after the other, so that they meet the machine in the same mood.
             for (const ServerKind kind : SERVERS) {
-                MeasureCase(injector, kind, {.rate = rate, .duration = durations.flow}, clients,
+                MeasureCase(injector, kind, {.rate = rate, .duration = plan.flow}, clients,
                             samples);
             }
         }
     }
+    for (const ServerKind kind : SERVERS) {
+        MeasureCase(injector, kind, {.rate = UNLIMITED, .duration = plan.flow}, 1, samples);
+    }
+    MeasureLatency(injector, ALONE, ALONE_RATE, plan.alone, samples);
+    MeasureLatency(injector, IN_FLOW, FLOW_RATE, plan.flow, samples);
+    MeasureIdleClients(injector, plan.flow, samples);
 }
 
 int Main(int argc, char** argv) {
@@ -58,10 +95,12 @@ int Main(int argc, char** argv) {
     app.add_option("--runs", runs, "Repeat, and print medians")->check(CLI::PositiveNumber);
     CLI11_PARSE(app, argc, argv);
 
+    // The tests' support tells what fails as a test would.
+    GTEST_FLAG_SET(throw_on_failure, true);
     RecordInjector injector(RING_CORE);
     Samples samples;
     for (int run = 0; run < runs; ++run) {
-        Run(injector, isQuick ? QUICK : Durations(), samples);
+        Run(injector, isQuick ? QUICK : Plan(), samples);
     }
     PrintReport(samples);
     return 0;

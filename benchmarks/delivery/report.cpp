@@ -47,6 +47,23 @@ void PrintCosts(const Samples& samples) {
 
 void PrintReport(const Samples& samples) {
     PrintCosts(samples);
+    std::printf("\nAs fast as it goes x 1 client, delivered records/s:");
+    for (const ServerKind kind : SERVERS) {
+        const std::string name = CaseName(kind, UNLIMITED, 1);
+        std::printf("%s %s %.1f M (%.0f %% lost)", kind == SERVERS[0] ? "" : ",", NameOf(kind),
+                    samples.median(name + DELIVERED) / 1e6, samples.median(name + LOST_SHARE));
+    }
+    std::printf("\nLatency of ours, us: alone (every %llu ms): median %.0f, 99.9 %% %.0f\n",
+                static_cast<unsigned long long>(1000 / ALONE_RATE),
+                samples.median(ALONE + LATENCY_MEDIAN), samples.median(ALONE + LATENCY_999));
+    std::printf("Latency of ours, us: in a flow of %llu/s: 99 %% %.0f, most %.0f\n",
+                static_cast<unsigned long long>(FLOW_RATE), samples.median(IN_FLOW + LATENCY_99),
+                samples.median(IN_FLOW + LATENCY_MOST));
+    std::printf(
+        "%d idle clients of ours: %.0f ns of CPU per record, %.0f without them (%llu/s x 1 "
+        "client); %.1f KiB resident each\n",
+        IDLE_CLIENTS, samples.median(WITH_IDLE), samples.median(WITHOUT_IDLE),
+        static_cast<unsigned long long>(IDLE_RATE), samples.median(IDLE_KIB));
 }
 
 }  // namespace Tesu::Bpf
