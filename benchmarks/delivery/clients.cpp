@@ -7,6 +7,7 @@
 // median, 99 %, 99.9 %, most.
 //
 // delivery_clients idle COUNT: so many connections to the service on which nothing is asked for.
+#include <poll.h>
 #include <zmq.h>
 
 #include <algorithm>
@@ -15,6 +16,7 @@
 #include <ctime>
 #include <functional>
 #include <latch>
+#include <span>
 #include <string>
 #include <thread>
 #include <vector>
@@ -35,10 +37,10 @@ int64_t Now() {
     return now.tv_sec * 1000000000LL + now.tv_nsec;
 }
 
-// What one client got. Of its thread until that has ended.
+// What one client got. Of the thread that reads for it, until that has ended.
 struct Tally {
-    // False for the record that ends the stream. `now` counts for latencies only.
-    bool take(const char* record, int64_t now, std::latch& ready) {
+    // False for the record that ends the stream.
+    bool take(const char* record, std::latch& ready) {
         int64_t time = 0;
         std::memcpy(&time, record + offsetof(RawEventHeader, time), sizeof(time));
         if (time == PROBE_TIME) {
@@ -49,13 +51,14 @@ struct Tally {
             return true;
         }
         if (time == END_TIME) {
+            end = Now();
             return false;
         }
         ++delivered;
         misordered += time <= last;
         last = time;
         if (isTimed) {
-            latencies.push_back(now - time);
+            latencies.push_back(readAt - time);
         }
         return true;
     }
@@ -66,21 +69,28 @@ struct Tally {
     int64_t end = 0;  // when the end came
     bool isReady = false;
     bool isTimed = false;
+    int64_t readAt = 0;
     std::vector<int64_t> latencies;
 };
 
-// A connection on which frames come. Reads as much as there is, so that a client costs little.
-void ReadFrames(const WireClient& client, Tally& tally, std::latch& ready) {
-    std::vector<char> bytes(READ_BYTES);
-    size_t filled = 0;
-    while (true) {
+// A client that gets frames.
+class FrameClient {
+  public:
+    explicit FrameClient(Tally& count) : tally(count), bytes(READ_BYTES) {}
+
+    bool connectTo(bool isService) {
+        return isService ? client.connectTo(SERVICE_SOCKET_NAME) &&
+                               client.sendBytes(WireClient::subscription(1, RAW_EVENT_DMABUF_SIZE))
+                         : client.connectTo(RAW_PEER_SOCKET);
+    }
+    int descriptor() const { return client.descriptor(); }
+
+    // Takes what is there. False at the end of the stream or of the connection.
+    bool read(std::latch& ready) {
         const ssize_t count =
             recv(client.descriptor(), bytes.data() + filled, bytes.size() - filled, 0);
-        if (count <= 0) {
-            return;
-        }
-        const int64_t now = tally.isTimed ? Now() : 0;
-        filled += static_cast<size_t>(count);
+        tally.readAt = tally.isTimed ? Now() : 0;
+        filled += static_cast<size_t>(std::max<ssize_t>(count, 0));
         size_t at = 0;
         uint32_t header[3] = {};  // length of the rest, type, length of the body
         while (filled - at >= sizeof(header)) {
@@ -89,33 +99,42 @@ void ReadFrames(const WireClient& client, Tally& tally, std::latch& ready) {
             if (filled - at < length) {
                 break;
             }
-            if (header[1] == WireClient::EVENT &&
-                !tally.take(&bytes[at + sizeof(header)], now, ready)) {
-                return;
+            if (header[1] == WireClient::EVENT && !tally.take(&bytes[at + sizeof(header)], ready)) {
+                return false;
             }
             at += length;
         }
         filled -= at;
         std::memmove(bytes.data(), bytes.data() + at, filled);
+        return count > 0;
     }
-}
 
-void ReadService(Tally& tally, std::latch& ready) {
+  private:
+    Tally& tally;
     WireClient client;
-    if (client.connectTo(SERVICE_SOCKET_NAME) &&
-        client.sendBytes(WireClient::subscription(1, RAW_EVENT_DMABUF_SIZE))) {
-        ReadFrames(client, tally, ready);
+    std::vector<char> bytes;
+    size_t filled = 0;  // of them
+};
+
+void ReadFrames(std::span<Tally> tallies, bool isService, std::latch& ready) {
+    std::vector<FrameClient> clients(tallies.begin(), tallies.end());
+    std::vector<pollfd> readable;
+    for (FrameClient& client : clients) {
+        client.connectTo(isService);
+        readable.push_back({.fd = client.descriptor(), .events = POLLIN, .revents = 0});
+    }
+    for (size_t open = clients.size(); open > 0;) {
+        poll(readable.data(), readable.size(), -1);
+        for (size_t i = 0; i < clients.size(); ++i) {
+            if (readable[i].revents != 0 && !clients[i].read(ready)) {
+                readable[i].fd = -1;  // passed over from now on
+                --open;
+            }
+        }
     }
 }
 
-void ReadRawPeer(Tally& tally, std::latch& ready) {
-    WireClient client;
-    if (client.connectTo(RAW_PEER_SOCKET)) {
-        ReadFrames(client, tally, ready);
-    }
-}
-
-void ReadZmqPeer(void* context, Tally& tally, std::latch& ready) {
+void ReadMessages(void* context, Tally& tally, std::latch& ready) {
     void* const subscriber = zmq_socket(context, ZMQ_SUB);
     const int unlimited = 0;
     zmq_setsockopt(subscriber, ZMQ_RCVHWM, &unlimited, sizeof(unlimited));
@@ -123,7 +142,7 @@ void ReadZmqPeer(void* context, Tally& tally, std::latch& ready) {
     char record[sizeof(RawDmabufAllocEvent)] = {};
     if (zmq_connect(subscriber, ZMQ_PEER_ADDRESS) == 0) {
         while (zmq_recv(subscriber, record, sizeof(record), 0) == sizeof(record) &&
-               tally.take(record, 0, ready)) {
+               tally.take(record, ready)) {
         }
     }
     zmq_close(subscriber);
@@ -144,21 +163,23 @@ void PrintLatencies(std::vector<int64_t>& latencies) {
     std::printf("\n");
 }
 
-int Count(const std::function<void(Tally&, std::latch&)>& read, size_t clients, bool isTimed) {
+int Count(const std::string& kind, size_t clients, bool isTimed) {
     std::latch ready(static_cast<ptrdiff_t>(clients));
     std::vector<Tally> tallies(clients);
     tallies.front().isTimed = isTimed;
-    {
-        std::vector<std::jthread> threads;
-        threads.reserve(clients);
+    std::vector<std::thread> threads;
+    if (kind == "zmq") {
+        void* const context = zmq_ctx_new();
         for (Tally& tally : tallies) {
-            threads.emplace_back([&] {
-                read(tally, ready);
-                tally.end = Now();
-            });
+            threads.emplace_back(ReadMessages, context, std::ref(tally), std::ref(ready));
         }
-        ready.wait();
-        Say(CLIENTS_ARE_READY);
+    } else {
+        threads.emplace_back(ReadFrames, std::span(tallies), kind == "service", std::ref(ready));
+    }
+    ready.wait();
+    Say(CLIENTS_ARE_READY);
+    for (std::thread& thread : threads) {
+        thread.join();
     }
     for (const Tally& tally : tallies) {
         std::printf("%llu %llu %lld\n", static_cast<unsigned long long>(tally.delivered),
@@ -193,17 +214,5 @@ int main(int argc, char** argv) {
     }
     const std::string kind = argv[1];
     const size_t count = std::stoul(argv[2]);
-    const bool isTimed = argc > 3;
-    if (kind == "idle") {
-        return BeIdle(count);
-    }
-    if (kind == "service") {
-        return Count(ReadService, count, isTimed);
-    }
-    if (kind == "raw") {
-        return Count(ReadRawPeer, count, isTimed);
-    }
-    void* const context = zmq_ctx_new();
-    return Count([&](Tally& tally, std::latch& ready) { ReadZmqPeer(context, tally, ready); },
-                 count, isTimed);
+    return kind == "idle" ? BeIdle(count) : Count(kind, count, argc > 3);
 }

@@ -16,8 +16,8 @@ double Samples::median(const std::string& name) const {
 }
 
 std::string CaseName(ServerKind kind, uint64_t rate, int clients) {
-    return StringPrintf("%s %llu x %d", NameOf(kind), static_cast<unsigned long long>(rate),
-                        clients);
+    const std::string rateText = rate == UNLIMITED ? "as fast as it goes" : std::to_string(rate);
+    return StringPrintf("%s, %s x %d", NameOf(kind), rateText.c_str(), clients);
 }
 
 namespace {
