@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// delivery_clients service|raw|zmq COUNT [--latency]: so many clients of one server, a thread each.
+// delivery_clients ours|ZeroMQ|raw COUNT [--latency]: so many clients of one server, a thread each.
 // They count records until the one that ends the stream, and then tell in a line each: how many
 // came, how many of those out of order, and when the end came (CLOCK_MONOTONIC, nanoseconds).
 // --latency: a line more, with the nanoseconds since the times of the first client's records:
@@ -168,13 +168,13 @@ int Count(const std::string& kind, size_t clients, bool isTimed) {
     std::vector<Tally> tallies(clients);
     tallies.front().isTimed = isTimed;
     std::vector<std::thread> threads;
-    if (kind == "zmq") {
+    if (kind == "ZeroMQ") {
         void* const context = zmq_ctx_new();
         for (Tally& tally : tallies) {
             threads.emplace_back(ReadMessages, context, std::ref(tally), std::ref(ready));
         }
     } else {
-        threads.emplace_back(ReadFrames, std::span(tallies), kind == "service", std::ref(ready));
+        threads.emplace_back(ReadFrames, std::span(tallies), kind == "ours", std::ref(ready));
     }
     ready.wait();
     Say(CLIENTS_ARE_READY);

@@ -54,6 +54,11 @@ void MeasureLatency(RecordInjector& injector, const std::string& name, uint64_t 
     samples.add(name + LATENCY_MOST, ns[3] / 1000);
 }
 
+double ResidentKib(const Server& server) {
+    const auto memory = server.snapshot().memory;
+    return static_cast<double>(memory[RSS_FILE] + memory[RSS_ANON] + memory[RSS_SHMEM]) / 1024;
+}
+
 void MeasureIdleClients(RecordInjector& injector, milliseconds duration, Samples& samples) {
     const Load load{.rate = IDLE_RATE, .duration = duration};
     Progress("without idle clients");
@@ -61,11 +66,9 @@ void MeasureIdleClients(RecordInjector& injector, milliseconds duration, Samples
                 Measure(injector, Server(ServerKind::SERVICE, 1), load, 1).nsPerDelivery);
     Progress("with idle clients");
     const Server server(ServerKind::SERVICE, 1);
-    const uint64_t before = server.residentKib();
+    const double before = ResidentKib(server);
     const IdleClients idle(server, IDLE_CLIENTS);
-    const uint64_t after = server.residentKib();
-    samples.add(IDLE_KIB,
-                (static_cast<double>(after) - static_cast<double>(before)) / IDLE_CLIENTS);
+    samples.add(IDLE_KIB, (ResidentKib(server) - before) / IDLE_CLIENTS);
     samples.add(WITH_IDLE, Measure(injector, server, load, 1).nsPerDelivery);
 }
 

@@ -4,8 +4,6 @@
 #include <time.h>
 
 #include <chrono>
-#include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -14,7 +12,6 @@
 #include "benchmarks/delivery/wire.h"
 #include "tests/support/pinned_rings.h"
 #include "tests/support/wait_until.h"
-#include "util/string_util.h"
 
 namespace Tesu::Bpf {
 
@@ -50,23 +47,18 @@ std::vector<std::string> ServerCommand(ServerKind kind, int clients) {
     return {};
 }
 
-const char* ClientKind(ServerKind kind) {
-    return kind == ServerKind::SERVICE ? "service" : kind == ServerKind::ZMQ ? "zmq" : "raw";
-}
-
 // Nanoseconds, of all threads, also those that have ended.
 int64_t CpuTime(pid_t pid) {
     clockid_t clock{};
     timespec time{};
     Require(clock_getcpuclockid(pid, &clock) == 0 && clock_gettime(clock, &time) == 0,
-            "a server has no CPU time");
+            "a server has gone");
     return time.tv_sec * std::nano::den + time.tv_nsec;
 }
 
 // Reads what the clients tell at their end, and compares it with what was injected.
-void Account(const std::string& told, int clients, int64_t start, const std::string& name,
-             Outcome& outcome, uint64_t sent) {
-    std::istringstream words(told.substr(told.find(CLIENTS_ARE_READY)));
+void Account(const std::string& told, int clients, int64_t start, Outcome& outcome) {
+    std::istringstream words(told);
     std::string ready;
     words >> ready;
     int64_t lastEnd = start;
@@ -75,20 +67,18 @@ void Account(const std::string& told, int clients, int64_t start, const std::str
         uint64_t misordered = 0;
         int64_t end = 0;
         words >> delivered >> misordered >> end;
+        std::ostringstream sum;
+        sum << "a client's sum does not add up: " << delivered << " delivered (" << misordered
+            << " out of order) + " << outcome.lost << " lost, " << outcome.injected << " injected";
         Require(words && misordered == 0 && delivered + outcome.lost == outcome.injected,
-                StringPrintf("%s: the sums of a client do not add up: %llu injected, %llu of them "
-                             "sent, %llu delivered, %llu of them out of order",
-                             name.c_str(), static_cast<unsigned long long>(outcome.injected),
-                             static_cast<unsigned long long>(sent),
-                             static_cast<unsigned long long>(delivered),
-                             static_cast<unsigned long long>(misordered)));
+                sum.str());
         lastEnd = std::max(lastEnd, end);
     }
     for (double& latency : outcome.latencies) {
         words >> latency;
     }
-    outcome.deliveredPerSecond =
-        static_cast<double>(sent) * clients * std::nano::den / static_cast<double>(lastEnd - start);
+    outcome.deliveredPerSecond = static_cast<double>(outcome.injected - outcome.lost) * clients *
+                                 std::nano::den / static_cast<double>(lastEnd - start);
 }
 
 }  // namespace
@@ -99,8 +89,7 @@ const char* NameOf(ServerKind kind) {
 
 Server::Server(ServerKind kind, int clients)
     : serverKind(kind), process(Bound(ServerCommand(kind, clients))) {
-    Require(process.waitForOutput("serving"),
-            std::string(NameOf(kind)) + " does not serve: " + process.error);
+    Require(process.waitForOutput(SERVING), "the server does not serve: " + process.error);
     if (kind == ServerKind::SERVICE) {
         Require(WaitUntil([] { return IsEnabled(RING_CORE); }), "the service enables no programs");
         // Off again: real events would be work that the peers do not have.
@@ -108,31 +97,22 @@ Server::Server(ServerKind kind, int clients)
     }
 }
 
-uint64_t Server::residentKib() const {
-    std::ifstream status("/proc/" + std::to_string(pid()) + "/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.starts_with("VmRSS:")) {
-            return std::stoull(line.substr(line.find(':') + 1));
-        }
-    }
-    throw std::runtime_error("a server has no memory");
+ProcessSnapshot Server::snapshot() const {
+    const auto found = ProcReader().read(process.pid());
+    Require(found && found->openFds, "a server has gone");
+    return *found;
 }
 
 IdleClients::IdleClients(const Server& server, int count)
     : process(Bound({CLIENTS_PATH, "idle", std::to_string(count)})) {
     Require(process.waitForOutput(CLIENTS_ARE_READY), "the idle clients do not get connected");
     // A client is connected before the service knows of it.
-    const std::string files = "/proc/" + std::to_string(server.pid()) + "/fd";
-    Require(WaitUntil([&] {
-                const std::filesystem::directory_iterator open(files);
-                return std::distance(begin(open), end(open)) > count;
-            }),
+    Require(WaitUntil([&] { return server.snapshot().openFds > count; }),
             "the service does not accept the idle clients");
 }
 
 Outcome Measure(RecordInjector& injector, const Server& server, const Load& load, int clients) {
-    const std::string name = NameOf(server.kind());
-    std::vector<std::string> command = {CLIENTS_PATH, ClientKind(server.kind()),
+    std::vector<std::string> command = {CLIENTS_PATH, NameOf(server.kind()),
                                         std::to_string(clients)};
     if (load.isStamped) {
         command.emplace_back("--latency");
@@ -144,20 +124,18 @@ Outcome Measure(RecordInjector& injector, const Server& server, const Load& load
                 InjectProbe(injector);
                 return receivers.waitForOutput(CLIENTS_ARE_READY, PROBE_INTERVAL);
             }),
-            name + ": the clients get nothing");
+            "the clients get nothing");
     std::this_thread::sleep_for(SETTLE);
 
     const int64_t cpuBefore = CpuTime(server.pid());
     const int64_t start = std::chrono::steady_clock::now().time_since_epoch().count();
     const auto [sent, refused] = Inject(injector, load);
     InjectEnd(injector);
-    Require(receivers.waitForExit() == 0, name + ": the clients do not come to the end");
+    Require(receivers.waitForExit() == 0, "the clients do not come to the end");
     const int64_t cpu = CpuTime(server.pid()) - cpuBefore;
 
-    Outcome outcome;
-    outcome.injected = sent + refused;
-    outcome.lost = refused;
-    Account(receivers.output, clients, start, name, outcome, sent);
+    Outcome outcome{.injected = sent + refused, .lost = refused};
+    Account(receivers.output, clients, start, outcome);
     outcome.nsPerDelivery = static_cast<double>(cpu) / (static_cast<double>(sent) * clients);
     return outcome;
 }

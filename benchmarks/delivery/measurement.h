@@ -11,12 +11,14 @@
 #include <string>
 
 #include "benchmarks/delivery/load.h"
+#include "proc/process_snapshot.h"
 #include "tests/support/child_process.h"
 
 namespace Tesu::Bpf {
 
 enum class ServerKind { SERVICE, ZMQ, RAW };
 inline constexpr ServerKind SERVERS[] = {ServerKind::SERVICE, ServerKind::ZMQ, ServerKind::RAW};
+// For people, and for the clients' program.
 const char* NameOf(ServerKind kind);
 
 // Reads the core ring buffer as soon as it can be connected to, and ends with the object. Only one
@@ -27,7 +29,7 @@ class Server {
 
     ServerKind kind() const { return serverKind; }
     pid_t pid() const { return process.pid(); }
-    uint64_t residentKib() const;
+    ProcessSnapshot snapshot() const;
 
   private:
     ServerKind serverKind;

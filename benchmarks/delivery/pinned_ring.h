@@ -26,7 +26,7 @@ inline ring_buffer* OpenCoreRing(ring_buffer_sample_fn onRecord, void* context) 
 }
 
 inline void SayServing() {
-    std::fputs(PEER_IS_SERVING, stdout);
+    std::puts(SERVING);
     std::fflush(stdout);
 }
 

@@ -12,8 +12,9 @@ namespace Tesu::Bpf {
 inline constexpr const char* RAW_PEER_SOCKET = "tesubpf-bench-raw";
 inline constexpr const char* ZMQ_PEER_ADDRESS = "ipc://@tesubpf-bench-zmq";
 
-// Written by a peer that can be connected to, and by the clients once each of them has had a probe.
-inline constexpr const char* PEER_IS_SERVING = "serving\n";
+// Written by a server that can be connected to (by the daemon, with more behind it), and by the
+// clients once each of them has had a probe.
+inline constexpr const char* SERVING = "serving";
 inline constexpr const char* CLIENTS_ARE_READY = "ready\n";
 
 // Times of records that are not counted. Those that are counted rise from 1.
