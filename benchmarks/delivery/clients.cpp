@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// delivery_clients ours|ZeroMQ|raw COUNT [--latency]: so many clients of one server, a thread each.
-// They count records until the one that ends the stream, and then tell in a line each: how many
-// came, how many of those out of order, and when the end came (CLOCK_MONOTONIC, nanoseconds).
+// delivery_clients ours|ZeroMQ|raw COUNT [--latency]: so many clients of one server. One thread
+// reads all their sockets, as ZeroMQ's does, so that no server's sends wake more threads than
+// another's. They count records until the one that ends the stream, and then tell in a line each:
+// how many came, how many of those out of order, and when the end came (CLOCK_MONOTONIC,
+// nanoseconds).
 // --latency: a line more, with the nanoseconds since the times of the first client's records:
 // median, 99 %, 99.9 %, most.
 //
