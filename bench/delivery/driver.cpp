@@ -2,7 +2,7 @@
 //
 // What a delivered record costs the service, beside two peers that read the same ring buffer: one
 // made with ZeroMQ, and one that does the least that can be done. Expects the programs to be loaded
-// and no daemon to run; ../../bench sees to both.
+// and no daemon to run; ../run sees to both.
 #include <gtest/gtest.h>
 
 #include <CLI/CLI.hpp>
@@ -11,8 +11,8 @@
 #include <exception>
 #include <string>
 
-#include "benchmarks/delivery/measurement.h"
-#include "benchmarks/delivery/report.h"
+#include "bench/delivery/measurement.h"
+#include "bench/delivery/report.h"
 
 namespace Tesu::Bpf {
 namespace {

@@ -23,7 +23,7 @@
 #include <thread>
 #include <vector>
 
-#include "benchmarks/delivery/wire.h"
+#include "bench/delivery/wire.h"
 #include "records/contract.h"
 #include "records/raw_event.h"
 #include "tests/support/wire_client.h"

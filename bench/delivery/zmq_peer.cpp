@@ -3,7 +3,7 @@
 // The service's work done with ZeroMQ: every record of the ring is published as a message.
 #include <zmq.h>
 
-#include "benchmarks/delivery/pinned_ring.h"
+#include "bench/delivery/pinned_ring.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "benchmarks/delivery/measurement.h"
+#include "bench/delivery/measurement.h"
 
 #include <time.h>
 
@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "benchmarks/delivery/wire.h"
+#include "bench/delivery/wire.h"
 #include "tests/support/pinned_rings.h"
 #include "tests/support/wait_until.h"
 

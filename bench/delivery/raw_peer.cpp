@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "benchmarks/delivery/pinned_ring.h"
+#include "bench/delivery/pinned_ring.h"
 #include "tests/support/wire_client.h"
 
 namespace Tesu::Bpf {

@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <string>
 
-#include "benchmarks/delivery/load.h"
+#include "bench/delivery/load.h"
 #include "proc/process_snapshot.h"
 #include "tests/support/child_process.h"
 

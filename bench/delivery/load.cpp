@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "benchmarks/delivery/load.h"
+#include "bench/delivery/load.h"
 
 #include <algorithm>
 #include <thread>
 
-#include "benchmarks/delivery/wire.h"
+#include "bench/delivery/wire.h"
 
 namespace Tesu::Bpf {
 

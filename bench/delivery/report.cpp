@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "benchmarks/delivery/report.h"
+#include "bench/delivery/report.h"
 
 #include <algorithm>
 #include <cstdio>

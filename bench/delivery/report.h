@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "benchmarks/delivery/measurement.h"
+#include "bench/delivery/measurement.h"
 
 namespace Tesu::Bpf {
 

@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "benchmarks/delivery/wire.h"
+#include "bench/delivery/wire.h"
 #include "records/contract.h"
 
 namespace Tesu::Bpf {
