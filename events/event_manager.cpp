@@ -15,6 +15,8 @@ namespace {
 // A thread that never comes to the end of its batch sends after so many records: some 20 KiB, which
 // fit a connection's write buffer.
 constexpr unsigned RECORDS_PER_SEND = 512;
+// A client that had no room so often is left to the transport, which waits for it.
+constexpr unsigned MAX_TRIES = 8;
 
 // Of this thread's batch: whether there is one, and what was queued since it was sent last.
 thread_local bool isBatchOpen = false;
@@ -35,9 +37,8 @@ EventManager::Batch::Batch() {
 
 EventManager::Batch::~Batch() {
     isBatchOpen = false;
-    if (std::exchange(batchedRecords, 0) != 0) {
-        GetInstance()->sendDue();
-    }
+    batchedRecords = 0;
+    GetInstance()->sendDue();
 }
 
 void EventManager::setClientQueues(ClientQueues* queues, EventTransport newTransport) {
@@ -125,7 +126,10 @@ int EventManager::AppendEvent(const char* event, unsigned int size) {
     }
     std::memcpy(&type, event, sizeof(type));
     queueEvent(type, event, size);
-    if (!isBatchOpen || ++batchedRecords == RECORDS_PER_SEND) {
+    if (!isBatchOpen) {
+        sendDue();
+        sendLater();
+    } else if (++batchedRecords == RECORDS_PER_SEND) {
         batchedRecords = 0;
         sendDue();
     }
@@ -161,15 +165,48 @@ void EventManager::sendDue() {
         }
     }
     for (const int fd : sending) {
-        if (transport.send && !transport.send(fd)) {
+        const auto result = transport.send ? transport.send(fd) : IpcWriteResult::DONE;
+        if (result != IpcWriteResult::DONE) {
             MutexLock lock(tesuRawEventManagerLock);
-            // Not its heir by number, which may have come meanwhile.
-            if (!transport.isConnected(fd)) {
-                eraseClient(fd);
+            if (result == IpcWriteResult::GONE || !tryAgain(fd)) {
+                leave(fd);
             }
         }
     }
     sending.clear();
+}
+
+// False when it has been tried often enough.
+bool EventManager::tryAgain(int fd) {
+    const auto found = fdEvents.find(fd);
+    if (found == fdEvents.end() || ++found->second.tries >= MAX_TRIES) {
+        return false;
+    }
+    if (!std::exchange(found->second.isDue, true)) {
+        due.push_back(fd);
+    }
+    return true;
+}
+
+// A client that is gone is forgotten; its heir by number, which may have come meanwhile, is not.
+void EventManager::leave(int fd) {
+    if (transport.sendLater && !transport.sendLater(fd)) {
+        eraseClient(fd);
+    } else if (const auto found = fdEvents.find(fd); found != fdEvents.end()) {
+        found->second.tries = 0;
+    }
+}
+
+void EventManager::sendLater() {
+    MutexLock sendingLock(sendLock);
+    MutexLock lock(tesuRawEventManagerLock);
+    for (const int fd : due) {
+        if (const auto found = fdEvents.find(fd); found != fdEvents.end()) {
+            found->second.isDue = false;
+        }
+        leave(fd);
+    }
+    due.clear();
 }
 
 }  // namespace Tesu::Bpf

@@ -14,17 +14,19 @@
 #include <vector>
 
 #include "ipc/ipc_package.h"
+#include "ipc/unix_ipc_manager.h"
 #include "util/export.h"
 #include "util/mutex.h"
 
 namespace Tesu::Bpf {
 
-// How what is queued for a client gets to it. Both are false when its connection is gone.
+// How what is queued for a client gets to it.
 struct EventTransport {
-    // Sends what the socket has room for and sees to it that the rest follows.
-    std::function<bool(int fd)> send;
-    // Takes no lock that may be held while tesuRawEventManagerLock is taken.
-    std::function<bool(int fd)> isConnected;
+    // Sends what can be sent at once.
+    std::function<IpcWriteResult(int fd)> send;
+    // Has what is left sent by another thread: false when the connection is gone. Takes no lock
+    // that may be held while tesuRawEventManagerLock is taken.
+    std::function<bool(int fd)> sendLater;
 };
 
 class TESU_API EventManager {
@@ -33,7 +35,8 @@ class TESU_API EventManager {
     using ClientQueues = std::map<int, IpcPackageManager>;
 
     // While one lives, what its thread appends is sent together, at its end and every few hundred
-    // records; without one, at once. They do not nest.
+    // records; without one, at once. What a client has no room for is tried again at the end of the
+    // next, so a thread that is not about to make another calls sendLater(). They do not nest.
     class Batch {
       public:
         Batch();
@@ -65,6 +68,9 @@ class TESU_API EventManager {
     // bytes has no type and goes to nobody. Returns 0.
     int AppendEvent(const char* event, unsigned int size);
 
+    // Leaves to the transport what the batches could not send so far.
+    void sendLater();
+
     static Mutex tesuRawEventManagerLock;
 
   private:
@@ -73,11 +79,14 @@ class TESU_API EventManager {
         IpcPackageManager* queue;  // null: not connected
         std::vector<int> types;    // in order of subscription
         bool isDue = false;        // in `due`
+        unsigned tries = 0;        // that left something, since it was last left to the transport
     };
 
     EventManager() = default;
     void queueEvent(int32_t type, const char* event, unsigned int size);
     void sendDue() EXCLUDES(sendLock);
+    bool tryAgain(int fd) REQUIRES(tesuRawEventManagerLock);
+    void leave(int fd) REQUIRES(sendLock, tesuRawEventManagerLock);
     IpcPackageManager* findQueue(int fd) REQUIRES(tesuRawEventManagerLock);
     void eraseObserver(int fd) REQUIRES(tesuRawEventManagerLock);
     void eraseClient(int fd) REQUIRES(tesuRawEventManagerLock);

@@ -309,6 +309,16 @@ bool EpollManager::notifyWriteEventReady(int fd) {
     return setWriteEvent(fd, found->second, true, "notifyWriteEventReady");
 }
 
+bool EpollManager::joinWriteEvent(int fd) {
+    MutexLock lock(mutex);
+    const auto found = callbacks.find(fd);
+    if (found == callbacks.end() || (found->second.callbacks.events & EPOLLOUT) == 0) {
+        return false;
+    }
+    ++found->second.writeRequests;
+    return true;
+}
+
 bool EpollManager::markWriteEventFinish(int fd) {
     MutexLock lock(mutex);
     const auto found = callbacks.find(fd);

@@ -79,6 +79,9 @@ class TESU_API EpollManager {
     // Has the loop call the write callback as soon as `fd` is writable. A request made while that
     // callback is running is never lost: it re-arms after the callback's own disarm.
     bool notifyWriteEventReady(int fd);
+    // The same, but only where write readiness is on already; false, and nothing done, where it is
+    // not.
+    bool joinWriteEvent(int fd);
     bool markWriteEventFinish(int fd);
     // For hosts: runs the write callback on this thread until it says -1 (false) or -3 (true).
     bool writeEventNow(int fd);

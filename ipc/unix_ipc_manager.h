@@ -10,8 +10,8 @@
 // closes every socket. A class derived from this one calls shutdown() in its own destructor.
 //
 // Threads: the owner's callbacks run on the loop thread, `writeable` also on a thread that calls
-// writeDataNow() or writeWhatFits(). These two, notifyNeedWriteData(), isConnected(), start() and
-// stop() may be called from any thread; the rest belongs to the loop thread.
+// writeDataNow() or writeWhatFits(). These two, notifyNeedWriteData(), start() and stop() may be
+// called from any thread; the rest belongs to the loop thread.
 //
 // One guard per connection covers its buffers: it is held while `readable` and `writeable` run, for
 // they write into the buffers, and while the connection is closed; it is recursive, so both may
@@ -54,6 +54,13 @@ struct IpcHandlerState {
     std::function<void(int fd)> close;
 };
 
+// What became of a connection's output.
+enum class IpcWriteResult {
+    GONE,  // there is no such connection
+    DONE,  // it is sent, or the loop is about to
+    LEFT,  // there is more: to be tried again, or left to the loop by notifyNeedWriteData()
+};
+
 class TESU_API UnixIpcManager {
   public:
     // bufferSize: bytes of each buffer, and of the socket's own. name: log tag and loop thread
@@ -82,11 +89,9 @@ class TESU_API UnixIpcManager {
 
     // Has the loop send what is queued for `fd` as soon as it can: 1, or 0 when `fd` is gone.
     int notifyNeedWriteData(int fd);
-    // Sends on this thread what the socket takes without waiting, some buffers at most, and leaves
-    // the rest to the loop: false when `fd` is gone. Cheaper than waking the loop for a client that
-    // keeps up.
-    bool writeWhatFits(int fd);
-    bool isConnected(int fd) EXCLUDES(bufferMutex);
+    // Sends on this thread what the socket takes without waiting, some buffers at most. Cheaper
+    // than waking the loop for a connection that keeps up.
+    IpcWriteResult writeWhatFits(int fd);
     // For hosts: sends on this thread until nothing is left: 1, or 0 on failure.
     int writeDataNow(int fd);
     // Sends data[cursor, length). False when the socket is full (after 11 tries) or broken; what

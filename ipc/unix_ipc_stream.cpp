@@ -3,6 +3,7 @@
 // The bytes of a connection: its guard and buffers, receiving and sending.
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -262,34 +263,39 @@ bool UnixIpcManager::ensureDataSend(int fd, BufferState* writeBuffer) {
     return allSent;
 }
 
-// The loop is asked when it, or another thread, is at the connection just now: it may have looked
-// at the queue for the last time. It also has what is left in the buffer, and is asked again in
-// case it gave up on an error that has passed.
-bool UnixIpcManager::writeWhatFits(int fd) {
+// The loop is asked where it, or another thread, is at the connection just now: it may have looked
+// at the queue for the last time.
+IpcWriteResult UnixIpcManager::writeWhatFits(int fd) {
     const std::shared_ptr<ConnectionMutex> mutex = findGuard(fd);
     if (mutex == nullptr) {
-        return false;
+        return IpcWriteResult::GONE;
+    }
+    if (epollManager->joinWriteEvent(fd)) {
+        return IpcWriteResult::DONE;
     }
     const std::unique_lock lock(*mutex, std::try_to_lock);
     BufferState* writeBuffer = findBuffer(&UnixIpcManager::writeBuffers, fd);
     if (!lock.owns_lock() || writeBuffer == nullptr || findGuard(fd) != mutex) {
-        return epollManager->notifyWriteEventReady(fd);
+        return epollManager->notifyWriteEventReady(fd) ? IpcWriteResult::DONE
+                                                       : IpcWriteResult::GONE;
     }
-    for (int i = 0; i < MAX_BUFFERS_AT_ONCE && writeBuffer->cursor == writeBuffer->length; ++i) {
-        writeBuffer->cursor = writeBuffer->length = 0;
-        if (handlers.writeable(fd, writeBuffer) == -1 || writeBuffer->length == 0) {
-            return true;
+    for (int i = 0; i < MAX_BUFFERS_AT_ONCE; ++i) {
+        if (writeBuffer->cursor == writeBuffer->length) {
+            writeBuffer->cursor = writeBuffer->length = 0;
+            if (handlers.writeable(fd, writeBuffer) == -1 || writeBuffer->length == 0) {
+                return IpcWriteResult::DONE;
+            }
         }
-        const ssize_t sent = send(fd, writeBuffer->data, static_cast<size_t>(writeBuffer->length),
+        const ssize_t sent = send(fd, writeBuffer->data + writeBuffer->cursor,
+                                  static_cast<size_t>(writeBuffer->length - writeBuffer->cursor),
                                   MSG_DONTWAIT | MSG_NOSIGNAL);
-        writeBuffer->cursor = sent == -1 ? 0 : static_cast<int>(sent);
+        writeBuffer->cursor += static_cast<int>(std::max<ssize_t>(sent, 0));
+        if (writeBuffer->cursor < writeBuffer->length) {
+            break;
+        }
     }
     SaveUnuseBuffer(writeBuffer);
-    return epollManager->notifyWriteEventReady(fd);
-}
-
-bool UnixIpcManager::isConnected(int fd) {
-    return findGuard(fd) != nullptr;
+    return IpcWriteResult::LEFT;
 }
 
 int UnixIpcManager::writeDataNow(int fd) {

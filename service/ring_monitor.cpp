@@ -165,10 +165,10 @@ void TesuBpfService::replaceRing(RingMonitor& monitor, RingReplacement& replacem
 
 int TesuBpfService::pollRing(RingMonitor& monitor, RingReplacement& replacement) {
     const RingPace pace(monitor.reader->size());
-    std::chrono::nanoseconds rest{0};
+    std::optional<std::chrono::nanoseconds> rest;
     int errors = 0;
     while (running) {
-        int result = rest.count() > 0 ? restFor(rest) : waitForRecords(monitor);
+        int result = rest ? restFor(*rest) : waitForRecords(monitor);
         int error = errno;
         if (result >= 0) {
             const EventManager::Batch batch;
@@ -208,15 +208,18 @@ int TesuBpfService::pollRing(RingMonitor& monitor, RingReplacement& replacement)
 
 // Less when the service stops or a signal comes. Always 0.
 int TesuBpfService::restFor(std::chrono::nanoseconds duration) {
-    pollfd stop = {.fd = stopFd.get(), .events = POLLIN, .revents = 0};
-    const timespec limit = {.tv_sec = 0, .tv_nsec = static_cast<long>(duration.count())};
-    ppoll(&stop, 1, &limit, nullptr);
+    if (duration.count() > 0) {
+        pollfd stop = {.fd = stopFd.get(), .events = POLLIN, .revents = 0};
+        const timespec limit = {.tv_sec = 0, .tv_nsec = static_cast<long>(duration.count())};
+        ppoll(&stop, 1, &limit, nullptr);
+    }
     return 0;
 }
 
 // Until the ring has records or the service stops: negative on failure. libbpf's own wait cannot be
 // woken by stop(), so its descriptor is waited for together with stop()'s.
 int TesuBpfService::waitForRecords(const RingMonitor& monitor) {
+    EventManager::GetInstance()->sendLater();
     pollfd waited[] = {
         {.fd = monitor.reader->epollFd(), .events = POLLIN, .revents = 0},
         {.fd = stopFd.get(), .events = POLLIN, .revents = 0},

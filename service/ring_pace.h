@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <optional>
 
 namespace Tesu::Bpf {
 
@@ -22,10 +23,12 @@ class RingPace {
               std::min(MAX_REST, std::chrono::nanoseconds(ringSize / 2 / BYTES_PER_NANOSECOND))),
           muchBytes(ringSize / 4) {}
 
-    // After a reading of so many bytes; none: the ring is to be waited for instead.
-    std::chrono::nanoseconds restAfter(uint64_t bytes) const {
-        const bool isWorthIt = longest >= LEAST_REST && bytes != 0 && bytes < muchBytes;
-        return isWorthIt ? longest : std::chrono::nanoseconds(0);
+    // After a reading of so many bytes; nothing: the ring is to be waited for instead.
+    std::optional<std::chrono::nanoseconds> restAfter(uint64_t bytes) const {
+        if (bytes == 0 || longest < LEAST_REST) {
+            return std::nullopt;
+        }
+        return bytes < muchBytes ? longest : std::chrono::nanoseconds(0);
     }
 
   private:

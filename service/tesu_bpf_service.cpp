@@ -88,7 +88,7 @@ TesuBpfService::TesuBpfService()
     EventManager::GetInstance()->setClientQueues(
         &clientPackageManagers,
         {.send = [this](int fd) { return ipcManager->writeWhatFits(fd); },
-         .isConnected = [this](int fd) { return ipcManager->isConnected(fd); }});
+         .sendLater = [this](int fd) { return ipcManager->notifyNeedWriteData(fd) != 0; }});
 }
 
 TesuBpfService::~TesuBpfService() {
