@@ -60,16 +60,39 @@ TEST(InterfaceTest, ARequestDuringTheWriteCallbackIsServed) {
     EpollManager manager(10, 32, {}, "EpollTest", -1);
     EpollCallback callbacks;
     callbacks.writeCallback = [&](epoll_event event) {
-        // A producer comes after the callback has looked and before the loop disarms.
-        EXPECT_TRUE(++writes != 1 || manager.notifyWriteEventReady(event.data.fd));
+        // Producers come after the callback has looked and before the loop disarms.
+        const int fd = event.data.fd;
+        EXPECT_TRUE(++writes > 2 ||
+                    (writes == 1 ? manager.notifyWriteEventReady(fd) : manager.joinWriteEvent(fd)));
         return EPOLL_RESULT_NOTHING_LEFT;
     };
     ASSERT_TRUE(manager.addMonitorFd(writable.get(), callbacks));
     ASSERT_TRUE(manager.notifyWriteEventReady(writable.get()));
     manager.start();
-    EXPECT_TRUE(WaitUntil([&] { return writes == 2; }));
+    EXPECT_TRUE(WaitUntil([&] { return writes == 3; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_EQ(writes, 2) << "then write readiness is off";
+    EXPECT_EQ(writes, 3) << "then write readiness is off";
+}
+
+TEST(InterfaceTest, WhatComesDuringTheLoopsLastLookIsSentToo) {
+    std::atomic<int> looks{0};
+    UnixIpcManager* manager = nullptr;
+    IpcHandlerState handlers;
+    handlers.connection = [&](int fd) { manager->notifyNeedWriteData(fd); };
+    handlers.writeable = [&](int fd, BufferState* /*buffer*/) {
+        if (++looks == 1) {
+            const auto send = [&] { EXPECT_EQ(manager->writeWhatFits(fd), IpcWriteResult::DONE); };
+            std::thread(send).join();
+        }
+        return 0;
+    };
+    const std::string name = "/tesubpf-test/look/" + std::to_string(getpid());
+    UnixIpcManager server(true, IPC_BUFFER_SIZE, name, handlers, 10, 32);
+    manager = &server;
+    server.start();
+    WireClient client;
+    ASSERT_TRUE(client.connectTo(name));
+    EXPECT_TRUE(WaitUntil([&] { return looks == 2; }));
 }
 
 TEST(InterfaceTest, AServerTriesAgainWhateverFailsAndDoesNotSpin) {
