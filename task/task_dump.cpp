@@ -7,6 +7,7 @@
 #include <ctime>
 
 #include "records/contract.h"
+#include "task/tesu_bpf_task_manager.h"
 #include "util/dump_file.h"
 #include "util/log.h"
 #include "util/string_util.h"
@@ -60,23 +61,40 @@ const std::string TesuTaskManager::TESUTASK_DUMP_PATH = DUMP_DIR;
 const std::string TesuTaskManager::TESUTASK_DUMP_TEMPLATE =
     TESUTASK_DUMP_PATH + "/" + TASK_DUMP_FILE;
 
+std::vector<DumpRow> OrderByPid(const std::vector<TaskStore::Chunk>& copy) {
+    std::vector<DumpRow> rows;
+    rows.reserve(copy.size() * TaskStore::CHUNK_SLOTS);
+    for (const TaskStore::Chunk& chunk : copy) {
+        for (size_t slot = 0; slot < TaskStore::CHUNK_SLOTS; ++slot) {
+            if ((chunk.used >> slot & 1) != 0) {
+                const TesuTask& task = chunk.tasks[slot];
+                rows.push_back({chunk.pids[slot], TotalSize(task), &task});
+            }
+        }
+    }
+    std::sort(rows.begin(), rows.end(),
+              [](const DumpRow& a, const DumpRow& b) { return a.pid < b.pid; });
+    return rows;
+}
+
 // Merges ever longer runs. Every step is bounded by the ends of its two runs, whatever the
 // comparison answers.
-void SortForDump(std::vector<TesuTask>& tasks) {
-    std::vector<TesuTask> merged(tasks.size());
-    for (size_t run = 1; run < tasks.size(); run *= 2) {
-        for (size_t start = 0; start < tasks.size(); start += 2 * run) {
-            const size_t middle = std::min(start + run, tasks.size());
-            const size_t end = std::min(middle + run, tasks.size());
+void SortForDump(std::vector<DumpRow>& rows) {
+    std::vector<DumpRow> merged(rows.size());
+    for (size_t run = 1; run < rows.size(); run *= 2) {
+        for (size_t start = 0; start < rows.size(); start += 2 * run) {
+            const size_t middle = std::min(start + run, rows.size());
+            const size_t end = std::min(middle + run, rows.size());
             size_t left = start;
             size_t right = middle;
             for (size_t out = start; out < end; ++out) {
                 const bool takeRight =
-                    left == middle || (right != end && CompareTesuTask(tasks[right], tasks[left]));
-                merged[out] = tasks[takeRight ? right++ : left++];
+                    left == middle ||
+                    (right != end && CompareTotals(rows[right].total, rows[left].total));
+                merged[out] = rows[takeRight ? right++ : left++];
             }
         }
-        tasks.swap(merged);
+        rows.swap(merged);
     }
 }
 
@@ -85,35 +103,45 @@ bool IsKernelTask(const TesuTask& task) {
            task.rssShmemSize == 0;
 }
 
-std::string FormatTaskDump(uint32_t tableCount, uint64_t now, const std::vector<TesuTask>& tasks,
+std::string FormatTaskDump(size_t tableCount, uint64_t now, const std::vector<DumpRow>& rows,
                            bool withOldColumns) {
-    std::string text = StringPrintf(TITLE, tableCount, static_cast<unsigned long long>(now));
+    std::string text = StringPrintf(TITLE, static_cast<unsigned>(tableCount),
+                                    static_cast<unsigned long long>(now));
     text += withOldColumns ? FULL_HEADER : NORMAL_HEADER;
-    text.reserve(text.size() + tasks.size() * ROW_LENGTH);
-    for (const TesuTask& task : tasks) {
-        text += withOldColumns ? FullRow(task) : NormalRow(task);
+    text.reserve(text.size() + rows.size() * ROW_LENGTH);
+    for (const DumpRow& row : rows) {
+        text += withOldColumns ? FullRow(*row.task) : NormalRow(*row.task);
     }
     return text;
 }
 
-void TesuTaskManager::dump(KernelTasks kernelTasks, OldColumns oldColumns) {
-    uint32_t count = 0;
-    std::vector<TesuTask> copies;
-    {
+// The room is made before the lock is taken: the kernel gives memory page by page, when it is first
+// touched, and that takes longer than the copy.
+std::vector<TaskStore::Chunk> TesuTaskManager::copyTasks() {
+    std::vector<TaskStore::Chunk> copy;
+    for (size_t needed = 0;;) {
+        copy.resize(needed);
         MutexLock lock(tesuTaskManagerLock);
-        count = GetTesuTaskCount();
-        copies.reserve(count);
-        for (const auto& [pid, task] : tasks) {
-            if (kernelTasks == KernelTasks::INCLUDED || !IsKernelTask(task)) {
-                copies.push_back(task);
-            }
+        needed = tasks.chunkCount();
+        if (needed <= copy.size()) {
+            tasks.copyTo(copy.data());
+            return copy;
         }
     }
-    SortForDump(copies);
+}
+
+void TesuTaskManager::dump(KernelTasks kernelTasks, OldColumns oldColumns) {
+    const std::vector<TaskStore::Chunk> copy = copyTasks();
+    std::vector<DumpRow> rows = OrderByPid(copy);
+    const size_t count = rows.size();
+    if (kernelTasks == KernelTasks::LEFT_OUT) {
+        std::erase_if(rows, [](const DumpRow& row) { return IsKernelTask(*row.task); });
+    }
+    SortForDump(rows);
     const auto now = static_cast<uint64_t>(time(nullptr));
     const bool withOldColumns = oldColumns == OldColumns::PRINTED;
     if (!ReplaceDumpFile(TESUTASK_DUMP_TEMPLATE,
-                         FormatTaskDump(count, now, copies, withOldColumns))) {
+                         FormatTaskDump(count, now, rows, withOldColumns))) {
         TESU_LOGE(TESU_LOG_UTILS, "failed to dump tesu task, error: %s", strerror(errno));
     }
 }

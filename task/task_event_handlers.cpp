@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 #include <optional>
+#include <string_view>
 #include <utility>
 
 #include "records/notification.h"
@@ -45,8 +46,11 @@ bool IsOldEnough(const TesuTask& task, int64_t time) {
                                 static_cast<uint64_t>(task.createEventTime)) >= REPORT_AGE;
 }
 
-bool BeginsWith(const TesuTask& task, const char* prefix) {
-    return std::strncmp(task.comm, prefix, std::strlen(prefix)) == 0;
+// `prefix` is a literal.
+template <size_t N>
+bool BeginsWith(const TesuTask& task, const char (&prefix)[N]) {
+    static_assert(N - 1 <= TESU_COMM_LEN);
+    return std::memcmp(task.comm, prefix, N - 1) == 0;
 }
 
 std::optional<ThreadCountNotification> TakeThreadReport(TesuTask* task, int64_t time) {
@@ -64,16 +68,19 @@ std::optional<ThreadCountNotification> TakeThreadReport(TesuTask* task, int64_t 
     return report;
 }
 
+// By how much, cut to the report step: four of them cannot exceed the type.
+uint64_t Moved(int64_t size, int64_t old) {
+    const auto up = static_cast<uint64_t>(size) - static_cast<uint64_t>(old);
+    return std::min(size > old ? up : -up, MEMORY_REPORT_STEP);
+}
+
 // Whether the sizes moved by at least the report step since the last report, all together.
 bool HasMemoryMoved(const TesuTask& task) {
-    uint64_t moved = 0;
-    for (int32_t member = 0; member < RSS_MEMBER_COUNT; ++member) {
-        const auto difference =
-            static_cast<uint64_t>(SubAbs(task.*RSS_SIZES[member], task.*RSS_OLD_SIZES[member]));
-        // Cut to the step, the four cannot exceed the type.
-        moved += std::min(difference, MEMORY_REPORT_STEP);
-    }
-    return moved >= MEMORY_REPORT_STEP;
+    return Moved(task.rssFileSize, task.rssFileOldSize) +
+               Moved(task.rssAnonSize, task.rssAnonOldSize) +
+               Moved(task.rssSwapSize, task.rssSwapOldSize) +
+               Moved(task.rssShmemSize, task.rssShmemOldSize) >=
+           MEMORY_REPORT_STEP;
 }
 
 bool IsMemoryReported(const TesuTask& task) {
@@ -82,28 +89,29 @@ bool IsMemoryReported(const TesuTask& task) {
            !BeginsWith(task, "sh");
 }
 
-std::optional<MemoryNotification> TakeMemoryReport(TesuTask* task, int64_t time) {
+// Whether there is one; else `report` is left as it is.
+bool TakeMemoryReport(TesuTask* task, int64_t time, MemoryNotification* report) {
     if (!IsMemoryReported(*task) || !IsOldEnough(*task, time) || !HasMemoryMoved(*task)) {
-        return std::nullopt;
+        return false;
     }
-    MemoryNotification report{.type = NOTIFICATION_MEMORY,
-                              .pid = task->pid,
-                              .ppid = task->ppid,
-                              .uid = task->uid,
-                              .comm = {},
-                              .rssFileSize = task->rssFileSize,
-                              .rssAnonSize = task->rssAnonSize,
-                              .rssSwapSize = task->rssSwapSize,
-                              .rssShmemSize = task->rssShmemSize,
-                              .rssFileOldSize = task->rssFileOldSize,
-                              .rssAnonOldSize = task->rssAnonOldSize,
-                              .rssSwapOldSize = task->rssSwapOldSize,
-                              .rssShmemOldSize = task->rssShmemOldSize};
-    CopyComm(report.comm, task->comm);
+    *report = {.type = NOTIFICATION_MEMORY,
+               .pid = task->pid,
+               .ppid = task->ppid,
+               .uid = task->uid,
+               .comm = {},
+               .rssFileSize = task->rssFileSize,
+               .rssAnonSize = task->rssAnonSize,
+               .rssSwapSize = task->rssSwapSize,
+               .rssShmemSize = task->rssShmemSize,
+               .rssFileOldSize = task->rssFileOldSize,
+               .rssAnonOldSize = task->rssAnonOldSize,
+               .rssSwapOldSize = task->rssSwapOldSize,
+               .rssShmemOldSize = task->rssShmemOldSize};
+    CopyComm(report->comm, task->comm);
     for (int32_t member = 0; member < RSS_MEMBER_COUNT; ++member) {
         task->*RSS_OLD_SIZES[member] = task->*RSS_SIZES[member];
     }
-    return report;
+    return true;
 }
 
 }  // namespace
@@ -218,23 +226,31 @@ void TaskEventHandlers::onRssStat(const RawRssStatEvent& event) {
     if (event.size < 0 || event.member < 0 || event.member >= RSS_MEMBER_COUNT) {
         return;
     }
-    std::optional<MemoryNotification> report;
+    // Not an optional, which would be cleared for each record.
+    MemoryNotification report;
+    bool isReported = false;
     {
         MutexLock lock(TesuTaskManager::tesuTaskManagerLock);
         TesuTask* task = table->GetTesuTask(event.pid);
         if (task == nullptr) {
             return;
         }
-        if (refreshNames->count({task->comm, strnlen(task->comm, TESU_COMM_LEN)}) != 0) {
+        if (isRefreshed(*task)) {
             refreshIfDue(task);
         }
         task->mmId = MM_ID;
         task->*RSS_SIZES[event.member] = event.size;
-        report = TakeMemoryReport(task, event.header.time);
+        isReported = TakeMemoryReport(task, event.header.time, &report);
     }
-    if (report) {
-        emit(&*report, sizeof(*report));
+    if (isReported) {
+        emit(&report, sizeof(report));
     }
+}
+
+// The names are two: to compare each, lengths first, costs less than to follow their order.
+bool TaskEventHandlers::isRefreshed(const TesuTask& task) const {
+    const std::string_view name(task.comm, strnlen(task.comm, TESU_COMM_LEN));
+    return std::find(refreshNames->begin(), refreshNames->end(), name) != refreshNames->end();
 }
 
 // Reads name and parent again; at most once per interval, whether or not that succeeds.

@@ -36,6 +36,7 @@ class TaskEventHandlers {
   private:
     void countThread(int32_t pid, int64_t time, int32_t step);
     void addProcess(const RawTaskCreateEvent& event);
+    bool isRefreshed(const TesuTask& task) const;
     void refreshIfDue(TesuTask* task) REQUIRES(TesuTaskManager::tesuTaskManagerLock);
 
     TesuTaskManager* const table;

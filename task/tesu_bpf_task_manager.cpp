@@ -11,12 +11,6 @@ namespace Tesu::Bpf {
 
 namespace {
 
-// Wraps, so that no input is undefined.
-uint64_t TotalSize(const TesuTask& task) {
-    return static_cast<uint64_t>(task.rssFileSize) + static_cast<uint64_t>(task.rssAnonSize) +
-           static_cast<uint64_t>(task.rssSwapSize) + static_cast<uint64_t>(task.rssShmemSize);
-}
-
 // Null when the key is absent.
 template <class Map>
 typename Map::mapped_type* Find(Map& map, typename Map::key_type key) {
@@ -24,10 +18,8 @@ typename Map::mapped_type* Find(Map& map, typename Map::key_type key) {
     return found == map.end() ? nullptr : &found->second;
 }
 
-// Whether there was something to erase; errno says so too.
-template <class Map>
-bool Erase(Map& map, typename Map::key_type key) {
-    const bool erased = map.erase(key) != 0;
+// Sets errno as the deleters do; `erased` itself.
+bool NoteErased(bool erased) {
     errno = erased ? 0 : ENOENT;
     return erased;
 }
@@ -39,7 +31,7 @@ Mutex TesuTaskManager::creationLock;
 std::atomic<TesuTaskManager*> TesuTaskManager::instance{nullptr};
 
 bool CompareTesuTask(const TesuTask& a, const TesuTask& b) {
-    return static_cast<int64_t>(TotalSize(a) - TotalSize(b)) > 0;
+    return CompareTotals(TotalSize(a), TotalSize(b));
 }
 
 TesuTaskManager* TesuTaskManager::GetInstance() {
@@ -47,16 +39,16 @@ TesuTaskManager* TesuTaskManager::GetInstance() {
 }
 
 int32_t TesuTaskManager::AddTesuTask(int32_t pid, TesuTask task) {
-    tasks.insert_or_assign(pid, task);
+    tasks.put(pid, task);
     return 0;
 }
 
 TesuTask* TesuTaskManager::GetTesuTask(int32_t pid) {
-    return Find(tasks, pid);
+    return tasks.find(pid);
 }
 
 int32_t TesuTaskManager::DelTesuTask(int32_t pid) {
-    return Erase(tasks, pid) ? 0 : -1;
+    return NoteErased(tasks.erase(pid)) ? 0 : -1;
 }
 
 uint32_t TesuTaskManager::GetTesuTaskCount() const {
@@ -74,7 +66,7 @@ TesuTask* TesuTaskManager::GetTesuTaskByMmid(uint32_t mmid) {
 }
 
 int32_t TesuTaskManager::DelMmidIndex(uint32_t mmid) {
-    return Erase(mmidIndex, mmid) ? 0 : -1;
+    return NoteErased(mmidIndex.erase(mmid) != 0) ? 0 : -1;
 }
 
 int32_t TesuTaskManager::AddRssTempTask(uint32_t mmid, TesuTask task) {
@@ -88,7 +80,7 @@ TesuTask* TesuTaskManager::GetRssTempTask(uint32_t mmid) {
 
 // Unlike its siblings it reports a miss through errno alone.
 int32_t TesuTaskManager::DelRssTempTask(uint32_t mmid) {
-    Erase(rssTempTasks, mmid);
+    NoteErased(rssTempTasks.erase(mmid) != 0);
     return 0;
 }
 

@@ -4,45 +4,17 @@
 #pragma once
 
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
-#include "records/raw_event.h"
+#include "task/task_store.h"
+#include "task/tesu_task.h"
 #include "util/export.h"
 #include "util/mutex.h"
 
 namespace Tesu::Bpf {
-
-// One process. Sizes are bytes; an "old" figure is the one last reported to clients.
-struct TesuTask {
-    int32_t pid = 0;
-    int32_t ppid = 0;
-    int32_t uid = 0;
-    int32_t threadNum = 0;
-    int32_t oldThreadNum = 0;
-    char comm[TESU_COMM_LEN] = {};  // a name of 16 characters carries no NUL
-    uint32_t mmId = 0;
-    // Resident memory, in the order of the kernel's rss members 0 to 3.
-    int64_t rssFileSize = 0;
-    int64_t rssAnonSize = 0;
-    int64_t rssSwapSize = 0;
-    int64_t rssShmemSize = 0;
-    int64_t rssFileOldSize = 0;
-    int64_t rssAnonOldSize = 0;
-    int64_t rssSwapOldSize = 0;
-    int64_t rssShmemOldSize = 0;
-    int64_t initTimeStamp = 0;    // seconds since the epoch at which the process began
-    int64_t lastRefreshTime = 0;  // seconds; when name and parent were last read again, 0: never
-    int64_t createEventTime = 0;  // nanoseconds; time of the record that made this one
-};
-static_assert(offsetof(TesuTask, rssShmemSize) - offsetof(TesuTask, rssFileSize) == 24,
-              "the four sizes lie in a row");
-
-// Largest total of the four sizes first; totals and their difference wrap. Not a strict weak
-// ordering where differences wrap: see SortForDump in task/task_dump.h.
-TESU_API bool CompareTesuTask(const TesuTask& a, const TesuTask& b);
 
 // Made on first use, from any thread; never destroyed.
 //
@@ -96,12 +68,14 @@ class TESU_API TesuTaskManager {
     enum class KernelTasks { INCLUDED, LEFT_OUT };
     enum class OldColumns { PRINTED, LEFT_OUT };
     void dump(KernelTasks kernelTasks, OldColumns oldColumns);
+    // The records of one moment.
+    std::vector<TaskStore::Chunk> copyTasks() EXCLUDES(tesuTaskManagerLock);
 
     // Not the table's, which the first caller may hold.
     static Mutex creationLock;
     static std::atomic<TesuTaskManager*> instance;
 
-    std::map<int32_t, TesuTask> tasks GUARDED_BY(tesuTaskManagerLock);
+    TaskStore tasks GUARDED_BY(tesuTaskManagerLock);
     std::map<uint32_t, TesuTask*> mmidIndex GUARDED_BY(tesuTaskManagerLock);
     std::map<uint32_t, TesuTask> rssTempTasks GUARDED_BY(tesuTaskManagerLock);
 };
