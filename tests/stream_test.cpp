@@ -144,13 +144,14 @@ TEST_F(StreamTest, SixPollErrorsInARowEndTheMonitorFiveDoNot) {
 
 TEST_F(StreamTest, StopEndsAStreamThatNeverRunsEmpty) {
     ASSERT_NO_FATAL_FAILURE(startService());
-    const std::jthread producer([](const std::stop_token& stop) {
+    const auto produce = [](const std::stop_token& stop) {
         RecordInjector injector(RING_CORE);
         const auto record = Numbered(1);
         while (!stop.stop_requested()) {
             injector.inject(&record, sizeof(record), 1000);
         }
-    });
+    };
+    const std::jthread producers[] = {std::jthread(produce), std::jthread(produce)};
     ASSERT_NO_FATAL_FAILURE(subscribe({RAW_EVENT_FD_UPDATE}));
     EXPECT_TRUE(NextNumbered(client).has_value());
     service->stop();
