@@ -74,7 +74,7 @@ int tracepoint_kmem_rss_stat(void* ctx) {
         RecordForeignMm(mm, member, size);
     } else if (!IsKernelThread(task)) {
         EmitNewMm(task.pid, mm, member);
-        WriteRssStat(task.pid, member, size);
+        ReportSize(task.pid, mm, member, size);
     }
     return 0;
 }

@@ -57,6 +57,10 @@ struct TesuKernelLayout {
     uint32_t argument0;
     uint32_t argument1;
     uint32_t registerSize; /* 4 or 8 */
+
+    /* No fact, but what was asked for: a kind of a process's memory is reported when it has moved
+     * by so many bytes. 0: at every change. */
+    uint32_t rssStep;
 };
 
 #ifdef __cplusplus

@@ -13,6 +13,13 @@
  * Ids of mms are used again when the last process that had one is gone. No entry survives that:
  * freeing an mm brings its sizes down to 0, the recorded ones too, and its owner's first update
  * removes them.
+ *
+ * With a step (kernelLayout.rssStep), updates are held back until a size has moved by that much
+ * since it was last reported; then all that is held back of the process is reported. What is known
+ * of an mm that is new to a process is held back too, and its first update, which nothing was
+ * reported before, brings it along. So what was reported last is less than a step away from the
+ * size, but where threads change one size at the same moment: then it may be until that moves by
+ * the step again.
  */
 #ifndef TESUBPF_BPF_TASK_MEMORY_H
 #define TESUBPF_BPF_TASK_MEMORY_H
@@ -43,15 +50,37 @@ struct {
     __type(value, struct MmSizes);
 } foreign_mm_sizes SEC(".maps");
 
-static __always_inline void WriteRssStat(uint32_t pid, int32_t member, int64_t size) {
+/* By member. Both UNREPORTED: there was no update of it in this mm. */
+struct HeldSizes {
+    struct HeldSize {
+        int64_t latest;
+        int64_t reported;
+    } members[RSS_MEMBER_COUNT];
+};
+
+/* Further from every size than any step. */
+#define UNREPORTED (-(INT64_C(1) << 62))
+
+/* Made anew whenever process_mm's entry is. A process whose entry made room for another's has every
+ * update reported until it has a new mm. The loader leaves one entry where there is no step. */
+struct {
+    __uint(type, BPF_MAP_TYPE_LRU_HASH);
+    __uint(max_entries, PROCESS_MMS);
+    __type(key, uint32_t); /* process id */
+    __type(value, struct HeldSizes);
+} held_sizes SEC(".maps");
+
+/* Whether the record was written. */
+static __always_inline int WriteRssStat(uint32_t pid, int32_t member, int64_t size) {
     struct RawRssStatEvent* record = ReserveRecord(sizeof(*record), RAW_EVENT_RSS_STAT);
     if (record == NULL) {
-        return;
+        return 0;
     }
     record->pid = pid;
     record->member = member;
     record->size = size;
     bpf_ringbuf_submit(record, 0);
+    return 1;
 }
 
 /* The id of the mm that a record of rss_stat is about; 0: not known. */
@@ -83,23 +112,41 @@ static __always_inline void RecordForeignMm(uint32_t mm, uint32_t member, int64_
     }
 }
 
-/* Before a process's own update of `member`: if the mm is new to it, emits the other sizes. Of a
- * new process those that were not recorded are 0. */
+/* Of an mm that is new to the process: the sizes that were recorded, and after an exec those that
+ * were not, which are 0. */
+static __always_inline void HoldNewMm(uint32_t pid, const struct MmSizes* sizes, int isExec) {
+    struct HeldSizes held;
+#pragma unroll
+    for (uint32_t member = 0; member < RSS_MEMBER_COUNT; ++member) {
+        const int64_t size = sizes->bytes[member];
+        held.members[member].latest = isExec || size != 0 ? size : UNREPORTED;
+        held.members[member].reported = UNREPORTED;
+    }
+    bpf_map_update_elem(&held_sizes, &pid, &held, BPF_ANY);
+}
+
+/* Before a process's own update of `member`: if the mm is new to it, emits the other sizes, or
+ * with a step leaves them to that update. Of a new process those that were not recorded are 0. */
 static __always_inline void EmitNewMm(uint32_t pid, uint32_t mm, uint32_t member) {
     if (mm == 0) {
         return;
     }
-    const uint32_t* former = bpf_map_lookup_elem(&process_mm, &pid);
-    if (former != NULL && *former == mm) {
+    const uint32_t* found = bpf_map_lookup_elem(&process_mm, &pid);
+    const uint32_t former = found != NULL ? *found : 0;
+    if (former == mm) {
         return;
     }
-    const int isExec = former != NULL;
+    const int isExec = former != 0;
     bpf_map_update_elem(&process_mm, &pid, &mm, BPF_ANY);
     struct MmSizes sizes = {};
     const struct MmSizes* recorded = bpf_map_lookup_elem(&foreign_mm_sizes, &mm);
     if (recorded != NULL) {
         sizes = *recorded;
         bpf_map_delete_elem(&foreign_mm_sizes, &mm);
+    }
+    if (kernelLayout.rssStep != 0) {
+        HoldNewMm(pid, &sizes, isExec);
+        return;
     }
 #pragma unroll
     for (uint32_t other = 0; other < RSS_MEMBER_COUNT; ++other) {
@@ -109,8 +156,39 @@ static __always_inline void EmitNewMm(uint32_t pid, uint32_t mm, uint32_t member
     }
 }
 
+/* A process's own update. Several threads may be here for one process. A record that is lost is not
+ * taken for reported. */
+static __always_inline void ReportSize(uint32_t pid, uint32_t mm, uint32_t member, int64_t size) {
+    struct HeldSizes* held = NULL;
+    if (kernelLayout.rssStep != 0 && mm != 0 && member < RSS_MEMBER_COUNT) {
+        held = bpf_map_lookup_elem(&held_sizes, &pid);
+    }
+    if (held == NULL) {
+        WriteRssStat(pid, member, size);
+        return;
+    }
+    const int64_t step = kernelLayout.rssStep;
+    volatile struct HeldSize* own = &held->members[BoundedMember(member)];
+    const int64_t moved = size - own->reported;
+    own->latest = size;
+    if (moved < step && moved > -step) {
+        return;
+    }
+#pragma unroll
+    for (uint32_t each = 0; each < RSS_MEMBER_COUNT; ++each) {
+        volatile struct HeldSize* other = &held->members[each];
+        const int64_t latest = other->latest;
+        if (latest != other->reported && WriteRssStat(pid, each, latest)) {
+            other->reported = latest;
+        }
+    }
+}
+
 static __always_inline void ForgetMm(uint32_t pid) {
     bpf_map_delete_elem(&process_mm, &pid);
+    if (kernelLayout.rssStep != 0) {
+        bpf_map_delete_elem(&held_sizes, &pid);
+    }
 }
 
 #endif

@@ -158,6 +158,7 @@ TesuKernelLayout UnknownLayout() {
     layout.rssSizeBytes = sizeof(uint64_t);
     layout.cgroupIdBytes = sizeof(uint64_t);
     layout.registerSize = sizeof(uint64_t);
+    layout.rssStep = 0;
     return layout;
 }
 

@@ -42,6 +42,8 @@ Result<BpfObject> Prepare(const ObjectImage& image, const TesuKernelLayout& layo
             bpf_map__set_max_entries(map, RING_LOST_RECORDS + cpus);
         } else if (name == "ringbuf_map" && ringBytes) {
             bpf_map__set_max_entries(map, *ringBytes);
+        } else if (name == "held_sizes" && layout.rssStep == 0) {
+            bpf_map__set_max_entries(map, 1);  // not used
         }
     }
     return object;

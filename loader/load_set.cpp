@@ -70,6 +70,34 @@ uint32_t PinnedRingBytes(const std::string& path) {
     return bpf_obj_get_info_by_fd(ring.get(), &info, &size) == 0 ? info.max_entries : 0;
 }
 
+// The constants of the pinned programs; 0 where they are of a loader that knew no step.
+uint32_t PinnedRssStep(const std::string& pinDir) {
+    const unique_fd program(
+        bpf_obj_get((pinDir + "/prog_" TESU_CORE_OBJECT "_tracepoint_kmem_rss_stat").c_str()));
+    uint32_t maps[64] = {};
+    bpf_prog_info info = {};
+    info.nr_map_ids = std::size(maps);
+    info.map_ids = reinterpret_cast<uintptr_t>(maps);
+    uint32_t size = sizeof(info);
+    if (bpf_obj_get_info_by_fd(program.get(), &info, &size) != 0) {
+        return 0;
+    }
+    for (size_t i = 0; i < info.nr_map_ids && i < std::size(maps); ++i) {
+        const unique_fd map(bpf_map_get_fd_by_id(maps[i]));
+        bpf_map_info mapInfo = {};
+        size = sizeof(mapInfo);
+        const uint32_t key = 0;
+        TesuKernelLayout layout = {};
+        if (bpf_obj_get_info_by_fd(map.get(), &mapInfo, &size) == 0 &&
+            mapInfo.name == std::string(TESU_LAYOUT_SECTION) &&
+            mapInfo.value_size == sizeof(layout) &&
+            bpf_map_lookup_elem(map.get(), &key, &layout) == 0) {
+            return layout.rssStep;
+        }
+    }
+    return 0;
+}
+
 // What the pin folder lacks.
 Result<std::vector<std::string>> FindMissing(const std::string& pinDir) {
     std::vector<std::string> missing;
@@ -92,6 +120,11 @@ void ReportAlreadyLoaded(const LoadOptions& options, std::ostream& out) {
             out << name << ": its ring buffer has " << bytes << " bytes, not " << *options.ringBytes
                 << "; unload to change it\n";
         }
+    }
+    const uint32_t step = PinnedRssStep(options.pinDir);
+    if (options.rssStep && step != *options.rssStep) {
+        out << TESU_CORE_OBJECT << ": its step of memory is " << step << " bytes, not "
+            << *options.rssStep << "; unload to change it\n";
     }
 }
 
@@ -143,7 +176,8 @@ LoaderStatus LoadAnew(const LoadOptions& options, std::ostream& out, std::ostrea
     if (const auto removed = RemoveSet(options.pinDir); !removed) {
         return Fail(err, "cannot clear away what is there: " + removed.error());
     }
-    const KernelLayout layout = options.findLayout();
+    KernelLayout layout = options.findLayout();
+    layout.values.rssStep = options.rssStep.value_or(0);
     if (!layout.memberProblem.empty()) {
         err << "tesubpfload: kernel structures unknown: " << layout.memberProblem << "\n";
     } else {

@@ -30,6 +30,7 @@ enum LoaderStatus {
 struct LoadOptions {
     std::string pinDir = PIN_DIR;
     std::optional<uint32_t> ringBytes;  // of both ring buffers; else each object's own
+    std::optional<uint32_t> rssStep;    // TesuKernelLayout::rssStep; else 0
     bool verbose = false;               // libbpf's log on the standard error
     std::function<KernelLayout()> findLayout = [] { return FindKernelLayout(); };
 };

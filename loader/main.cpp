@@ -36,6 +36,13 @@ int Run(int argc, char** argv) {
             ->type_name("BYTES")
             ->transform(CLI::AsSizeValue(false))
             ->excludes(unloadFlag);
+    app.add_option("--rss-step", options.rssStep,
+                   "Report a kind of a process's memory when it has moved by so much (64K for "
+                   "example) since its last report, and with it what the other kinds moved. "
+                   "Default: 0, at every change")
+        ->type_name("BYTES")
+        ->transform(CLI::AsSizeValue(false))
+        ->excludes(unloadFlag);
     app.add_option("--pin-dir", options.pinDir, "Where to pin, in a mounted bpf file system")
         ->type_name("DIR")
         ->capture_default_str();

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "loader/kernel_layout.h"
+#include "proc/process_snapshot.h"
 #include "records/contract.h"
 #include "tests/support/kernel.h"
 #include "tests/support/records.h"
@@ -79,8 +80,6 @@ struct Life {
 class EventsTest : public KernelServiceTest {
   protected:
     void start(const std::string& kernelVersion = "6.18") {
-        // Much can happen on a busy machine before a service looks again.
-        constexpr uint32_t RING_BYTES = 32 << 20;
         ASSERT_NO_FATAL_FAILURE(startService(RING_BYTES, kernelVersion));
         subscribe({RAW_EVENT_RSS_STAT, RAW_EVENT_TASK_CREATE, RAW_EVENT_TASK_EXIT,
                    RAW_EVENT_DMABUF_SIZE});
@@ -108,6 +107,8 @@ class EventsTest : public KernelServiceTest {
         return lives[pid];
     }
 
+    // Much can happen on a busy machine before a service looks again.
+    static constexpr uint32_t RING_BYTES = 32 << 20;
     std::map<pid_t, Life> lives;
 
   private:
@@ -209,6 +210,38 @@ TEST_F(EventsTest, MemoryIsThatOfTheProcessOverForkAndExec) {
     EXPECT_LT(anonymous.back(), MARGIN);
     EXPECT_NEAR(*std::max_element(shared.begin(), shared.end()), BYTES, MARGIN);
     EXPECT_EQ(shared.back(), 0);
+}
+
+// What a step holds back comes with the process's next report; what a former memory was reported to
+// be is no measure of a new one.
+TEST_F(EventsTest, MemoryIsWithinTheStepOverForkAndExec) {
+    constexpr int64_t HALF = int64_t{2} << 20;
+    constexpr int64_t STEP = 2 * HALF;
+    constexpr int64_t BYTES = 4 * STEP;
+    constexpr int64_t MARGIN = HALF / 2;
+    ASSERT_NO_FATAL_FAILURE(load(RING_BYTES, STEP));
+    ASSERT_NO_FATAL_FAILURE(start());
+    Touch(BYTES, MAP_PRIVATE);
+    const pid_t pid = Fork([] {
+        Touch(BYTES + HALF, MAP_SHARED);
+        Touch(BYTES, MAP_PRIVATE);
+        raise(SIGSTOP);
+        execl("/bin/true", "true", nullptr);
+    });
+    ASSERT_EQ(waitpid(pid, nullptr, WUNTRACED), pid);
+    const auto process = ProcReader().read(pid);
+    ASSERT_NO_FATAL_FAILURE(read());
+    kill(pid, SIGCONT);
+    const auto memory = lives[pid].memory;
+    for (size_t kind = 0; kind < memory.size(); ++kind) {
+        const int64_t last = memory[kind].empty() ? 0 : memory[kind].back();
+        EXPECT_NEAR(last, process->memory[kind], STEP + MARGIN) << kind;
+        EXPECT_LT(memory[kind].size(), 30U) << kind;
+    }
+    EXPECT_NEAR(memory[3].back(), BYTES + HALF, MARGIN);
+    Reap(pid);
+    ASSERT_NO_FATAL_FAILURE(read());
+    EXPECT_EQ(lives[pid].memory[3].back(), 0);
 }
 
 TEST_F(EventsTest, NothingIsReportedUntilTheCoreClassIsOn) {

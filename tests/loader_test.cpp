@@ -50,6 +50,7 @@ TEST_F(LoaderTest, PinsOnceLoadsAnIncompleteSetAnewAndUnloads) {
     SetRingFlags(RING_CORE, FLAG_CORE_ENABLED);
     LoadOptions small;
     small.ringBytes = 65536;
+    small.rssStep = 32768;
     small.pinDir = "/sys/fs/bpf//tesu/";
     EXPECT_THAT(load(small),
                 AllOf(HasSubstr("already loaded"), HasSubstr("has 4194304 bytes, not 65536")));
@@ -62,6 +63,8 @@ TEST_F(LoaderTest, PinsOnceLoadsAnIncompleteSetAnewAndUnloads) {
     EXPECT_EQ(ReadRingStatus(RING_CORE, RING_STATUS_FLAGS), 0U);
     EXPECT_TRUE(std::filesystem::exists(PINS + RSS_STAT_PIN));
     EXPECT_FALSE(std::filesystem::exists(STAGING));
+    small.rssStep = 0;
+    EXPECT_THAT(load(small), HasSubstr("is 32768 bytes, not 0"));
 
     // A file of others is kept.
     ASSERT_EQ(mkdir((PINS + "/foreign").c_str(), 0755), 0);

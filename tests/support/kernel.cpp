@@ -35,9 +35,10 @@ unique_fd AttachToFunction(const std::string& program, const void* function) {
                                        0));
 }
 
-void KernelServiceTest::load(std::optional<uint32_t> ringBytes) {
+void KernelServiceTest::load(std::optional<uint32_t> ringBytes, std::optional<uint32_t> rssStep) {
     LoadOptions options;
     options.ringBytes = ringBytes;
+    options.rssStep = rssStep;
     std::ostringstream out;
     std::ostringstream err;
     ASSERT_EQ(UnloadSet(options.pinDir, out, err), LOADER_DONE);

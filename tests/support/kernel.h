@@ -28,7 +28,7 @@ android::base::unique_fd AttachToFunction(const std::string& program, const void
 class KernelServiceTest : public ServiceIn<KernelTest> {
   protected:
     // Loads and pins the programs anew, all of them.
-    static void load(std::optional<uint32_t> ringBytes = {});
+    static void load(std::optional<uint32_t> ringBytes = {}, std::optional<uint32_t> rssStep = {});
     // Loads, starts the service and waits until every class of events is on. `kernelVersion` "6.1"
     // has the GPL ring drained too.
     void startService(std::optional<uint32_t> ringBytes = {},
