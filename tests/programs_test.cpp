@@ -63,7 +63,7 @@ TEST_F(ProgramsTest, CarryAProcessFromTheKernelToTheUser) {
     const bool is61 = std::string(system.release).starts_with("6.1.");
 
     // A ring of many seconds: a busy machine has many records, and few moments for the daemon.
-    EXPECT_THAT(OutputOf({TESUBPFLOAD_PATH, "--ring-size", std::to_string(64 << 20)}),
+    EXPECT_THAT(OutputOf({TESUBPFLOAD_PATH, "--ring-size", std::to_string(32 << 20)}),
                 Not(HasSubstr("left out")));
     ChildProcess daemon(
         {TESUBPFD_PATH, "--property", is61 ? "test.none=1" : "ro.kernel.version=6.1"});
