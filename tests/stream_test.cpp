@@ -104,7 +104,7 @@ TEST_F(StreamTest, ProducedIsReceivedAndLostOnBothRings) {
 
 // Then nobody reads, and real records find the ring full.
 TEST_F(StreamTest, SixPollErrorsInARowEndTheMonitorFiveDoNot) {
-    constexpr uint32_t RING_BYTES = 16 * 1024;
+    constexpr uint32_t RING_BYTES = 128 * 1024;
     ASSERT_NO_FATAL_FAILURE(startService(RING_BYTES));
     ASSERT_NO_FATAL_FAILURE(subscribe({RAW_EVENT_FD_UPDATE}));
     RecordInjector injector(RING_CORE);
@@ -118,12 +118,15 @@ TEST_F(StreamTest, SixPollErrorsInARowEndTheMonitorFiveDoNot) {
             count -= injector.inject(&record, sizeof(record)).sent;
         }
     };
-    insert(bad, 5);
-    // More than the client has room for before it reads, and nothing after them.
-    insert(good, 5000);
-    for (int i = 0; i < 5000; ++i) {
+    // More than a client has room for that does not read yet, and nothing after it.
+    const uint64_t sent = injector.inject(&good, sizeof(good), 2500).sent;
+    std::this_thread::sleep_for(milliseconds(100));
+    for (uint64_t i = 0; i < sent; ++i) {
         ASSERT_TRUE(NextNumbered(client).has_value());
     }
+    insert(bad, 5);
+    insert(good, 1);
+    ASSERT_TRUE(NextNumbered(client).has_value());
     // Not into the poll that still has the good record in hand.
     std::this_thread::sleep_for(milliseconds(200));
     insert(bad, 6);
