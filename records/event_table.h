@@ -2,8 +2,8 @@
 //
 // What there is to know of each event that a client receives, the kernel's records and the
 // service's notifications alike: one row for each type. Whoever decodes or names events goes by
-// this table; a new type is a struct in raw_event.h or notification.h, an alternative of Event and
-// a row, and in the client what is printed of it.
+// this table; a new type is a struct in raw_event.h or notification.h, its fields in
+// event_fields.h, an alternative of Event and a row, and in the client what is printed of it.
 //
 // Pure; any thread.
 #pragma once

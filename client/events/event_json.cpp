@@ -37,6 +37,8 @@ Object Describe(const Record& record, const EventType& type, int64_t receivedTim
     } else {
         object["received_ns"] = receivedTime;
     }
+    static_assert(std::tuple_size_v<std::remove_const_t<decltype(EVENT_FIELDS<Record>)>> > 0,
+                  "a type without fields has no row in event_fields.h");
     std::apply([&](const auto&... field) { (AddField(field, record, &object), ...); },
                EVENT_FIELDS<Record>);
     return object;

@@ -74,8 +74,10 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments, bool onTer
 }
 
 ChildProcess::~ChildProcess() {
-    sendSignal(SIGKILL);
-    waitpid(child, nullptr, 0);
+    if (child > 0 && !status) {  // else the number may be another child's by now
+        sendSignal(SIGKILL);
+        waitpid(child, nullptr, 0);
+    }
 }
 
 void ChildProcess::sendSignal(int signal) const {
