@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "events/event_manager.h"
 #include "records/raw_event.h"
+#include "service/record_batch.h"
 #include "service/tesu_bpf_service.h"
 
 namespace Tesu::Bpf {
@@ -38,7 +38,7 @@ void BM_Dispatch(benchmark::State& state) {
     std::vector<char> storage(IPC_BUFFER_SIZE);
     RawFdUpdateEvent record = Record();
     unsigned sinceDrained = 0;
-    const EventManager::Batch batch;
+    const RecordBatch batch;
     for (auto _ : state) {
         TesuBpfService::handleBpfRingBuffEvent(nullptr, &record, sizeof(record));
         if (++sinceDrained == 400) {

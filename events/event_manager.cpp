@@ -2,25 +2,26 @@
 #include "events/event_manager.h"
 
 #include <algorithm>
-#include <cstdint>
 #include <cstring>
+#include <iterator>
+#include <new>
 #include <utility>
 
+#include "events/staged_events.h"
+#include "ipc/peer_credentials.h"
+#include "util/log.h"
 #include "util/singleton.h"
 
 namespace Tesu::Bpf {
 
 namespace {
 
-// A thread that never comes to the end of its batch sends after so many records: some 20 KiB, which
-// fit a connection's write buffer.
-constexpr unsigned RECORDS_PER_SEND = 512;
 // A client that had no room so often is left to the transport, which waits for it.
 constexpr unsigned MAX_TRIES = 8;
 
-// Of this thread's batch: whether there is one, and what was queued since it was sent last.
+// Of this thread.
 thread_local bool isBatchOpen = false;
-thread_local unsigned batchedRecords = 0;
+thread_local StagedEvents stagedEvents;
 
 }  // namespace
 
@@ -37,8 +38,7 @@ EventManager::Batch::Batch() {
 
 EventManager::Batch::~Batch() {
     isBatchOpen = false;
-    batchedRecords = 0;
-    GetInstance()->sendDue();
+    GetInstance()->flush(stagedEvents);
 }
 
 void EventManager::setClientQueues(ClientQueues* queues, EventTransport newTransport) {
@@ -51,6 +51,11 @@ void EventManager::setClientQueues(ClientQueues* queues, EventTransport newTrans
     }
 }
 
+void EventManager::setLimits(EventLimits newLimits) {
+    MutexLock lock(tesuRawEventManagerLock);
+    limits = newLimits;
+}
+
 IpcPackageManager* EventManager::findQueue(int fd) {
     if (clientPackageManagers == nullptr) {
         return nullptr;
@@ -60,16 +65,17 @@ IpcPackageManager* EventManager::findQueue(int fd) {
 }
 
 bool EventManager::addClient(int fd) {
+    ClientQueues::node_type rest;  // goes without the lock
     MutexLock lock(tesuRawEventManagerLock);
-    const bool fresh = clientPackageManagers->find(fd) == clientPackageManagers->end();
-    eraseClient(fd);
+    rest = extractClient(fd);
     clientPackageManagers->try_emplace(fd);
-    return fresh;
+    return rest.empty();
 }
 
 void EventManager::removeClient(int fd) {
+    ClientQueues::node_type rest;  // goes without the lock
     MutexLock lock(tesuRawEventManagerLock);
-    eraseClient(fd);
+    rest = extractClient(fd);
 }
 
 void EventManager::fillWriteBuffer(int fd, BufferState* writeBuffer) {
@@ -79,22 +85,32 @@ void EventManager::fillWriteBuffer(int fd, BufferState* writeBuffer) {
     }
 }
 
-void EventManager::AddObserverEvent(int fd, int eventType) {
+bool EventManager::AddObserverEvent(int fd, int eventType) {
     MutexLock lock(tesuRawEventManagerLock);
-    Observer& observer = fdEvents.try_emplace(fd, Observer{fd, findQueue(fd), {}}).first->second;
-    if (std::find(observer.types.begin(), observer.types.end(), eventType) ==
-        observer.types.end()) {
-        observer.types.push_back(eventType);
-        eventFds[eventType].push_back(&observer);
+    try {
+        Observer& observer =
+            fdEvents.try_emplace(fd, Observer{fd, findQueue(fd), {}}).first->second;
+        hasObservers = true;
+        if (limits.clientTypes != 0 && observer.types.size() >= limits.clientTypes &&
+            !observer.types.contains(eventType)) {
+            return false;
+        }
+        observer.types.insert(eventType);
+        regroup(observer);
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
     }
 }
 
 void EventManager::DelObserverEvent(int fd, int eventType) {
     MutexLock lock(tesuRawEventManagerLock);
     const auto observer = fdEvents.find(fd);
-    if (observer != fdEvents.end()) {
-        std::erase(eventFds[eventType], &observer->second);
-        std::erase(observer->second.types, eventType);
+    if (observer != fdEvents.end() && observer->second.types.erase(eventType) != 0) {
+        regroup(observer->second);
+        if (observer->second.types.empty()) {
+            eraseObserver(fd);
+        }
     }
 }
 
@@ -105,93 +121,180 @@ void EventManager::EraseObserver(int fd) {
 
 void EventManager::eraseObserver(int fd) {
     if (auto observer = fdEvents.extract(fd)) {
-        for (const int type : observer.mapped().types) {
-            std::erase(eventFds[type], &observer.mapped());
+        leaveAudience(observer.mapped());
+    }
+    hasObservers = !fdEvents.empty();
+}
+
+// Subscriptions first, so that nothing is queued for a client without a queue.
+EventManager::ClientQueues::node_type EventManager::extractClient(int fd) {
+    eraseObserver(fd);
+    return clientPackageManagers == nullptr ? ClientQueues::node_type()
+                                            : clientPackageManagers->extract(fd);
+}
+
+// Types that are appended for the first time: from now on they tell clients apart.
+void EventManager::learnTypes(const std::vector<int32_t>& types) {
+    for (const int32_t type : types) {
+        if (!appendedTypes.insert(type).second) {
+            continue;
+        }
+        for (auto& [fd, observer] : fdEvents) {
+            if (observer.types.contains(type)) {
+                regroup(observer);
+            }
         }
     }
 }
 
-// Subscriptions first, so that nothing is queued for a client without a queue.
-void EventManager::eraseClient(int fd) {
-    eraseObserver(fd);
-    if (clientPackageManagers != nullptr) {
-        clientPackageManagers->erase(fd);
+// Puts a client into the audience that it belongs to by now. Without memory it stays where it was.
+void EventManager::regroup(Observer& observer) {
+    std::vector<int32_t> wanted;
+    std::set_intersection(observer.types.begin(), observer.types.end(), appendedTypes.begin(),
+                          appendedTypes.end(), std::back_inserter(wanted));
+    Audiences::value_type* const audience = &*audiences.try_emplace(std::move(wanted)).first;
+    if (audience != observer.audience) {
+        audience->second.members.push_back(&observer);
+        leaveAudience(observer);
+        observer.audience = audience;
+    }
+    std::erase_if(audiences, [](const auto& other) { return other.second.members.empty(); });
+}
+
+// An audience without members stays until somebody is grouped again: it may be in use.
+void EventManager::leaveAudience(Observer& observer) {
+    if (observer.audience != nullptr) {
+        std::erase(observer.audience->second.members, &observer);
+        observer.audience = nullptr;
     }
 }
 
 int EventManager::AppendEvent(const char* event, unsigned int size) {
     int32_t type = 0;
-    if (size < sizeof(type)) {
+    if (size < sizeof(type) || !hasObservers.load(std::memory_order_acquire)) {
+        return 0;
+    }
+    if (size > StagedEvents::MAX_EVENT_SIZE) {
+        TESU_LOGE(TESU_LOG_UTILS, "[EventManager] event dropped: %u bytes, at most %u fit", size,
+                  StagedEvents::MAX_EVENT_SIZE);
         return 0;
     }
     std::memcpy(&type, event, sizeof(type));
-    queueEvent(type, event, size);
+    stagedEvents.add(type, event, size);
     if (!isBatchOpen) {
-        sendDue();
+        flush(stagedEvents);
         sendLater();
-    } else if (++batchedRecords == RECORDS_PER_SEND) {
-        batchedRecords = 0;
-        sendDue();
+    } else if (stagedEvents.isFull()) {
+        flush(stagedEvents);
     }
     return 0;
 }
 
-void EventManager::queueEvent(int32_t type, const char* event, unsigned int size) {
+void EventManager::flush(StagedEvents& staged) {
+    MutexLock sendingLock(sendLock);
+    if (!staged.isEmpty()) {
+        handOut(staged);
+        staged.clear();
+    }
+    sendDue();
+}
+
+void EventManager::handOut(StagedEvents& staged) {
     MutexLock lock(tesuRawEventManagerLock);
-    const auto observers = eventFds.find(type);
-    if (observers == eventFds.end()) {
+    try {
+        learnTypes(staged.types());
+    } catch (const std::bad_alloc&) {
+        TESU_LOGE(TESU_LOG_UTILS, "[EventManager] no memory to group clients anew");
+    }
+    for (auto& audience : audiences) {
+        if (staged.hasAny(audience.first)) {
+            handOutTo(audience, staged);
+        }
+    }
+    enforceLimits();
+}
+
+void EventManager::handOutTo(Audiences::value_type& entry, StagedEvents& staged) {
+    auto& [types, audience] = entry;
+    char* const frames = reserveFrames(audience.writer, staged.bytes());
+    if (frames == nullptr) {
+        for (Observer* const observer : audience.members) {
+            if (observer->queue != nullptr) {
+                observer->queue->countRefused(staged.count(types));
+            }
+        }
         return;
     }
-    for (Observer* const observer : observers->second) {
-        if (observer->queue != nullptr &&
-            observer->queue->buildAndAppendSecondIpcPackage(IPC_PACKAGE_EVENT, event, size) &&
-            !std::exchange(observer->isDue, true)) {
-            due.push_back(observer->fd);
+    const StagedEvents::Copied copied = staged.copy(types, frames);
+    const FrameRange range = audience.writer.commit(copied.bytes, copied.count);
+    for (Observer* const observer : audience.members) {
+        if (observer->queue != nullptr && observer->queue->appendFrames(range)) {
+            markDue(*observer);
         }
     }
 }
 
-// What is appended meanwhile is due again.
+// Where memory has run out, clients that have most of it give it back.
+char* EventManager::reserveFrames(FrameWriter& writer, size_t bytes) {
+    char* frames = writer.reserve(bytes);
+    while (frames == nullptr && disconnectHeaviest()) {
+        frames = writer.reserve(bytes);
+    }
+    return frames;
+}
+
+void EventManager::markDue(Observer& observer) {
+    if (observer.isDue) {
+        return;
+    }
+    try {
+        due.push_back(observer.fd);
+        observer.isDue = true;
+    } catch (const std::bad_alloc&) {
+        transport.sendLater(observer.fd);
+    }
+}
+
+// What becomes due again by this is left to the next time.
 void EventManager::sendDue() {
-    MutexLock sendingLock(sendLock);
-    {
-        MutexLock lock(tesuRawEventManagerLock);
-        sending.swap(due);
-        for (const int fd : sending) {
-            const auto observer = fdEvents.find(fd);
-            if (observer != fdEvents.end()) {
-                observer->second.isDue = false;
+    size_t count = 0;
+    for (size_t i = 0;; ++i) {
+        int fd = -1;
+        {
+            MutexLock lock(tesuRawEventManagerLock);
+            count = i == 0 ? due.size() : count;
+            if (i == count) {
+                due.erase(due.begin(), due.begin() + static_cast<ptrdiff_t>(count));
+                return;
+            }
+            fd = due[i];
+            if (const auto found = fdEvents.find(fd); found != fdEvents.end()) {
+                found->second.isDue = false;
             }
         }
-    }
-    for (const int fd : sending) {
         const auto result = transport.send ? transport.send(fd) : IpcWriteResult::DONE;
         if (result != IpcWriteResult::DONE) {
             MutexLock lock(tesuRawEventManagerLock);
-            if (result == IpcWriteResult::GONE || !tryAgain(fd)) {
-                leave(fd);
-            }
+            settle(fd, result);
         }
     }
-    sending.clear();
 }
 
-// False when it has been tried often enough.
-bool EventManager::tryAgain(int fd) {
+// A client that had no room is tried again, but not for ever.
+void EventManager::settle(int fd, IpcWriteResult result) {
     const auto found = fdEvents.find(fd);
-    if (found == fdEvents.end() || ++found->second.tries >= MAX_TRIES) {
-        return false;
+    if (result == IpcWriteResult::GONE || found == fdEvents.end() ||
+        ++found->second.tries >= MAX_TRIES) {
+        leave(fd);
+    } else {
+        markDue(found->second);
     }
-    if (!std::exchange(found->second.isDue, true)) {
-        due.push_back(fd);
-    }
-    return true;
 }
 
 // A client that is gone is forgotten; its heir by number, which may have come meanwhile, is not.
 void EventManager::leave(int fd) {
     if (transport.sendLater && !transport.sendLater(fd)) {
-        eraseClient(fd);
+        extractClient(fd);
     } else if (const auto found = fdEvents.find(fd); found != fdEvents.end()) {
         found->second.tries = 0;
     }
@@ -207,6 +310,55 @@ void EventManager::sendLater() {
         leave(fd);
     }
     due.clear();
+}
+
+void EventManager::enforceLimits() {
+    if (limits.clientBytes != 0) {
+        for (const int fd : due) {
+            const auto found = fdEvents.find(fd);
+            if (found != fdEvents.end() && found->second.queue != nullptr &&
+                found->second.queue->getState().queuedBytes > limits.clientBytes) {
+                disconnect(found->second);
+            }
+        }
+    }
+    while (limits.totalBytes != 0 && FrameBlock::BytesInUse() > limits.totalBytes &&
+           disconnectHeaviest()) {
+    }
+}
+
+// False when nobody has anything queued.
+bool EventManager::disconnectHeaviest() {
+    Observer* heaviest = nullptr;
+    size_t most = 0;
+    for (auto& [fd, observer] : fdEvents) {
+        const size_t bytes = observer.queue == nullptr ? 0 : observer.queue->getState().queuedBytes;
+        if (bytes > most) {
+            most = bytes;
+            heaviest = &observer;
+        }
+    }
+    if (heaviest != nullptr) {
+        disconnect(*heaviest);
+    }
+    return heaviest != nullptr;
+}
+
+// Its memory goes at once, the connection when the transport comes to it.
+void EventManager::disconnect(Observer& observer) {
+    const int fd = observer.fd;
+    const IpcQueueState state = observer.queue->getState();
+    const ucred peer = PeerCredentials(fd);
+    TESU_LOGW(
+        TESU_LOG_UTILS,
+        "[EventManager] client %d (pid %d, uid %u) is too slow and is disconnected: %zu bytes "
+        "in %llu packages were queued",
+        fd, peer.pid, peer.uid, state.queuedBytes,
+        static_cast<unsigned long long>(state.queuedPackages));
+    extractClient(fd);
+    if (transport.disconnect) {
+        transport.disconnect(fd);
+    }
 }
 
 }  // namespace Tesu::Bpf

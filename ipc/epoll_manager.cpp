@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -137,6 +138,12 @@ bool EpollManager::delMonitorFd(int fd) {
     }
     callbacks.erase(fd);
     return true;
+}
+
+// Under the lock, since a descriptor is closed only after it was taken out.
+bool EpollManager::shutdownFd(int fd) {
+    MutexLock lock(mutex);
+    return callbacks.contains(fd) && ::shutdown(fd, SHUT_RDWR) == 0;
 }
 
 void EpollManager::start() {

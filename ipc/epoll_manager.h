@@ -70,6 +70,8 @@ class TESU_API EpollManager {
     // the callbacks that are set; EPOLLOUT is never in it at first.
     bool addMonitorFd(int fd, EpollCallback callbacks);
     bool delMonitorFd(int fd);
+    // Ends the connection of a watched socket both ways, so that its close callback is called.
+    bool shutdownFd(int fd);
 
     void start();
     void stop();

@@ -1,103 +1,70 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ipc/frame_queue.h"
 
-#include <algorithm>
-#include <cstdlib>
+#include <cstdint>
 #include <cstring>
-#include <new>
+#include <utility>
 
 #include "ipc/ipc_package.h"
 
 namespace {
 
-// Bytes of a block with its head: some hundred records.
-constexpr size_t BLOCK_SIZE = 16384;
+// The part of a range that its first frames make up: as many as fit into `room`, at most `limit`.
+FrameRange Front(const FrameRange& range, size_t room, size_t limit) {
+    FrameRange front{.block = {}, .frames = range.frames};
+    if (range.bytes <= room && range.count <= limit) {
+        front.bytes = range.bytes;
+        front.count = range.count;
+        return front;
+    }
+    while (front.count < limit && front.bytes < range.bytes) {
+        const size_t size = IPC_FRAME_HEADER_SIZE + size_t{ReadWord(range.frames + front.bytes)};
+        if (size > room - front.bytes) {
+            break;
+        }
+        front.bytes += size;
+        ++front.count;
+    }
+    return front;
+}
 
 }  // namespace
 
-struct FrameQueue::Block {
-    Block* next = nullptr;
-    size_t capacity = 0;  // bytes behind this head
-    size_t begin = 0;     // frames lie in [begin, end)
-    size_t end = 0;
-    size_t frames = 0;
-
-    char* bytes() { return reinterpret_cast<char*>(this + 1); }
-};
-
-FrameQueue::~FrameQueue() {
-    while (first != nullptr) {
-        Block* const block = first;
-        first = block->next;
-        std::free(block);
+void FrameQueue::append(FrameRange range) {
+    const size_t count = range.count;
+    const size_t bytes = range.bytes;
+    FrameRange* const last = ranges.empty() ? nullptr : &ranges.back();
+    if (last != nullptr && last->block == range.block &&
+        last->frames + last->bytes == range.frames) {
+        last->count += count;
+        last->bytes += bytes;
+    } else {
+        ranges.push_back(std::move(range));
     }
-}
-
-char* FrameQueue::append(uint32_t size) {
-    const size_t frameSize = IPC_FRAME_HEADER_SIZE + size_t{size};
-    if (last == nullptr || last->capacity - last->end < frameSize) {
-        const size_t capacity = std::max(BLOCK_SIZE - sizeof(Block), frameSize);
-        void* const memory = std::malloc(sizeof(Block) + capacity);
-        if (memory == nullptr) {
-            return nullptr;
-        }
-        auto* const block = new (memory) Block{.capacity = capacity};
-        (last == nullptr ? first : last->next) = block;
-        last = block;
-    }
-    char* const frame = last->bytes() + last->end;
-    std::memcpy(frame, &size, IPC_FRAME_HEADER_SIZE);
-    last->end += frameSize;
-    ++last->frames;
-    ++frames;
-    return frame + IPC_FRAME_HEADER_SIZE;
+    frameCount += count;
+    frameBytes += bytes;
 }
 
 size_t FrameQueue::take(char* to, size_t room, size_t limit) {
     size_t taken = 0;
-    while (frames != 0) {
-        size_t bytes = first->end - first->begin;
-        size_t count = first->frames;
-        const bool isWhole = bytes <= room - taken && count <= limit;
-        if (!isWhole) {
-            bytes = bytesThatFit(room - taken, limit, &count);
-        }
-        if (bytes != 0) {
-            std::memcpy(to + taken, first->bytes() + first->begin, bytes);
-        }
-        taken += bytes;
-        limit -= count;
-        frames -= count;
-        first->frames -= count;
-        first->begin += bytes;
-        if (!isWhole) {
+    while (!ranges.empty()) {
+        FrameRange& first = ranges.front();
+        const FrameRange front = Front(first, room - taken, limit);
+        if (front.bytes == 0) {
             break;
         }
-        dropEmptyBlock();
+        std::memcpy(to + taken, front.frames, front.bytes);
+        taken += front.bytes;
+        limit -= front.count;
+        frameCount -= front.count;
+        if (front.bytes < first.bytes) {
+            first.frames += front.bytes;
+            first.bytes -= front.bytes;
+            first.count -= front.count;
+        } else {
+            ranges.pop_front();
+        }
     }
+    frameBytes -= taken;
     return taken;
-}
-
-// Of the first block's frames, so many from its front as fit and are wanted.
-size_t FrameQueue::bytesThatFit(size_t room, size_t limit, size_t* count) const {
-    size_t bytes = 0;
-    for (*count = 0; *count < limit; ++*count) {
-        const char* const frame = first->bytes() + first->begin + bytes;
-        const size_t size = IPC_FRAME_HEADER_SIZE + size_t{ReadWord(frame)};
-        if (size > room - bytes) {
-            break;
-        }
-        bytes += size;
-    }
-    return bytes;
-}
-
-void FrameQueue::dropEmptyBlock() {
-    if (first == last) {
-        first->begin = first->end = 0;
-        return;
-    }
-    Block* const emptied = first;
-    first = first->next;
-    std::free(emptied);
 }

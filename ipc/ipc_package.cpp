@@ -5,7 +5,9 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <new>
 #include <string>
+#include <utility>
 
 #include "records/read_prefix.h"
 #include "util/log.h"
@@ -52,14 +54,18 @@ bool IpcPackageManager::append(std::string_view head, std::string_view data) {
     const uint64_t size = uint64_t{head.size()} + data.size();
     {
         MutexLock lock(mutex);
+        const size_t frameSize = IPC_FRAME_HEADER_SIZE + static_cast<size_t>(size);
         errno = EMSGSIZE;
-        char* const package =
-            size <= maxPackageSize ? packages.append(static_cast<uint32_t>(size)) : nullptr;
-        if (package != nullptr) {
+        char* const frame = size <= maxPackageSize ? writer.reserve(frameSize) : nullptr;
+        if (frame != nullptr) {
+            const auto length = static_cast<uint32_t>(size);
+            std::memcpy(frame, &length, sizeof(length));
+            char* const package = frame + sizeof(length);
             std::copy(head.begin(), head.end(), package);
             std::copy(data.begin(), data.end(), package + head.size());
-            ready.notify_all();
-            return true;
+            if (queue(writer.commit(frameSize, 1))) {
+                return true;
+            }
         }
         ++refused;
     }
@@ -67,6 +73,30 @@ bool IpcPackageManager::append(std::string_view head, std::string_view data) {
               "[IpcPackageManager] package refused: %llu bytes, at most %u fit, message: %s",
               static_cast<unsigned long long>(size), maxPackageSize, strerror(errno));
     return false;
+}
+
+bool IpcPackageManager::queue(FrameRange frames) {
+    try {
+        packages.append(std::move(frames));
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        return false;
+    }
+    ready.notify_all();
+    return true;
+}
+
+bool IpcPackageManager::appendFrames(FrameRange frames) {
+    MutexLock lock(mutex);
+    const size_t count = frames.count;
+    const bool isQueued = queue(std::move(frames));
+    refused += isQueued ? 0 : count;
+    return isQueued;
+}
+
+void IpcPackageManager::countRefused(size_t count) {
+    MutexLock lock(mutex);
+    refused += count;
 }
 
 bool IpcPackageManager::appendReqIpcPackage(const TesuReqIpcPackage* request) {
@@ -98,9 +128,11 @@ bool IpcPackageManager::buildAndAppendIpcPackage(const char* bytes, unsigned siz
 
 bool IpcPackageManager::moveToBuffer(BufferState* writeBuffer, int slack, size_t limit) {
     const int room = std::max(writeBuffer->capacity - writeBuffer->length - slack, 0);
+    const size_t before = packages.count();
     const size_t moved =
         packages.take(writeBuffer->data + writeBuffer->length, static_cast<size_t>(room), limit);
     writeBuffer->length += static_cast<int>(moved);
+    taken += before - packages.count();
     return moved != 0;
 }
 
@@ -136,7 +168,10 @@ unsigned IpcPackageManager::getIpcPackageCount() const {
     return static_cast<unsigned>(packages.count());
 }
 
-unsigned IpcPackageManager::getRefusedPackageCount() const {
+IpcQueueState IpcPackageManager::getState() const {
     MutexLock lock(mutex);
-    return refused;
+    return {.queuedBytes = packages.bytes(),
+            .queuedPackages = packages.count(),
+            .takenPackages = taken,
+            .refusedPackages = refused};
 }

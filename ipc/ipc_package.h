@@ -76,6 +76,14 @@ TESU_API bool CheckIpcPackageComplete(const BufferState* buffer, long long* head
 // Moves the unconsumed bytes to the front of the buffer; returns how many they are.
 TESU_API int SaveUnuseBuffer(BufferState* buffer);
 
+// What a queue holds, and what has passed through it since it was made.
+struct IpcQueueState {
+    size_t queuedBytes = 0;  // of frames
+    uint64_t queuedPackages = 0;
+    uint64_t takenPackages = 0;    // into write buffers
+    uint64_t refusedPackages = 0;  // for their size, or because memory for them ran out
+};
+
 // The outgoing queue of one connection: producers append finished packages, the socket loop moves
 // them into the connection's write buffer. Safe for any number of threads. A package that could
 // never fit the write buffer is refused when it is queued, since it would block all behind it.
@@ -86,10 +94,16 @@ class TESU_API IpcPackageManager {
     IpcPackageManager(const IpcPackageManager&) = delete;
     IpcPackageManager& operator=(const IpcPackageManager&) = delete;
 
+    // Whole frames that other queues may have, too. False without memory for the range.
+    bool appendFrames(FrameRange frames);
     // These copy what they are given. False: refused, nothing queued.
     bool appendReqIpcPackage(const TesuReqIpcPackage* request);
     // Types above 3 are refused.
     bool buildAndAppendSecondIpcPackage(unsigned type, const char* data, unsigned length);
+
+    // Counts packages that could not even be built, for want of memory.
+    void countRefused(size_t count);
+    IpcQueueState getState() const;
 
     // Moves the front package into the write buffer if that leaves at least one byte free.
     bool fillNextIpcPackageToBuffer(BufferState* writeBuffer);
@@ -109,17 +123,18 @@ class TESU_API IpcPackageManager {
     void waitEventReady(int milliseconds);
     void notifyEventReady();
     unsigned getIpcPackageCount() const;
-    // Packages refused so far for their size, or because memory for them ran out.
-    unsigned getRefusedPackageCount() const;
 
   private:
     bool append(std::string_view head, std::string_view data);
+    bool queue(FrameRange frames) REQUIRES(mutex);
     // Moves packages, at most `limit`, while `slack` bytes of the buffer stay free.
     bool moveToBuffer(BufferState* writeBuffer, int slack, size_t limit) REQUIRES(mutex);
 
     mutable Tesu::Bpf::Mutex mutex;
     FrameQueue packages GUARDED_BY(mutex);
+    FrameWriter writer GUARDED_BY(mutex);  // of packages that are this queue's alone
     std::condition_variable ready;
     const unsigned maxPackageSize;
-    unsigned refused GUARDED_BY(mutex) = 0;
+    uint64_t taken GUARDED_BY(mutex) = 0;
+    uint64_t refused GUARDED_BY(mutex) = 0;
 };

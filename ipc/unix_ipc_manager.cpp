@@ -401,3 +401,7 @@ int UnixIpcManager::onRetryTimer() {
 int UnixIpcManager::notifyNeedWriteData(int fd) {
     return epollManager->notifyWriteEventReady(fd) ? 1 : 0;
 }
+
+void UnixIpcManager::disconnect(int fd) {
+    epollManager->shutdownFd(fd);
+}

@@ -10,8 +10,8 @@
 // closes every socket. A class derived from this one calls shutdown() in its own destructor.
 //
 // Threads: the owner's callbacks run on the loop thread, `writeable` also on a thread that calls
-// writeDataNow() or writeWhatFits(). These two, notifyNeedWriteData(), start() and stop() may be
-// called from any thread; the rest belongs to the loop thread.
+// writeDataNow() or writeWhatFits(). These two, notifyNeedWriteData(), disconnect(), start() and
+// stop() may be called from any thread; the rest belongs to the loop thread.
 //
 // One guard per connection covers its buffers: it is held while `readable` and `writeable` run, for
 // they write into the buffers, and while the connection is closed; it is recursive, so both may
@@ -92,6 +92,9 @@ class TESU_API UnixIpcManager {
     // Sends on this thread what the socket takes without waiting, some buffers at most. Cheaper
     // than waking the loop for a connection that keeps up.
     IpcWriteResult writeWhatFits(int fd);
+    // Has the loop close the connection soon, as if the other side had hung up; what was sent
+    // before still arrives.
+    void disconnect(int fd);
     // For hosts: sends on this thread until nothing is left: 1, or 0 on failure.
     int writeDataNow(int fd);
     // Sends data[cursor, length). False when the socket is full (after 11 tries) or broken; what

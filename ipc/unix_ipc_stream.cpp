@@ -21,6 +21,11 @@ constexpr int MAX_SEND_RETRIES = 11;
 // Buffers sent at most by a thread that has other work than this client.
 constexpr int MAX_BUFFERS_AT_ONCE = 8;
 
+// Send errors after which none will succeed: the other side reads no more.
+bool IsBroken(int error) {
+    return error == EPIPE || error == ECONNRESET || error == ENOTCONN;
+}
+
 }  // namespace
 
 // Waits for the connection's guard. While this thread waited the connection may have been closed
@@ -249,6 +254,9 @@ bool UnixIpcManager::ensureDataSend(int fd, BufferState* writeBuffer) {
                       "clientFd: %d",
                       static_cast<ssize_t>(writeBuffer->length - writeBuffer->cursor), error,
                       strerror(error), fd);
+            if (IsBroken(error)) {
+                disconnect(fd);
+            }
             break;
         }
         ++retries;
@@ -289,6 +297,10 @@ IpcWriteResult UnixIpcManager::writeWhatFits(int fd) {
         const ssize_t sent = send(fd, writeBuffer->data + writeBuffer->cursor,
                                   static_cast<size_t>(writeBuffer->length - writeBuffer->cursor),
                                   MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (sent == -1 && IsBroken(errno)) {
+            disconnect(fd);
+            return IpcWriteResult::DONE;
+        }
         writeBuffer->cursor += static_cast<int>(std::max<ssize_t>(sent, 0));
         if (writeBuffer->cursor < writeBuffer->length) {
             break;

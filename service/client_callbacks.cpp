@@ -86,7 +86,8 @@ int TesuBpfService::onEventProvideReqCallBack(int fd, char* body, long long leng
     SubscriptionReply reply{.requestId = request.requestId};
     const bool whole = length >= static_cast<long long>(sizeof(request));
     if (whole && IsCommand(request, REGISTER_COMMAND)) {
-        EventManager::GetInstance()->AddObserverEvent(fd, request.eventType);
+        const bool isAdded = EventManager::GetInstance()->AddObserverEvent(fd, request.eventType);
+        reply.result = isAdded ? 0 : -1;
     } else if (whole && IsCommand(request, UNREGISTER_COMMAND)) {
         EventManager::GetInstance()->DelObserverEvent(fd, request.eventType);
     } else {

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What happens to a record: it is counted, forwarded to the clients that want it, and handled.
-#include "diag/tesu_bpf_state.h"
 #include "records/raw_event.h"
 #include "records/read_prefix.h"
+#include "service/record_batch.h"
 #include "service/tesu_bpf_service.h"
 #include "util/log.h"
 
@@ -18,7 +18,7 @@ constexpr uint32_t NO_TYPE = UINT32_MAX;
 
 int TesuBpfService::handleBpfRingBuffEvent(void* /*ctx*/, void* data, unsigned size) {
     const uint32_t type = size < sizeof(type) ? NO_TYPE : ReadPrefix<uint32_t>(data, size);
-    TesuBpfDataState::GetInstance()->RecordEvent(static_cast<int>(type), 1);
+    RecordBatch::Count(type);
     if (type >= RAW_EVENT_TYPE_COUNT) {
         TESU_LOGE(TESU_LOG_SERVICE, "[TesuBpfService] handleEvent ERROR!!! Type: %u", type);
         return -1;

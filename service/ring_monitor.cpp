@@ -15,6 +15,7 @@
 #include "records/contract.h"
 #include "service/dump_requests.h"
 #include "service/lost_records.h"
+#include "service/record_batch.h"
 #include "service/ring_pace.h"
 #include "service/ring_reader.h"
 #include "service/ring_replacement.h"
@@ -171,7 +172,7 @@ int TesuBpfService::pollRing(RingMonitor& monitor, RingReplacement& replacement)
         int result = rest ? restFor(*rest) : waitForRecords(monitor);
         int error = errno;
         if (result >= 0) {
-            const EventManager::Batch batch;
+            const RecordBatch batch;
             const uint64_t begin = monitor.reader->position();
             result = monitor.reader->consume();
             error = errno;  // what follows makes calls of its own

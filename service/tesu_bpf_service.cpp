@@ -88,7 +88,8 @@ TesuBpfService::TesuBpfService()
     EventManager::GetInstance()->setClientQueues(
         &clientPackageManagers,
         {.send = [this](int fd) { return ipcManager->writeWhatFits(fd); },
-         .sendLater = [this](int fd) { return ipcManager->notifyNeedWriteData(fd) != 0; }});
+         .sendLater = [this](int fd) { return ipcManager->notifyNeedWriteData(fd) != 0; },
+         .disconnect = [this](int fd) { ipcManager->disconnect(fd); }});
 }
 
 TesuBpfService::~TesuBpfService() {
