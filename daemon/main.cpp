@@ -24,6 +24,7 @@
 #include "daemon/properties.h"
 #include "ipc/local_socket.h"
 #include "records/contract.h"
+#include "service/host_defaults.h"
 #include "service/tesu_bpf_service.h"
 #include "util/termination_signals.h"
 
@@ -59,6 +60,7 @@ bool PrepareHost(Properties properties) {
             return false;
         }
     }
+    SetHostDefaults();
     if (const std::error_code error = MakeParents(DUMP_DIR)) {
         std::fprintf(stderr, "tesubpfd: warning: no dumps can be written to %s: %s\n", DUMP_DIR,
                      error.message().c_str());
@@ -163,7 +165,14 @@ int Main(int argc, char** argv) {
            "                     \"6.1\" switches the GPL set of programs on\n"
            "  sys.tesu_bpf_ready default: \"1\" once the eBPF maps are pinned, for which the\n"
            "                     daemon waits; given here, it does not wait\n"
-           "  persist.sys.stability.bpfframework.disable  \"1\" disables the service")
+           "  persist.sys.stability.bpfframework.disable  \"1\" disables the service\n"
+           "and under persist.sys.stability.bpfframework, \"0\" for no limit:\n"
+           "  client_queue_bytes most that is kept for a client that does not read; default\n"
+           "                     16777216; one that has more is disconnected\n"
+           "  queue_bytes        the same for all clients together; default 67108864\n"
+           "  client_types       event types of one client; default 256\n"
+           "  clients            clients at a time; default 256\n"
+           "  client_uids        user ids that may connect, \"0,1000\"; default: everybody")
         ->allow_extra_args(false)
         ->type_name("NAME=VALUE");
     app.footer(FOOTER);

@@ -72,6 +72,11 @@ bool EventManager::addClient(int fd) {
     return rest.empty();
 }
 
+size_t EventManager::clientCount() {
+    MutexLock lock(tesuRawEventManagerLock);
+    return clientPackageManagers == nullptr ? 0 : clientPackageManagers->size();
+}
+
 void EventManager::removeClient(int fd) {
     ClientQueues::node_type rest;  // goes without the lock
     MutexLock lock(tesuRawEventManagerLock);

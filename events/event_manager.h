@@ -73,6 +73,7 @@ class TESU_API EventManager {
     // The queue of a new client; whatever a former connection of that number left is dropped.
     // False when there was such a rest.
     bool addClient(int fd);
+    size_t clientCount();
     // Forgets the client's subscriptions, then its queue with every unsent package.
     void removeClient(int fd);
     // Moves as many whole packages as fit from the client's queue into its write buffer.

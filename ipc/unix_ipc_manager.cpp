@@ -190,6 +190,10 @@ int UnixIpcManager::onServerReadableCallback(epoll_event /*event*/) {
         return EPOLL_RESULT_ERROR;
     }
     acceptError = 0;
+    if (handlers.admit && !handlers.admit(client)) {
+        ::close(client);
+        return EPOLL_RESULT_CONSUMED;
+    }
     if (!Setnonblocking(client)) {
         const int error = errno;
         ::close(client);

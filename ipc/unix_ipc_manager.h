@@ -49,6 +49,8 @@ struct IpcHandlerState {
     std::function<int(int fd, BufferState* readBuffer, BufferState* writeBuffer)> readable;
     // There is room to send: fill the write buffer. -1: failed.
     std::function<int(int fd, BufferState* writeBuffer)> writeable;
+    // Whether an accepted client may stay; one that may not is closed at once.
+    std::function<bool(int fd)> admit;
     std::function<void(int fd)> connection;
     // The other side hung up, or was closed for filling its buffer with no complete frame.
     std::function<void(int fd)> close;

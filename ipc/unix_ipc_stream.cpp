@@ -297,10 +297,6 @@ IpcWriteResult UnixIpcManager::writeWhatFits(int fd) {
         const ssize_t sent = send(fd, writeBuffer->data + writeBuffer->cursor,
                                   static_cast<size_t>(writeBuffer->length - writeBuffer->cursor),
                                   MSG_DONTWAIT | MSG_NOSIGNAL);
-        if (sent == -1 && IsBroken(errno)) {
-            disconnect(fd);
-            return IpcWriteResult::DONE;
-        }
         writeBuffer->cursor += static_cast<int>(std::max<ssize_t>(sent, 0));
         if (writeBuffer->cursor < writeBuffer->length) {
             break;

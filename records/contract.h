@@ -46,8 +46,17 @@ inline constexpr char REGISTER_COMMAND[] = "register-event-monitor";
 inline constexpr char UNREGISTER_COMMAND[] = "unregister-event-monitor";
 
 // System properties.
-inline constexpr const char* DISABLE_PROPERTY = "persist.sys.stability.bpfframework.disable";
+#define TESU_PROPERTY(name) "persist.sys.stability.bpfframework." name
+inline constexpr const char* DISABLE_PROPERTY = TESU_PROPERTY("disable");
 inline constexpr const char* READY_PROPERTY = "sys.tesu_bpf_ready";  // "0": nothing is pinned yet
 inline constexpr const char* KERNEL_VERSION_PROPERTY = "ro.kernel.version";  // "6.1": with GPL set
+
+// Limits on clients; absent or "0": none. The hosts of this project set them (host_defaults.h).
+inline constexpr const char* CLIENT_QUEUE_BYTES_PROPERTY = TESU_PROPERTY("client_queue_bytes");
+inline constexpr const char* QUEUE_BYTES_PROPERTY = TESU_PROPERTY("queue_bytes");  // of all clients
+inline constexpr const char* CLIENT_TYPES_PROPERTY = TESU_PROPERTY("client_types");
+inline constexpr const char* CLIENTS_PROPERTY = TESU_PROPERTY("clients");
+// User ids that may connect, as in "0,1000"; absent or empty: everybody.
+inline constexpr const char* CLIENT_UIDS_PROPERTY = TESU_PROPERTY("client_uids");
 
 }  // namespace Tesu::Bpf

@@ -61,6 +61,9 @@ TesuBpfService::TesuBpfService()
     callbacks.writeable = [this](int fd, BufferState* writeBuffer) {
         return onClientLibWriteable(fd, writeBuffer);
     };
+    callbacks.admit = [this](int fd) {
+        return admission->admit(fd, EventManager::GetInstance()->clientCount());
+    };
     callbacks.connection = [this](int fd) { onClientLibConnection(fd); };
     callbacks.close = [this](int fd) { onClientLibClose(fd); };
     ipcManager = std::make_unique<UnixIpcManager>(true, IPC_BUFFER_SIZE, SERVICE_SOCKET_NAME,
@@ -117,6 +120,10 @@ bool TesuBpfService::start() {
     if (stopped) {
         TESU_LOGE(TESU_LOG_SERVICE, "[TesuBpfService][start] the service was stopped");
         return false;
+    }
+    if (!running) {
+        EventManager::GetInstance()->setLimits(ReadEventLimits());
+        admission = std::make_unique<ClientAdmission>();
     }
     running = true;
     createCoreThread();

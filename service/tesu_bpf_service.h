@@ -38,6 +38,7 @@
 #include "ipc/ipc_package_handler.h"
 #include "ipc/unix_ipc_manager.h"
 #include "service/bpf_program.h"
+#include "service/client_limits.h"
 #include "task/task_event_handlers.h"
 #include "util/export.h"
 #include "util/mutex.h"
@@ -186,6 +187,8 @@ class TESU_API TesuBpfService {
     std::thread eventThread GUARDED_BY(servicelock);
     std::thread gplEventThread GUARDED_BY(servicelock);
     std::unique_ptr<UnixIpcManager> ipcManager;
+    // Made by start(), then the socket loop thread's.
+    std::unique_ptr<ClientAdmission> admission;
     // For hosts; nothing in the service uses it.
     std::unique_ptr<IpcPackageManager> packageManager;
     std::unique_ptr<IpcPackageHandler> packageHandler;

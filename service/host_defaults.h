@@ -1,0 +1,14 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What a host that serves strangers wants of the service. The library does none of it on its own.
+#pragma once
+
+#include "util/export.h"
+
+namespace Tesu::Bpf {
+
+// Sets those of the service's properties (records/contract.h) that are not set yet: limits for
+// clients. Before BpfServiceMain().
+TESU_API void SetHostDefaults();
+
+}  // namespace Tesu::Bpf

@@ -1,0 +1,106 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What a client may cost, with the limits switched on. As in wire_test, the tests hand the service
+// its records.
+#include <android-base/properties.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "ipc/frame_block.h"
+#include "records/raw_event.h"
+#include "tests/support/served_test.h"
+#include "tests/support/wait_until.h"
+
+namespace Tesu::Bpf {
+namespace {
+
+using android::base::SetProperty;
+
+constexpr int32_t TYPE = RAW_EVENT_FD_UPDATE;
+constexpr int32_t OTHER_TYPE = RAW_EVENT_DMABUF_SIZE;
+constexpr size_t MEGABYTE = 1 << 20;
+
+void Emit(int32_t type, size_t bytes) {
+    std::string record = WireClient::word(static_cast<uint32_t>(type));
+    record.resize(bytes, '.');
+    TesuBpfService::handleBpfRingBuffEvent(nullptr, record.data(), static_cast<unsigned>(bytes));
+}
+
+class LimitsTest : public ServiceIn<SandboxTest> {
+  protected:
+    static WireClient subscriber(int32_t type) {
+        WireClient client;
+        EXPECT_TRUE(client.connectTo(SERVICE_SOCKET_NAME));
+        EXPECT_EQ(client.subscribe(type), 0);
+        return client;
+    }
+};
+
+TEST_F(LimitsTest, AClientThatDoesNotReadIsDroppedAndTheOthersGetAll) {
+    SetProperty(CLIENT_QUEUE_BYTES_PROPERTY, std::to_string(MEGABYTE));
+    start();
+    client = subscriber(TYPE);
+    const WireClient deaf = subscriber(TYPE);
+    ASSERT_EQ(shutdown(deaf.descriptor(), SHUT_RD), 0);
+    Emit(TYPE, 1000);
+    EXPECT_TRUE(client.next().has_value());
+    EXPECT_TRUE(WaitUntil([&] { return !deaf.sendBytes("?"); }));
+    WireClient mute = subscriber(TYPE);
+    for (int i = 0; i < 3000; ++i) {
+        Emit(TYPE, 1000);
+        ASSERT_TRUE(client.next().has_value()) << i;
+    }
+    EXPECT_TRUE(mute.isClosedByServer());
+    EXPECT_LT(FrameBlock::BytesInUse(), MEGABYTE) << "its memory is back";
+    Emit(TYPE, 1000);
+    EXPECT_TRUE(client.next().has_value());
+}
+
+TEST_F(LimitsTest, WhereAllHaveTooMuchTheHeaviestGoesFirst) {
+    SetProperty(QUEUE_BYTES_PROPERTY, std::to_string(4 * MEGABYTE));
+    start();
+    WireClient light = subscriber(OTHER_TYPE);
+    WireClient heavy = subscriber(TYPE);
+    for (int i = 0; i < 3500; ++i) {
+        Emit(TYPE, 1000);
+        Emit(OTHER_TYPE, 500);
+    }
+    EXPECT_TRUE(heavy.isClosedByServer());
+    int events = 0;
+    for (; events < 3500 && light.next().has_value(); ++events) {
+    }
+    EXPECT_EQ(events, 3500);
+}
+
+TEST_F(LimitsTest, SubscriptionsAndClientsAreCounted) {
+    SetProperty(CLIENT_TYPES_PROPERTY, "2");
+    SetProperty(CLIENTS_PROPERTY, "2");
+    SetProperty(CLIENT_UIDS_PROPERTY, "12345, " + std::to_string(getuid()));
+    start();
+    client = subscriber(TYPE);
+    EXPECT_EQ(client.subscribe(OTHER_TYPE), 0);
+    EXPECT_EQ(client.subscribe(7), -1);
+    EXPECT_EQ(client.subscribe(TYPE), 0) << "which it has";
+    EXPECT_TRUE(client.sendBytes(
+        WireClient::request(2, UNREGISTER_COMMAND, WireClient::word(uint32_t{TYPE}))));
+    EXPECT_EQ(client.subscribe(7), 0);
+    WireClient second = subscriber(TYPE);
+    WireClient third;
+    ASSERT_TRUE(third.tryConnect(SERVICE_SOCKET_NAME));
+    EXPECT_TRUE(third.isClosedByServer());
+    second = {};
+    EXPECT_TRUE(WaitUntil([&] {
+        return third.tryConnect(SERVICE_SOCKET_NAME) && third.subscribe(TYPE).has_value();
+    }));
+}
+
+TEST_F(LimitsTest, OtherUsersAreSentAway) {
+    SetProperty(CLIENT_UIDS_PROPERTY, std::to_string(getuid() + 1) + ",nobody");
+    start();
+    ASSERT_TRUE(client.connectTo(SERVICE_SOCKET_NAME));
+    EXPECT_TRUE(client.isClosedByServer());
+}
+
+}  // namespace
+}  // namespace Tesu::Bpf
