@@ -38,6 +38,7 @@
 #include "ipc/ipc_package_handler.h"
 #include "ipc/unix_ipc_manager.h"
 #include "service/bpf_program.h"
+#include "service/ring_statistics.h"
 #include "task/task_event_handlers.h"
 #include "util/export.h"
 #include "util/mutex.h"
@@ -85,6 +86,8 @@ class TESU_API TesuBpfService {
     // False when the buffer had lost records for want of space (the mark is then cleared) and for
     // an index that is none. Without `force` the kernel is asked at most every 30 seconds.
     bool checkBpfRingBuffStatus(int which, bool force);
+    // Any thread; nothing but zeros for an index that is none.
+    RingStatistics ringStatistics(int which) const;
     bool enableCoreBpf(int which, bool enable);
     bool enableNormalBpf(int which, bool enable);
 
@@ -152,6 +155,9 @@ class TESU_API TesuBpfService {
     bool sleepUnlessStopped(std::chrono::milliseconds duration);
 
     int runMonitor(RingMonitor monitor);
+    int drainRing(RingMonitor& monitor);
+    void lookForLosses(RingMonitor& monitor);
+    uint64_t countLosses(const RingMonitor& monitor);
     void dropBacklog(RingMonitor& monitor, RingReplacement& replacement);
     int pollRing(RingMonitor& monitor, RingReplacement& replacement);
     void replaceRing(RingMonitor& monitor, RingReplacement& replacement);
@@ -175,6 +181,7 @@ class TESU_API TesuBpfService {
     bool ready GUARDED_BY(servicelock) = false;
     // Seconds since the epoch; each element belongs to its poll thread.
     std::array<int64_t, RING_COUNT> lastStatusCheck{};
+    std::array<RingAccount, RING_COUNT> ringAccounts;
     // Each element belongs to its poll thread.
     std::array<android::base::unique_fd, RING_COUNT> ringbufMapFd;
     std::array<android::base::unique_fd, RING_COUNT> statusMapFd GUARDED_BY(servicelock);
