@@ -35,6 +35,11 @@ constexpr std::chrono::seconds POLL_ERROR_PAUSE{1};
 constexpr int UNWAKEABLE_TIMEOUT_MS = 500;
 // Counter kind of successful polls, beside the record types.
 constexpr int POLL_COUNTER = 7;
+// Records after which a reading is interrupted, for what is due beside it: a ring that never runs
+// empty would put that off for ever. Some ten milliseconds.
+constexpr uint64_t READING_LIMIT = 8192;
+// What such a reading ends with.
+constexpr int READING_INTERRUPTED = -EAGAIN;
 // Bytes after which a 32-bit kernel's ring is replaced: half of what it can count.
 constexpr uint64_t REPLACE_RING_AT = uint64_t{1} << 31;
 
@@ -178,6 +183,10 @@ int TesuBpfService::pollRing(RingMonitor& monitor, RingReplacement& replacement)
             error = errno;  // what follows makes calls of its own
             rest = pace.restAfter(monitor.reader->position() - begin);
             account.taken.store(monitor.taken, std::memory_order_relaxed);
+            if (result == READING_INTERRUPTED) {
+                result = 0;
+                rest = std::chrono::nanoseconds(0);
+            }
         }
         // A poll that stop() woke or cut short is no error, and none that counts.
         if (!running) {
@@ -243,9 +252,14 @@ int TesuBpfService::onRingRecord(void* monitor, void* data, size_t size) {
         ++owner.taken;
         result = handleBpfRingBuffEvent(nullptr, data, static_cast<unsigned>(size));
     }
+    if (result < 0) {
+        return result;
+    }
     // A ring that never runs empty would keep the poll, and with it stop(), waiting for ever.
-    const TesuBpfService* service = instance.load(std::memory_order_relaxed);
-    return result >= 0 && !service->running ? -ECANCELED : result;
+    if (!instance.load(std::memory_order_relaxed)->running) {
+        return -ECANCELED;
+    }
+    return !owner.isDropping && owner.taken % READING_LIMIT == 0 ? READING_INTERRUPTED : 0;
 }
 
 }  // namespace Tesu::Bpf
