@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// What a ring lost is noticed within a second, and logged at once, then at most every 30 seconds.
+// What a ring lost is noticed within a second. Clients are told each time; it is logged at once,
+// then at most every 30 seconds.
+#include "records/notification.h"
 #include "service/lost_records.h"
 #include "service/ring_monitor.h"
 #include "util/log.h"
@@ -31,6 +33,14 @@ void TesuBpfService::lookForLosses(RingMonitor& monitor) {
     if (lost == monitor.lostSeen) {
         return;
     }
+    const RecordsLostNotification notification{
+        .header = {.type = NOTIFICATION_RECORDS_LOST, .padding = 0, .time = now},
+        .ring = monitor.which,
+        .padding = 0,
+        .lost = lost - monitor.lostSeen,
+        .total = lost};
+    EventManager::GetInstance()->AppendEvent(reinterpret_cast<const char*>(&notification),
+                                             sizeof(notification));
     monitor.lostSeen = lost;
     if (now - monitor.timeOfLossLog >= LOG_INTERVAL) {
         TESU_LOGW(TESU_LOG_SERVICE, "[TesuBpfService][%s] %llu records were lost, %llu in all",
