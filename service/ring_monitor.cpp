@@ -76,12 +76,17 @@ int TesuBpfService::runMonitor(RingMonitor monitor) {
     state = RingMonitorState::RUNNING;
     const int result = drainRing(monitor);
     state = result == 0 ? RingMonitorState::STOPPED : RingMonitorState::FAILED;
+    if (result != 0 && !monitor.hasNoPins) {
+        requestRestart(std::string("a ring buffer is not read any more, as its ") + monitor.name +
+                       " ended with an error");
+    }
     return result;
 }
 
 int TesuBpfService::drainRing(RingMonitor& monitor) {
     const auto fail = [&](const char* format, int mapFd) {
         TESU_LOGE(TESU_LOG_SERVICE, format, monitor.name, strerror(errno), mapFd);
+        monitor.hasNoPins = mapFd < 0 && errno == ENOENT;
         errno = 0;
         return -1;
     };

@@ -25,6 +25,7 @@ struct TesuBpfService::RingMonitor {
     int (TesuBpfService::*seedNormal)();
 
     std::unique_ptr<RingReader> reader{};
+    bool hasNoPins = false;  // for which it failed
     // Until the programs are switched on, records are those of before and are dropped.
     bool isDropping = true;
     uint64_t dropped = 0;

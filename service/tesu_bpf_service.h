@@ -7,14 +7,17 @@
 //   GetInstance()->Wait()       supervises until stop(), then joins the poll threads
 //   GetInstance()->stop()       from any thread but a poll thread; ends everything within a second
 //
-// A service that was stopped is not started again. It never destroys the object itself.
+// A service that was stopped is not started again. It never destroys the object itself. One that
+// cannot go on as it should says so by restartFd(): its host then ends, to be started again.
 //
 // Threads: "BpfServicePoll" runs eventProduceThread, "BpfServicePGpl" gpleventProduceThread,
-// "BpfServiceTr" (the socket loop) the client callbacks.
+// "BpfServiceTr" (the socket loop) the client callbacks, "BpfServiceCare" what is looked after from
+// time to time, if a property asks for it.
 //
 // Host properties that are read: "persist.sys.stability.bpfframework.disable" ("1" disables the
 // service), "sys.tesu_bpf_ready" ("0": programs are not pinned yet), "ro.kernel.version" ("6.1"
-// starts the GPL thread). On a host that is not Android they must be set before BpfServiceMain().
+// starts the GPL thread), "sys.tesu_bpf_watch_pins" (seconds between two looks at the pins). On a
+// host that is not Android they must be set before BpfServiceMain().
 #pragma once
 
 #include <android-base/unique_fd.h>
@@ -52,6 +55,9 @@ class RingReplacement;
 // Throws std::system_error when the poll thread cannot be created.
 TESU_API bool BpfServiceMain();
 
+// Exit status of a host that is to be started again.
+inline constexpr int EXIT_TO_BE_RESTARTED = 5;
+
 // Index of a ring buffer in the service's arrays.
 enum RingIndex { RING_CORE = 0, RING_GPL = 1, RING_COUNT = 2 };
 
@@ -68,6 +74,13 @@ class TESU_API TesuBpfService {
     int Wait();
     int stop();
     static bool checkKernelVersion();
+
+    // Readable from the moment on at which only a new process can help: a monitor ended with an
+    // error (but for want of pins, which nobody's restart brings), or, if looked for, other
+    // programs were pinned than those in use. Borrowed.
+    int restartFd() const { return restartEvent.get(); }
+    // Why, in words that follow the name of the host; empty while there is no reason. Any thread.
+    std::string restartReason();
 
     // Bodies of the poll threads. Result of the attachment (number of failures), 0 when stopped
     // before it.
@@ -150,7 +163,12 @@ class TESU_API TesuBpfService {
 
     void createCoreThread() REQUIRES(servicelock);
     void createGplThreadIfDue() REQUIRES(servicelock);
+    void createCareThreadIfDue() REQUIRES(servicelock);
     void joinPollThreads();
+    // Body of the care thread: looks at the pins each `interval` until stop().
+    void care(std::chrono::seconds interval);
+    bool hasOtherPins();
+    void requestRestart(const std::string& reason);
     // True when stopped, at the latest after `duration`.
     bool sleepUnlessStopped(std::chrono::milliseconds duration);
 
@@ -192,6 +210,7 @@ class TESU_API TesuBpfService {
     TaskEventHandlers taskHandlers;
     std::thread eventThread GUARDED_BY(servicelock);
     std::thread gplEventThread GUARDED_BY(servicelock);
+    std::thread careThread GUARDED_BY(servicelock);
     std::unique_ptr<UnixIpcManager> ipcManager;
     // For hosts; nothing in the service uses it.
     std::unique_ptr<IpcPackageManager> packageManager;
@@ -203,6 +222,9 @@ class TESU_API TesuBpfService {
     // through the descriptor, which stays readable from stop() on.
     std::condition_variable stopCondition;
     android::base::unique_fd stopFd;
+
+    android::base::unique_fd restartEvent;
+    std::string reasonToRestart GUARDED_BY(servicelock);
 };
 
 }  // namespace Tesu::Bpf
