@@ -53,7 +53,7 @@ terminal, no /proc, or the output could not be written.)";
 // What the command line asks for.
 struct Command {
     std::string socketName = SERVICE_SOCKET_NAME;
-    std::vector<std::string> types = {"task-create", "task-exit"};
+    std::vector<std::string> types = {"task-create", "task-exit", "records-lost"};
     WatchOptions watch;
     bool withoutKernelTasks = false;
     bool withAllColumns = false;
@@ -99,7 +99,8 @@ void AddWatch(CLI::App& app, Command& command) {
     watch
         ->add_option("-t,--type", command.types,
                      "Event types: names or numbers, several with commas or by repeating the "
-                     "option; \"all\" for every type (default: task-create,task-exit)")
+                     "option; \"all\" for every type (default: "
+                     "task-create,task-exit,records-lost)")
         ->allow_extra_args(false)
         ->type_name("TYPE[,TYPE]");
     watch->add_flag("--json", command.watch.json, "One JSON object per line");

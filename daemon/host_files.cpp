@@ -10,8 +10,8 @@
 
 namespace Tesu::Bpf {
 
-bool HasCorePins(const std::string& pinDir) {
-    return access((pinDir + "/" + CORE_RING_MAP).c_str(), F_OK) == 0 &&
+bool HasPins(const std::string& pinDir) {
+    return access((pinDir + "/" + CORE_RING_MAP).c_str(), F_OK) == 0 ||
            access((pinDir + "/" + CORE_STATUS_MAP).c_str(), F_OK) == 0;
 }
 

@@ -8,9 +8,9 @@
 
 namespace Tesu::Bpf {
 
-// Whether the core ring buffer and its status map are pinned below `pinDir`. False: errno is ENOENT
-// where one is not, and else says why that cannot be known.
-bool HasCorePins(const std::string& pinDir);
+// Whether anything of the core ring buffer is pinned below `pinDir`. False: errno is ENOENT where
+// nothing is, and else says why that cannot be known.
+bool HasPins(const std::string& pinDir);
 
 // Makes the folders above `path`, with mode 0775 whatever the umask, where they are missing. Before
 // other threads are started: it changes the process's umask for a moment.

@@ -6,6 +6,7 @@
 #include <android-base/properties.h>
 #include <android-base/unique_fd.h>
 #include <malloc.h>
+#include <poll.h>
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
@@ -14,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <thread>
@@ -21,6 +23,7 @@
 
 #include "daemon/host_files.h"
 #include "daemon/instance_lock.h"
+#include "daemon/pin_check.h"
 #include "daemon/properties.h"
 #include "ipc/local_socket.h"
 #include "records/contract.h"
@@ -38,11 +41,13 @@ enum DaemonStatus {
     DAEMON_USAGE = 2,
     DAEMON_ALREADY_SERVED = 3,
     DAEMON_DISABLED = 4,
+    DAEMON_TO_BE_RESTARTED = EXIT_TO_BE_RESTARTED,
 };
 
 constexpr const char* FOOTER =
-    R"(Exit status: 0 ended by SIGINT or SIGTERM; 1 failed; 2 wrong usage; 3 another daemon runs already;
-4 the service is disabled by its property.
+    R"(Exit status: 0 ended by SIGINT or SIGTERM; 1 failed, and would again; 2 wrong usage; 3 another
+daemon runs already; 4 the service is disabled by its property; 5 to be started again: a ring buffer
+is not read any more, or other programs were pinned.
 
 Dumps on request, by signal to this process: 50 event counters, 51 to 54 task table.)";
 
@@ -51,8 +56,7 @@ constexpr std::chrono::milliseconds SERVING_INTERVAL{10};
 constexpr std::chrono::seconds SERVING_NOTICE{5};
 
 // Everything the service reads must be there before it starts. False when a property is refused.
-bool PrepareHost(Properties properties) {
-    properties.try_emplace(KERNEL_VERSION_PROPERTY, RunningKernelVersion());
+bool PrepareHost(const Properties& properties) {
     for (const auto& [name, value] : properties) {
         if (!android::base::SetProperty(name, value)) {
             std::fprintf(stderr, "tesubpfd: the property \"%s\" cannot be set to \"%s\"\n",
@@ -68,9 +72,9 @@ bool PrepareHost(Properties properties) {
     return true;
 }
 
-// Nothing once the core set is pinned; otherwise the status with which to end.
+// Nothing once something is pinned; otherwise the status with which to end.
 std::optional<DaemonStatus> WaitForPins(const TerminationSignals& signals) {
-    for (bool isReported = false; !HasCorePins(PIN_DIR); isReported = true) {
+    for (bool isReported = false; !HasPins(PIN_DIR); isReported = true) {
         if (errno != ENOENT) {
             std::fprintf(stderr, "tesubpfd: cannot look into %s: %s\n", PIN_DIR, strerror(errno));
             return DAEMON_FAILED;
@@ -108,7 +112,15 @@ void AnnounceServing(const TerminationSignals& signals) {
     std::fflush(stdout);
 }
 
-// Runs the service until a signal comes.
+// Until a signal comes or the service asks for a restart.
+void WaitForEnd(const TerminationSignals& signals, const TesuBpfService& service) {
+    pollfd waited[] = {{.fd = signals.fd(), .events = POLLIN, .revents = 0},
+                       {.fd = service.restartFd(), .events = POLLIN, .revents = 0}};
+    while (poll(waited, std::size(waited), -1) <= 0) {  // a dump's signal
+    }
+}
+
+// Runs the service.
 int Serve(const TerminationSignals& signals) {
     if (!BpfServiceMain()) {
         const bool isDisabled = android::base::GetProperty(DISABLE_PROPERTY, "0") == "1";
@@ -119,10 +131,44 @@ int Serve(const TerminationSignals& signals) {
     TesuBpfService* const service = TesuBpfService::GetInstance();
     std::thread supervisor([service] { service->Wait(); });
     AnnounceServing(signals);
-    signals.wait();
+    WaitForEnd(signals, *service);
+    const std::string reason = service->restartReason();
     service->stop();
     supervisor.join();
-    return DAEMON_ENDED;
+    if (reason.empty()) {
+        return DAEMON_ENDED;
+    }
+    std::fprintf(stderr, "tesubpfd: %s: ending, to be started again\n", reason.c_str());
+    return DAEMON_TO_BE_RESTARTED;
+}
+
+bool IsSet(const Properties& properties, const char* name, const std::string& value) {
+    const auto found = properties.find(name);
+    return found != properties.end() && found->second == value;
+}
+
+// Nothing when the service can begin, or will wait for readiness by itself; otherwise the status
+// with which to end.
+std::optional<DaemonStatus> WaitUntilUsable(Properties& properties,
+                                            const TerminationSignals& signals) {
+    if (IsSet(properties, DISABLE_PROPERTY, "1") || IsSet(properties, READY_PROPERTY, "0")) {
+        return std::nullopt;
+    }
+    Result<> usable = CheckBpfAccess(PIN_DIR);
+    if (usable && !properties.contains(READY_PROPERTY)) {
+        if (const auto end = WaitForPins(signals)) {
+            return end;
+        }
+        properties[READY_PROPERTY] = "1";
+    }
+    if (usable) {
+        usable = CheckPins(PIN_DIR, IsSet(properties, KERNEL_VERSION_PROPERTY, "6.1"));
+    }
+    if (!usable) {
+        std::fprintf(stderr, "tesubpfd: %s\n", usable.error().c_str());
+        return DAEMON_FAILED;
+    }
+    return std::nullopt;
 }
 
 int Run(Properties properties, const TerminationSignals& signals) {
@@ -138,16 +184,11 @@ int Run(Properties properties, const TerminationSignals& signals) {
                      SERVICE_SOCKET_NAME);
         return DAEMON_ALREADY_SERVED;
     }
-    if (!properties.contains(READY_PROPERTY)) {
-        if (const auto end = WaitForPins(signals)) {
-            return *end;
-        }
-        properties[READY_PROPERTY] = "1";
+    properties.try_emplace(KERNEL_VERSION_PROPERTY, RunningKernelVersion());
+    if (const auto end = WaitUntilUsable(properties, signals)) {
+        return *end;
     }
-    if (!PrepareHost(std::move(properties))) {
-        return DAEMON_FAILED;
-    }
-    return Serve(signals);
+    return PrepareHost(properties) ? Serve(signals) : DAEMON_FAILED;
 }
 
 int Main(int argc, char** argv) {
@@ -165,6 +206,8 @@ int Main(int argc, char** argv) {
            "                     \"6.1\" switches the GPL set of programs on\n"
            "  sys.tesu_bpf_ready default: \"1\" once the eBPF maps are pinned, for which the\n"
            "                     daemon waits; given here, it does not wait\n"
+           "  sys.tesu_bpf_watch_pins  seconds between two looks whether other programs were\n"
+           "                     pinned, for which the daemon ends; default: 10, \"0\": never\n"
            "  persist.sys.stability.bpfframework.disable  \"1\" disables the service\n"
            "and under persist.sys.stability.bpfframework, \"0\" for no limit:\n"
            "  client_queue_bytes most that is kept for a client that does not read; default\n"

@@ -16,6 +16,9 @@ const char* RssMemberName(int32_t member);
 // "process" or "thread"; nullptr for a number that is neither.
 const char* TaskTypeName(int32_t taskType);
 
+// "core" or "gpl"; nullptr for a number that is neither.
+const char* RingName(int32_t ring);
+
 template <class Record, class Member>
 struct EventField {
     // nameOf: the name of a value, nullptr for one that has none. Without it values have no names.
@@ -115,5 +118,11 @@ inline constexpr auto EVENT_FIELDS<MemoryNotification> =
                EventField{"old_rss_anon_bytes", &MemoryNotification::rssAnonOldSize},
                EventField{"old_swap_bytes", &MemoryNotification::rssSwapOldSize},
                EventField{"old_rss_shmem_bytes", &MemoryNotification::rssShmemOldSize}};
+
+template <>
+inline constexpr auto EVENT_FIELDS<RecordsLostNotification> =
+    std::tuple{EventField{"ring", &RecordsLostNotification::ring, RingName},
+               EventField{"lost", &RecordsLostNotification::lost},
+               EventField{"total", &RecordsLostNotification::total}};
 
 }  // namespace Tesu::Bpf

@@ -31,6 +31,7 @@ constexpr EventType ROWS[] = {
     Row<8>(NOTIFICATION_PROCESS_EXITED, "process-exited", "exited"),
     Row<9>(NOTIFICATION_THREAD_COUNT, "thread-count-change", "threads"),
     Row<10>(NOTIFICATION_MEMORY, "memory-change", "memory"),
+    Row<11>(NOTIFICATION_RECORDS_LOST, "records-lost", "lost"),
 };
 static_assert(std::size(ROWS) + 1 == std::variant_size_v<Event>);
 
@@ -60,6 +61,10 @@ const char* TaskTypeName(int32_t taskType) {
         default:
             return nullptr;
     }
+}
+
+const char* RingName(int32_t ring) {
+    return ring == 0 ? "core" : ring == 1 ? "gpl" : nullptr;
 }
 
 const char* RssMemberName(int32_t member) {

@@ -30,10 +30,11 @@ struct UnknownEvent {
 };
 
 // In the order of the table, the unknown last.
-using Event = std::variant<RawTesuTaskInitEvent, RawRssStatEvent, RawTaskCreateEvent,
-                           RawTaskExitEvent, RawDmabufAllocEvent, RawCgroupAttachEvent,
-                           RawFdUpdateEvent, ProcessCreatedNotification, ProcessExitedNotification,
-                           ThreadCountNotification, MemoryNotification, UnknownEvent>;
+using Event =
+    std::variant<RawTesuTaskInitEvent, RawRssStatEvent, RawTaskCreateEvent, RawTaskExitEvent,
+                 RawDmabufAllocEvent, RawCgroupAttachEvent, RawFdUpdateEvent,
+                 ProcessCreatedNotification, ProcessExitedNotification, ThreadCountNotification,
+                 MemoryNotification, RecordsLostNotification, UnknownEvent>;
 
 struct EventType {
     uint32_t type;

@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The notifications that the service derives from the kernel's records, as a client receives them.
-// Packed, little-endian; they carry no time. Sizes are bytes.
+// The notifications of the service, as a client receives them: what it derives from the kernel's
+// records, and what became of those that did not reach it. Little-endian, without hidden padding;
+// but for the last they carry no time. Sizes are bytes.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "records/raw_event.h"
@@ -15,6 +17,7 @@ enum NotificationType : uint32_t {
     NOTIFICATION_PROCESS_EXITED = 50002,
     NOTIFICATION_THREAD_COUNT = 50003,
     NOTIFICATION_MEMORY = 50004,
+    NOTIFICATION_RECORDS_LOST = 50005,
 };
 
 struct ProcessCreatedNotification {
@@ -59,5 +62,17 @@ struct MemoryNotification {
     int64_t rssShmemOldSize;
 };
 static_assert(sizeof(MemoryNotification) == 96, "wire layout");
+
+// Records of a ring buffer were lost: found it full, or came before the service started. Sent
+// within a second of the loss: what a client knows of tasks may be wrong from then on.
+struct RecordsLostNotification {
+    RawEventHeader header;  // time: when the loss was seen
+    int32_t ring;           // 0: core set of programs, 1: GPL set
+    uint32_t padding;       // 0
+    uint64_t lost;          // records of this ring, since the last notification of it
+    uint64_t total;         // records of this ring, since the programs were loaded
+};
+static_assert(sizeof(RecordsLostNotification) == 40, "wire layout");
+static_assert(offsetof(RecordsLostNotification, lost) == 24, "wire layout");
 
 }  // namespace Tesu::Bpf

@@ -17,6 +17,7 @@ void SetHostDefaults() {
         {QUEUE_BYTES_PROPERTY, "67108864"},
         {CLIENT_TYPES_PROPERTY, "256"},
         {CLIENTS_PROPERTY, "256"},
+        {WATCH_PINS_PROPERTY, "10"},
     };
     for (const auto& [name, value] : DEFAULTS) {
         if (android::base::GetProperty(name, "").empty() &&

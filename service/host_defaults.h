@@ -8,7 +8,7 @@
 namespace Tesu::Bpf {
 
 // Sets those of the service's properties (records/contract.h) that are not set yet: limits for
-// clients. Before BpfServiceMain().
+// clients, and a look at the pins every ten seconds. Before BpfServiceMain().
 TESU_API void SetHostDefaults();
 
 }  // namespace Tesu::Bpf

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The two monitors: each opens its ring buffer, has its programs enabled and drains it.
+#include "service/ring_monitor.h"
+
 #include <bpf/bpf.h>
 #include <poll.h>
 #include <time.h>
@@ -20,8 +22,8 @@
 #include "service/ring_reader.h"
 #include "service/ring_replacement.h"
 #include "service/stale_entries.h"
-#include "service/tesu_bpf_service.h"
 #include "util/log.h"
+#include "util/monotonic_clock.h"
 
 namespace Tesu::Bpf {
 
@@ -34,28 +36,15 @@ constexpr std::chrono::seconds POLL_ERROR_PAUSE{1};
 constexpr int UNWAKEABLE_TIMEOUT_MS = 500;
 // Counter kind of successful polls, beside the record types.
 constexpr int POLL_COUNTER = 7;
+// Records after which a reading is interrupted, for what is due beside it: a ring that never runs
+// empty would put that off for ever. Some ten milliseconds.
+constexpr uint64_t READING_LIMIT = 8192;
+// What such a reading ends with.
+constexpr int READING_INTERRUPTED = -EAGAIN;
 // Bytes after which a 32-bit kernel's ring is replaced: half of what it can count.
 constexpr uint64_t REPLACE_RING_AT = uint64_t{1} << 31;
 
 }  // namespace
-
-struct TesuBpfService::RingMonitor {
-    int which;
-    const char* name;
-    const char* ringPath;
-    const char* currentPath;
-    const char* statusPath;
-    const char* stopMessage;
-    // Tell the kernel programs of what was there before them: when the core class is on, and when
-    // the normal class is on too (or null).
-    int (TesuBpfService::*seedCore)();
-    int (TesuBpfService::*seedNormal)();
-
-    std::unique_ptr<RingReader> reader{};
-    // Until the programs are switched on, records are those of before and are dropped.
-    bool isDropping = true;
-    uint64_t dropped = 0;
-};
 
 int TesuBpfService::eventMonitor() {
     return runMonitor({
@@ -84,8 +73,21 @@ int TesuBpfService::gpleventMonitor() {
 }
 
 int TesuBpfService::runMonitor(RingMonitor monitor) {
+    std::atomic<RingMonitorState>& state = ringAccounts[monitor.which].monitor;
+    state = RingMonitorState::RUNNING;
+    const int result = drainRing(monitor);
+    state = result == 0 ? RingMonitorState::STOPPED : RingMonitorState::FAILED;
+    if (result != 0 && !monitor.hasNoPins) {
+        requestRestart(std::string("a ring buffer is not read any more, as its ") + monitor.name +
+                       " ended with an error");
+    }
+    return result;
+}
+
+int TesuBpfService::drainRing(RingMonitor& monitor) {
     const auto fail = [&](const char* format, int mapFd) {
         TESU_LOGE(TESU_LOG_SERVICE, format, monitor.name, strerror(errno), mapFd);
+        monitor.hasNoPins = mapFd < 0 && errno == ENOENT;
         errno = 0;
         return -1;
     };
@@ -110,6 +112,9 @@ int TesuBpfService::runMonitor(RingMonitor monitor) {
         return fail("[TesuBpfService][%s] TESUBPF: Set up ringbuf failed: %s, ringbufMap fd: %d",
                     ringFd.get());
     }
+    ringAccounts[monitor.which].size = monitor.reader->size();
+    monitor.lossWatch = LossWatch(monitor.reader->size());
+    monitor.lostSeen = monitor.lostLogged = countLosses(monitor);
     const std::optional<bool> has32BitPositions = IsRingPosition32Bits();
     if (!has32BitPositions) {
         TESU_LOGW(TESU_LOG_SERVICE,
@@ -148,7 +153,9 @@ void TesuBpfService::dropBacklog(RingMonitor& monitor, RingReplacement& replacem
         TESU_LOGW(TESU_LOG_SERVICE,
                   "[TesuBpfService][%s] %llu records from before the start were dropped",
                   monitor.name, static_cast<unsigned long long>(monitor.dropped));
-        AddLostRecords(statusMap(monitor.which), monitor.dropped);
+        if (!AddLostRecords(statusMap(monitor.which), monitor.dropped)) {
+            monitor.uncounted = monitor.dropped;
+        }
     }
 }
 
@@ -156,6 +163,7 @@ void TesuBpfService::replaceRing(RingMonitor& monitor, RingReplacement& replacem
     if (replacement.replace(&monitor.reader, onRingRecord, &monitor)) {
         // The descriptor would keep the old ring's memory.
         ringbufMapFd[monitor.which].reset(bpf_obj_get(monitor.ringPath));
+        monitor.lossWatch = LossWatch(monitor.reader->size());
         TESU_LOGI(TESU_LOG_SERVICE, "[TesuBpfService][%s] the ring buffer was replaced",
                   monitor.name);
     } else {
@@ -166,22 +174,31 @@ void TesuBpfService::replaceRing(RingMonitor& monitor, RingReplacement& replacem
 
 int TesuBpfService::pollRing(RingMonitor& monitor, RingReplacement& replacement) {
     const RingPace pace(monitor.reader->size());
+    RingAccount& account = ringAccounts[monitor.which];
     std::optional<std::chrono::nanoseconds> rest;
     int errors = 0;
+    lookForLosses(monitor);
     while (running) {
         int result = rest ? restFor(*rest) : waitForRecords(monitor);
         int error = errno;
         if (result >= 0) {
             const RecordBatch batch;
             const uint64_t begin = monitor.reader->position();
+            account.noteWaiting(monitor.reader->waiting());
             result = monitor.reader->consume();
             error = errno;  // what follows makes calls of its own
             rest = pace.restAfter(monitor.reader->position() - begin);
+            account.taken.store(monitor.taken, std::memory_order_relaxed);
+            if (result == READING_INTERRUPTED) {
+                result = 0;
+                rest = std::chrono::nanoseconds(0);
+            }
         }
         // A poll that stop() woke or cut short is no error, and none that counts.
         if (!running) {
             break;
         }
+        lookForLosses(monitor);
         if (result >= 0) {
             TesuBpfDataState::GetInstance()->RecordEvent(POLL_COUNTER, 1);
             checkBpfRingBuffStatus(monitor.which, false);
@@ -217,15 +234,19 @@ int TesuBpfService::restFor(std::chrono::nanoseconds duration) {
     return 0;
 }
 
-// Until the ring has records or the service stops: negative on failure. libbpf's own wait cannot be
-// woken by stop(), so its descriptor is waited for together with stop()'s.
+// Until the ring has records, may have lost some, or the service stops: negative on failure.
+// libbpf's own wait cannot be woken by stop(), so its descriptor is waited for together with
+// stop()'s.
 int TesuBpfService::waitForRecords(const RingMonitor& monitor) {
     EventManager::GetInstance()->sendLater();
     pollfd waited[] = {
         {.fd = monitor.reader->epollFd(), .events = POLLIN, .revents = 0},
         {.fd = stopFd.get(), .events = POLLIN, .revents = 0},
     };
-    return ::poll(waited, std::size(waited), stopFd.ok() ? -1 : UNWAKEABLE_TIMEOUT_MS);
+    const int untilLook =
+        monitor.lossWatch.timeout(monitor.reader->written(), MonotonicNanoseconds());
+    const bool isUnwakeable = untilLook < 0 && !stopFd.ok();
+    return ::poll(waited, std::size(waited), isUnwakeable ? UNWAKEABLE_TIMEOUT_MS : untilLook);
 }
 
 int TesuBpfService::onRingRecord(void* monitor, void* data, size_t size) {
@@ -234,11 +255,17 @@ int TesuBpfService::onRingRecord(void* monitor, void* data, size_t size) {
     if (owner.isDropping) {
         ++owner.dropped;
     } else {
+        ++owner.taken;
         result = handleBpfRingBuffEvent(nullptr, data, static_cast<unsigned>(size));
     }
+    if (result < 0) {
+        return result;
+    }
     // A ring that never runs empty would keep the poll, and with it stop(), waiting for ever.
-    const TesuBpfService* service = instance.load(std::memory_order_relaxed);
-    return result >= 0 && !service->running ? -ECANCELED : result;
+    if (!instance.load(std::memory_order_relaxed)->running) {
+        return -ECANCELED;
+    }
+    return !owner.isDropping && owner.taken % READING_LIMIT == 0 ? READING_INTERRUPTED : 0;
 }
 
 }  // namespace Tesu::Bpf

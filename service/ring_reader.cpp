@@ -29,13 +29,12 @@ std::unique_ptr<RingReader> RingReader::Open(int mapFd, ring_buffer_sample_fn on
     }
     reader->ringSize = info.max_entries;
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    if (!reader->map(&reader->consumerPage, mapFd, page, PROT_READ | PROT_WRITE, 0)) {
+    if (!reader->map(&reader->consumerPage, mapFd, page, PROT_READ | PROT_WRITE, 0) ||
+        !reader->mapProducer(mapFd)) {
         return nullptr;
     }
     if constexpr (NEEDS_HELP_OVER_WRAP) {
-        if (!reader->mapForWrap(mapFd, onRecord, ctx)) {
-            return nullptr;
-        }
+        reader->helpOverWrap(onRecord, ctx);
         onRecord = RingWrap::onLibraryRecord;
         ctx = reader->wrap.get();
     }
@@ -53,27 +52,34 @@ bool RingReader::map(Mapping* mapping, int mapFd, size_t size, int protection, s
 }
 
 // The kernel shows a ring as the consumer's page, the producer's page, and the records twice.
-bool RingReader::mapForWrap(int mapFd, ring_buffer_sample_fn onRecord, void* ctx) {
-    if (ringSize > MAX_RING_SIZE) {
+bool RingReader::mapProducer(int mapFd) {
+    if (NEEDS_HELP_OVER_WRAP && ringSize > MAX_RING_SIZE) {
         errno = EFBIG;
         return false;
     }
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    if (!map(&producerPageAndRecords, mapFd, page + 2 * size_t{ringSize}, PROT_READ, page)) {
-        return false;
-    }
-    const auto* producerPage = static_cast<const char*>(producerPageAndRecords.address);
+    const size_t records = NEEDS_HELP_OVER_WRAP ? 2 * size_t{ringSize} : 0;
+    return map(&producerPage, mapFd, page + records, PROT_READ, page);
+}
+
+void RingReader::helpOverWrap(ring_buffer_sample_fn onRecord, void* ctx) {
+    const auto* producer = static_cast<const char*>(producerPage.address);
     wrap = std::make_unique<RingWrap>(
         RingWrap::Ring{.consumer = static_cast<uint64_t*>(consumerPage.address),
-                       .producer = reinterpret_cast<const uint32_t*>(producerPage),
-                       .records = producerPage + page,
+                       .producer = reinterpret_cast<const uint32_t*>(producer),
+                       .records = producer + sysconf(_SC_PAGESIZE),
                        .size = ringSize},
         onRecord, ctx);
-    return true;
+}
+
+// The low words, since a kernel's positions may have no more.
+uint32_t RingReader::waiting() const {
+    const auto* producer = static_cast<const uint32_t*>(producerPage.address);
+    return __atomic_load_n(producer, __ATOMIC_ACQUIRE) - static_cast<uint32_t>(position());
 }
 
 RingReader::~RingReader() {
-    for (const Mapping& mapping : {consumerPage, producerPageAndRecords}) {
+    for (const Mapping& mapping : {consumerPage, producerPage}) {
         if (mapping.address != nullptr) {
             munmap(mapping.address, mapping.size);
         }

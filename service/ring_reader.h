@@ -34,6 +34,10 @@ class RingReader {
     int consume();
     // Bytes read of this ring since it was made, with the records' headers.
     uint64_t position() const { return *static_cast<const uint64_t*>(consumerPage.address); }
+    // Bytes that wait, with the records' headers, as of a moment ago.
+    uint32_t waiting() const;
+    // Bytes ever written into this ring.
+    uint64_t written() const { return position() + waiting(); }
     // Of the ring, in bytes.
     uint32_t size() const { return ringSize; }
 
@@ -48,14 +52,15 @@ class RingReader {
 
     RingReader() = default;
     bool map(Mapping* mapping, int mapFd, size_t size, int protection, size_t offset);
-    bool mapForWrap(int mapFd, ring_buffer_sample_fn onRecord, void* ctx);
+    bool mapProducer(int mapFd);
+    void helpOverWrap(ring_buffer_sample_fn onRecord, void* ctx);
 
     LibraryReader library{nullptr, &ring_buffer__free};
     Mapping consumerPage;
+    // In a 32-bit process the records follow.
+    Mapping producerPage;
     uint32_t ringSize = 0;
-    // These are of a 32-bit process only.
-    Mapping producerPageAndRecords;
-    std::unique_ptr<RingWrap> wrap;
+    std::unique_ptr<RingWrap> wrap;  // in a 32-bit process only
 };
 
 }  // namespace Tesu::Bpf

@@ -37,6 +37,10 @@ int TesuBpfService::statusMap(int which) {
     return statusMapFd[which].get();
 }
 
+RingStatistics TesuBpfService::ringStatistics(int which) const {
+    return IsRing(which) ? ringAccounts[which].read() : RingStatistics{};
+}
+
 bool TesuBpfService::checkBpfRingBuffStatus(int which, bool force) {
     if (!IsRing(which)) {
         return false;

@@ -6,11 +6,15 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <system_error>
 #include <utility>
 
+#include "proc/proc_text.h"
+#include "records/contract.h"
 #include "service/service_affinity.h"
 #include "service/tesu_bpf_service.h"
 #include "util/log.h"
@@ -24,6 +28,12 @@ using std::chrono::seconds;
 
 constexpr seconds READINESS_STEP{1};
 constexpr seconds SUPERVISION_STEP{60};
+constexpr int64_t LONGEST_INTERVAL = 86400;
+
+int64_t SecondsOf(const char* property) {
+    return std::clamp<int64_t>(ParseNumber(android::base::GetProperty(property, "0")), 0,
+                               LONGEST_INTERVAL);
+}
 
 template <class Body>
 std::thread CreateThread(Body body) {
@@ -68,6 +78,16 @@ void TesuBpfService::createGplThreadIfDue() {
     }
 }
 
+void TesuBpfService::createCareThreadIfDue() {
+    const seconds interval(SecondsOf(WATCH_PINS_PROPERTY));
+    if (ready && running && !careThread.joinable() && interval.count() > 0) {
+        careThread = CreateThread([this, interval] {
+            PrepareThread("BpfServiceCare", "care");
+            care(interval);
+        });
+    }
+}
+
 bool TesuBpfService::sleepUnlessStopped(std::chrono::milliseconds duration) {
     MutexLock lock(servicelock);
     return servicelock.waitFor(stopCondition, duration, [this] { return !running; });
@@ -90,6 +110,7 @@ int TesuBpfService::eventProduceThread() {
         MutexLock lock(servicelock);
         ready = true;
         createGplThreadIfDue();
+        createCareThreadIfDue();
     }
     const int failures = AttachPrograms(PROG_EVENT_MAP, "eventProduceThread");
     eventMonitor();
@@ -112,6 +133,7 @@ int TesuBpfService::Wait() {
         if (running) {
             createCoreThread();
             createGplThreadIfDue();
+            createCareThreadIfDue();
         }
     } while (!sleepUnlessStopped(SUPERVISION_STEP));
     stop();
@@ -120,10 +142,10 @@ int TesuBpfService::Wait() {
     return 0;
 }
 
-// Core first: it may still be about to create the GPL thread. The handles are taken out of the
+// Core first: it may still be about to create the others. The handles are taken out of the
 // object, since a poll thread needs servicelock to end.
 void TesuBpfService::joinPollThreads() {
-    for (std::thread* handle : {&eventThread, &gplEventThread}) {
+    for (std::thread* handle : {&eventThread, &gplEventThread, &careThread}) {
         std::thread ending;
         {
             MutexLock lock(servicelock);

@@ -50,7 +50,8 @@ TesuBpfService::TesuBpfService()
                                                        size);
           },
           getProcessInfo),
-      stopFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+      stopFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+      restartEvent(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
     IpcHandlerState callbacks;
     callbacks.saveUnuseBuffer = true;
     callbacks.closeOnError = true;

@@ -7,14 +7,17 @@
 //   GetInstance()->Wait()       supervises until stop(), then joins the poll threads
 //   GetInstance()->stop()       from any thread but a poll thread; ends everything within a second
 //
-// A service that was stopped is not started again. It never destroys the object itself.
+// A service that was stopped is not started again. It never destroys the object itself. One that
+// cannot go on as it should says so by restartFd(): its host then ends, to be started again.
 //
 // Threads: "BpfServicePoll" runs eventProduceThread, "BpfServicePGpl" gpleventProduceThread,
-// "BpfServiceTr" (the socket loop) the client callbacks.
+// "BpfServiceTr" (the socket loop) the client callbacks, "BpfServiceCare" what is looked after from
+// time to time, if a property asks for it.
 //
 // Host properties that are read: "persist.sys.stability.bpfframework.disable" ("1" disables the
 // service), "sys.tesu_bpf_ready" ("0": programs are not pinned yet), "ro.kernel.version" ("6.1"
-// starts the GPL thread). On a host that is not Android they must be set before BpfServiceMain().
+// starts the GPL thread), "sys.tesu_bpf_watch_pins" (seconds between two looks at the pins). On a
+// host that is not Android they must be set before BpfServiceMain().
 #pragma once
 
 #include <android-base/unique_fd.h>
@@ -39,6 +42,7 @@
 #include "ipc/unix_ipc_manager.h"
 #include "service/bpf_program.h"
 #include "service/client_limits.h"
+#include "service/ring_statistics.h"
 #include "task/task_event_handlers.h"
 #include "util/export.h"
 #include "util/mutex.h"
@@ -51,6 +55,9 @@ class RingReplacement;
 // stopped before.
 // Throws std::system_error when the poll thread cannot be created.
 TESU_API bool BpfServiceMain();
+
+// Exit status of a host that is to be started again.
+inline constexpr int EXIT_TO_BE_RESTARTED = 5;
 
 // Index of a ring buffer in the service's arrays.
 enum RingIndex { RING_CORE = 0, RING_GPL = 1, RING_COUNT = 2 };
@@ -69,6 +76,13 @@ class TESU_API TesuBpfService {
     int stop();
     static bool checkKernelVersion();
 
+    // Readable from the moment on at which only a new process can help: a monitor ended with an
+    // error (but for want of pins, which nobody's restart brings), or, if looked for, other
+    // programs were pinned than those in use. Borrowed.
+    int restartFd() const { return restartEvent.get(); }
+    // Why, in words that follow the name of the host; empty while there is no reason. Any thread.
+    std::string restartReason();
+
     // Bodies of the poll threads. Result of the attachment (number of failures), 0 when stopped
     // before it.
     int eventProduceThread();
@@ -86,6 +100,8 @@ class TESU_API TesuBpfService {
     // False when the buffer had lost records for want of space (the mark is then cleared) and for
     // an index that is none. Without `force` the kernel is asked at most every 30 seconds.
     bool checkBpfRingBuffStatus(int which, bool force);
+    // Any thread; nothing but zeros for an index that is none.
+    RingStatistics ringStatistics(int which) const;
     bool enableCoreBpf(int which, bool enable);
     bool enableNormalBpf(int which, bool enable);
 
@@ -148,11 +164,19 @@ class TESU_API TesuBpfService {
 
     void createCoreThread() REQUIRES(servicelock);
     void createGplThreadIfDue() REQUIRES(servicelock);
+    void createCareThreadIfDue() REQUIRES(servicelock);
     void joinPollThreads();
+    // Body of the care thread: looks at the pins each `interval` until stop().
+    void care(std::chrono::seconds interval);
+    bool hasOtherPins();
+    void requestRestart(const std::string& reason);
     // True when stopped, at the latest after `duration`.
     bool sleepUnlessStopped(std::chrono::milliseconds duration);
 
     int runMonitor(RingMonitor monitor);
+    int drainRing(RingMonitor& monitor);
+    void lookForLosses(RingMonitor& monitor);
+    uint64_t countLosses(const RingMonitor& monitor);
     void dropBacklog(RingMonitor& monitor, RingReplacement& replacement);
     int pollRing(RingMonitor& monitor, RingReplacement& replacement);
     void replaceRing(RingMonitor& monitor, RingReplacement& replacement);
@@ -176,6 +200,7 @@ class TESU_API TesuBpfService {
     bool ready GUARDED_BY(servicelock) = false;
     // Seconds since the epoch; each element belongs to its poll thread.
     std::array<int64_t, RING_COUNT> lastStatusCheck{};
+    std::array<RingAccount, RING_COUNT> ringAccounts;
     // Each element belongs to its poll thread.
     std::array<android::base::unique_fd, RING_COUNT> ringbufMapFd;
     std::array<android::base::unique_fd, RING_COUNT> statusMapFd GUARDED_BY(servicelock);
@@ -186,6 +211,7 @@ class TESU_API TesuBpfService {
     TaskEventHandlers taskHandlers;
     std::thread eventThread GUARDED_BY(servicelock);
     std::thread gplEventThread GUARDED_BY(servicelock);
+    std::thread careThread GUARDED_BY(servicelock);
     std::unique_ptr<UnixIpcManager> ipcManager;
     // Made by start(), then the socket loop thread's.
     std::unique_ptr<ClientAdmission> admission;
@@ -199,6 +225,9 @@ class TESU_API TesuBpfService {
     // through the descriptor, which stays readable from stop() on.
     std::condition_variable stopCondition;
     android::base::unique_fd stopFd;
+
+    android::base::unique_fd restartEvent;
+    std::string reasonToRestart GUARDED_BY(servicelock);
 };
 
 }  // namespace Tesu::Bpf

@@ -51,7 +51,7 @@ ProcessView View() {
             {7, 1, 0, name, false, 1, 5, sizes, MIB, 0, 7259 * SECOND, rising, false, 0, 12});
         view.loops.push_back({name, 12, 125 * SECOND});
     }
-    view.totals = {7, 2, 99, 1.4, 2.6, 1e18};
+    view.totals = {7, 2, 99, 1.4, 2.6, 1e18, 1234, true};
     view.matching = 99;
     return view;
 }

@@ -18,7 +18,7 @@
 namespace Tesu::Bpf {
 namespace {
 
-constexpr size_t TOP_SUBSCRIPTIONS = 5;
+constexpr size_t TOP_SUBSCRIPTIONS = 6;
 
 class TopTest : public testing::Test {
   protected:

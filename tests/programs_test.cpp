@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The programs that are installed, together: loader, daemon and client, on the running kernel.
+#include <bpf/bpf.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
@@ -9,6 +10,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <iterator>
 #include <regex>
 #include <sstream>
@@ -131,6 +133,39 @@ TEST_F(ProgramsTest, TheDaemonWaitsForThePinsUntilItIsEnded) {
     daemon.sendSignal(SIGINT);
     EXPECT_EQ(daemon.waitForExit(), 0) << daemon.error;
     EXPECT_EQ(daemon.output, "");
+}
+
+TEST_F(ProgramsTest, TheDaemonEndsWhereItWouldServeSilence) {
+    const auto reload = [] {
+        OutputOf({TESUBPFLOAD_PATH, "--unload"});
+        OutputOf({TESUBPFLOAD_PATH, "--ring-size", "1048576"});
+    };
+    const auto expectEnd = [](int status, const std::string& reason,
+                              const std::function<void()>& change = {}) {
+        SetRingFlags(RING_CORE, 0);
+        ChildProcess daemon({TESUBPFD_PATH, "-p", "sys.tesu_bpf_watch_pins=1"});
+        if (change) {
+            ASSERT_TRUE(WaitUntil([] { return IsEnabled(RING_CORE); })) << daemon.error;
+            change();
+        }
+        EXPECT_EQ(daemon.waitForExit(), status);
+        EXPECT_THAT(daemon.error, HasSubstr(reason));
+    };
+    reload();
+    expectEnd(5, "other eBPF programs were pinned", reload);
+    expectEnd(5, "not read any more", [] {
+        // What others report between them would begin the count of errors anew.
+        SetRingFlags(RING_CORE, 0);
+        const RawEventHeader bad = {.type = 99, .padding = 0, .time = 0};
+        RecordInjector(RING_CORE).inject(&bad, sizeof(bad), 6);
+    });
+    const std::string pin = std::string(PIN_DIR) + "/" + OPEN_FD_MAP;
+    unlink(pin.c_str());
+    expectEnd(1, pin + " is missing");
+    ASSERT_EQ(bpf_obj_pin(OpenPin(CORE_STATUS_MAP).get(), pin.c_str()), 0);
+    expectEnd(1, pin + " is of another build");
+    umount("/sys/fs/bpf");
+    expectEnd(1, "no bpf file system");
 }
 
 TEST_F(ProgramsTest, SayWhatTheyCannotDo) {

@@ -13,6 +13,7 @@
 #include <tuple>
 
 #include "records/contract.h"
+#include "records/notification.h"
 #include "tests/support/kernel.h"
 #include "tests/support/records.h"
 #include "tests/support/wait_until.h"
@@ -33,12 +34,26 @@ RawDmabufAllocEvent Numbered(int64_t number, uint32_t type = RAW_EVENT_FD_UPDATE
     return record;
 }
 
+// What clients were told of losses, by ring.
+using Losses = std::map<int32_t, uint64_t>;
+
+// Whether it is a notification of one.
+bool AddLoss(const std::string& event, Losses* losses) {
+    const auto loss = As<RecordsLostNotification>(event);
+    if (loss.header.type != NOTIFICATION_RECORDS_LOST) {
+        return false;
+    }
+    EXPECT_GT(loss.lost, 0U);
+    EXPECT_EQ((*losses)[loss.ring] += loss.lost, loss.total);
+    return true;
+}
+
 // The next record that a test has put into a ring: those are of process 0. On a kernel with kprobes
 // real ones come between them.
-std::optional<RawEventHeader> NextNumbered(WireClient& client) {
+std::optional<RawEventHeader> NextNumbered(WireClient& client, Losses* losses = nullptr) {
     while (const auto package = client.next()) {
         const auto record = As<RawDmabufAllocEvent>(package->body);
-        if (record.pid == 0) {
+        if (!(losses != nullptr && AddLoss(package->body, losses)) && record.pid == 0) {
             return record.header;
         }
     }
@@ -46,11 +61,11 @@ std::optional<RawEventHeader> NextNumbered(WireClient& client) {
 }
 
 // Counts records by type until each of the streams has ended.
-std::map<uint32_t, uint64_t> ReceiveAll(WireClient& client, int streams) {
+std::map<uint32_t, uint64_t> ReceiveAll(WireClient& client, int streams, Losses* losses) {
     std::map<uint32_t, uint64_t> received;
     std::map<uint32_t, int64_t> last;
     std::optional<RawEventHeader> header;
-    while (streams > 0 && (header = NextNumbered(client))) {
+    while (streams > 0 && (header = NextNumbered(client, losses))) {
         EXPECT_GT(header->time, last[header->type]);
         last[header->type] = header->time;
         received[header->type] += header->time != LAST_NUMBER;
@@ -70,9 +85,11 @@ void EndStream(RecordInjector& injector, uint32_t type, uint64_t* refused) {
 using StreamTest = KernelServiceTest;
 
 TEST_F(StreamTest, ProducedIsReceivedAndLostOnBothRings) {
+    constexpr uint32_t RING_BYTES = 4096;
     const uint64_t records = Scaled(Scaled(10000000));  // of each ring
-    ASSERT_NO_FATAL_FAILURE(startService(64 * 1024, "6.1"));
-    ASSERT_NO_FATAL_FAILURE(subscribe({RAW_EVENT_FD_UPDATE, RAW_EVENT_DMABUF_SIZE}));
+    ASSERT_NO_FATAL_FAILURE(startService(RING_BYTES, "6.1"));
+    ASSERT_NO_FATAL_FAILURE(
+        subscribe({RAW_EVENT_FD_UPDATE, RAW_EVENT_DMABUF_SIZE, NOTIFICATION_RECORDS_LOST}));
     // First as fast as it goes, so that the ring is full again and again; then in step with the
     // reader.
     const auto produce = [records](RingIndex ring, uint32_t type) {
@@ -93,12 +110,24 @@ TEST_F(StreamTest, ProducedIsReceivedAndLostOnBothRings) {
     };
     auto core = std::async(std::launch::async, produce, RING_CORE, RAW_EVENT_FD_UPDATE);
     auto gpl = std::async(std::launch::async, produce, RING_GPL, RAW_EVENT_DMABUF_SIZE);
-    auto received = ReceiveAll(client, 2);
+    Losses losses;
+    auto received = ReceiveAll(client, 2, &losses);
     for (const auto& [ring, type, result] : {std::tuple(RING_CORE, RAW_EVENT_FD_UPDATE, core.get()),
                                              {RING_GPL, RAW_EVENT_DMABUF_SIZE, gpl.get()}}) {
         EXPECT_EQ(received[type], result.sent);
         // Other tasks of the machine may have met the full ring too.
         EXPECT_GE(LostRecords(ring), result.refused);
+        SetRingFlags(ring, 0);
+        while (losses[ring] < LostRecords(ring)) {
+            const auto package = client.next();
+            ASSERT_TRUE(package.has_value()) << "losses are not told";
+            AddLoss(package->body, &losses);
+        }
+        const RingStatistics statistics = service->ringStatistics(ring);
+        EXPECT_EQ(losses[ring], LostRecords(ring));
+        EXPECT_EQ(statistics.lost, LostRecords(ring));
+        EXPECT_GE(statistics.taken, result.sent);
+        EXPECT_NEAR(statistics.fullest, RING_BYTES, RING_BYTES / 2);
     }
 }
 
@@ -145,7 +174,7 @@ TEST_F(StreamTest, SixPollErrorsInARowEndTheMonitorFiveDoNot) {
     EXPECT_NEAR(ReadRingStatus(RING_CORE, RING_AVAIL_DATA), RING_BYTES - 128, 128);
 }
 
-TEST_F(StreamTest, StopEndsAStreamThatNeverRunsEmpty) {
+TEST_F(StreamTest, AStreamThatNeverRunsEmptyTellsItsLossesAndIsStopped) {
     ASSERT_NO_FATAL_FAILURE(startService());
     const auto produce = [](const std::stop_token& stop) {
         RecordInjector injector(RING_CORE);
@@ -155,8 +184,9 @@ TEST_F(StreamTest, StopEndsAStreamThatNeverRunsEmpty) {
         }
     };
     const std::jthread producers[] = {std::jthread(produce), std::jthread(produce)};
-    ASSERT_NO_FATAL_FAILURE(subscribe({RAW_EVENT_FD_UPDATE}));
-    EXPECT_TRUE(NextNumbered(client).has_value());
+    // While it goes on, what finds the ring full is told.
+    ASSERT_NO_FATAL_FAILURE(subscribe({NOTIFICATION_RECORDS_LOST}));
+    EXPECT_TRUE(client.next().has_value());
     service->stop();
     waitResult.get();  // or the time limit of the tests ends it
 }

@@ -139,6 +139,15 @@ Line Describe(const MemoryNotification& event) {
                 ParentAndUser(event.ppid, event.uid)};
 }
 
+Line Describe(const RecordsLostNotification& event) {
+    const char* const ring = RingName(event.ring);
+    return {"LOST", RED,
+            StringPrintf("%llu records, %llu in all, of the ",
+                         static_cast<unsigned long long>(event.lost),
+                         static_cast<unsigned long long>(event.total)) +
+                (ring != nullptr ? ring : StringPrintf("%d.", event.ring)) + " ring"};
+}
+
 Line Describe(const UnknownEvent& event) {
     return {"?", PLAIN,
             (event.type ? StringPrintf("type %u, ", *event.type) : "no type, ") +

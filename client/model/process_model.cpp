@@ -16,6 +16,8 @@ constexpr int64_t START_TOLERANCE = 20'000'000;
 constexpr int64_t EXIT_LAG = 20'000'000;
 // From the last process that the starting service reports until it reports everything.
 constexpr int64_t SERVICE_START_TIME = 1'000'000'000;
+// From a loss until /proc is read again, and so between two readings while losses go on.
+constexpr int64_t LOSS_DELAY = 3'000'000'000;
 // Loops that a view names at most.
 constexpr size_t MAX_LOOPS = 8;
 
@@ -160,6 +162,12 @@ void ProcessModel::applyKnown(const RawFdUpdateEvent& event) {
     }
 }
 
+void ProcessModel::applyKnown(const RecordsLostNotification& event) {
+    recordsLost += event.lost;
+    lossTime = event.header.time;
+    procDue = procDue.value_or(event.header.time + LOSS_DELAY);
+}
+
 void ProcessModel::applyKnown(const RawTaskCreateEvent& event) {
     const int64_t time = event.header.time;
     if (event.taskType == RAW_TASK_THREAD) {
@@ -301,6 +309,8 @@ void ProcessModel::advanceTo(int64_t time) {
 ProcessView ProcessModel::view(const ViewRequest& request) {
     ProcessView view;
     view.totals = rates;
+    view.totals.recordsLost = recordsLost;
+    view.totals.isLosing = lossTime && now - *lossTime < LOSS_SHOWN;
     std::vector<Process*> matching;
     matching.reserve(table.size());
     for (auto& [pid, process] : table) {

@@ -63,6 +63,8 @@ struct ProcessTotals {
     double forksPerSecond = 0;
     double exitsPerSecond = 0;
     double recordsPerSecond = 0;
+    uint64_t recordsLost = 0;  // that the service told of since the model began
+    bool isLosing = false;     // within the last seconds
 };
 
 // Negative when `a` comes before `b`, positive when behind it. History and hints are not set yet.
@@ -98,6 +100,9 @@ class ProcessModel {
     // third time only if it still had the name of the fork.
     static constexpr std::array<int64_t, 3> REFRESH_DELAYS = {200'000'000, 1'000'000'000,
                                                               5'000'000'000};
+    // Losses are called recent for so long, which is longer than between two notifications of
+    // losses that go on.
+    static constexpr int64_t LOSS_SHOWN = 5'000'000'000;
 
     // All that was found in /proc. begin: right before it was read. What is known and was not
     // found has gone, unless it was forked since.
@@ -105,8 +110,8 @@ class ProcessModel {
 
     void apply(const Event& event);
 
-    // Whether the service has started since /proc was read: there were no events of what happened
-    // before.
+    // Whether the service has started or lost records since /proc was read: there were no events of
+    // some of what happened.
     bool wantsProc(int64_t now) const { return procDue && now >= *procDue; }
 
     // Processes that are due to be refreshed, at most `limit`; each is given out once and answered
@@ -141,6 +146,7 @@ class ProcessModel {
     void applyKnown(const RawTaskCreateEvent& event);
     void applyKnown(const RawTaskExitEvent& event);
     void applyKnown(const RawFdUpdateEvent& event);
+    void applyKnown(const RecordsLostNotification& event);
 
     Process* find(int32_t pid);
     Process& startAnew(int32_t pid, int64_t startTime);
@@ -168,6 +174,8 @@ class ProcessModel {
     Counts countsBefore;  // at rateTime
     int64_t rateTime = 0;
     ProcessTotals rates;  // the three rates of it
+    uint64_t recordsLost = 0;
+    std::optional<int64_t> lossTime;  // of the last one
 };
 
 }  // namespace Tesu::Bpf

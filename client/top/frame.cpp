@@ -74,11 +74,16 @@ std::pair<const char*, Style> Describe(ConnectionItem::Kind connection) {
     }
 }
 
-StyledLine StatusLine(const FrameState& state, size_t width) {
+StyledLine StatusLine(const FrameState& state, const ProcessTotals& totals, size_t width) {
     LineBuilder line(width);
     line.add(" tesubpf top  ", Style::STRONG);
     const auto [text, style] = Describe(state.connection);
     line.add(text, style);
+    if (totals.recordsLost > 0) {
+        line.add(StringPrintf("  %llu records LOST",
+                              static_cast<unsigned long long>(totals.recordsLost)),
+                 totals.isLosing ? Style::BAD : Style::WARNING);
+    }
     if (state.isPaused) {
         line.add("  ");
         line.add("PAUSED", Style::WARNING);
@@ -178,7 +183,7 @@ std::vector<StyledLine> MakeFrame(const ProcessView& view, const FrameState& sta
     if (width == 0 || height == 0) {
         return lines;
     }
-    lines.push_back(StatusLine(state, width));
+    lines.push_back(StatusLine(state, view.totals, width));
     const bool isFull = height >= FULL_HEIGHT;
     if (isFull) {
         lines.push_back(TotalsLine(view.totals, width));

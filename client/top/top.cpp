@@ -236,7 +236,7 @@ int Top::print() {
 int RunTop(const TopOptions& options, const TerminationSignals& signals) {
     Result<ServiceConnection> connection = ServiceConnection::open(
         options.socketName, {RAW_EVENT_TASK_INIT, RAW_EVENT_RSS_STAT, RAW_EVENT_TASK_CREATE,
-                             RAW_EVENT_TASK_EXIT, RAW_EVENT_FD_UPDATE});
+                             RAW_EVENT_TASK_EXIT, RAW_EVENT_FD_UPDATE, NOTIFICATION_RECORDS_LOST});
     if (!connection) {
         return Fail(EXIT_FAILED, connection.error());
     }
