@@ -17,6 +17,7 @@
 #include "client/dump/dump.h"
 #include "client/events/event_names.h"
 #include "client/exit_status.h"
+#include "client/status/status.h"
 #include "client/text/terminal_text.h"
 #include "client/top/columns.h"
 #include "client/top/top.h"
@@ -42,6 +43,14 @@ writes under /data/tesulog/stability/tesubpfframework.
 Exit status: 0 printed; 1 no daemon, or it gave no dump; 2 wrong usage; 3 the output could not be
 written.)";
 
+constexpr const char* STATUS_FOOTER = R"(
+RING: records TAKEN since the daemon started, LOST since the programs were loaded because the ring was
+full, and how full it ever was. CLIENT: what is QUEUED for it, how many events it was SENT, and how many
+were DROPPED because memory had run out. A client that is too slow is disconnected.
+
+Exit status: 0 printed; 1 no daemon, or it does not report; 2 wrong usage; 3 the output could not be
+written.)";
+
 constexpr const char* TOP_FOOTER = R"(
 Begins with what /proc shows and follows the daemon's events from there; without a daemon the figures
 stand still until there is one. Press ? for the keys. Colours are left out when NO_COLOR is set.
@@ -57,6 +66,7 @@ struct Command {
     WatchOptions watch;
     bool withoutKernelTasks = false;
     bool withAllColumns = false;
+    bool asJson = false;
     TopOptions top;
     std::string sortName = OrderColumns().front()->order.name;
     // The subcommand. Returns the exit status.
@@ -144,6 +154,19 @@ void AddCounters(CLI::App& app, Command& command) {
     });
 }
 
+void AddStatus(CLI::App& app, Command& command) {
+    CLI::App* const status =
+        app.add_subcommand("status", "Show how the daemon stands: losses, programs, clients");
+    status->add_flag("--json", command.asJson, "As a JSON object");
+    AddSocketOption(status, command);
+    status->footer(STATUS_FOOTER);
+    status->callback([&command] {
+        command.run = [](Command& chosen, const TerminationSignals& signals) {
+            return RunStatus(chosen.socketName, chosen.asJson, signals);
+        };
+    });
+}
+
 int Top(Command& command, const TerminationSignals& signals) {
     const std::vector<const Column*> orders = OrderColumns();
     const auto chosen = std::find_if(orders.begin(), orders.end(), [&](const Column* column) {
@@ -197,6 +220,7 @@ int Main(int argc, char** argv) {
     AddWatch(app, command);
     AddTasks(app, command);
     AddCounters(app, command);
+    AddStatus(app, command);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

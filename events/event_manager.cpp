@@ -19,6 +19,9 @@ namespace {
 // A client that had no room so often is left to the transport, which waits for it.
 constexpr unsigned MAX_TRIES = 8;
 
+// Queued bytes with which a client may still ask for more.
+constexpr size_t MAX_UNTAKEN_BYTES = 65536;
+
 // Of this thread.
 thread_local bool isBatchOpen = false;
 thread_local StagedEvents stagedEvents;
@@ -75,6 +78,38 @@ bool EventManager::addClient(int fd) {
 size_t EventManager::clientCount() {
     MutexLock lock(tesuRawEventManagerLock);
     return clientPackageManagers == nullptr ? 0 : clientPackageManagers->size();
+}
+
+std::vector<ClientState> EventManager::clientStates() {
+    MutexLock lock(tesuRawEventManagerLock);
+    std::vector<ClientState> states;
+    if (clientPackageManagers == nullptr) {
+        return states;
+    }
+    for (const auto& [fd, queue] : *clientPackageManagers) {
+        ClientState& state = states.emplace_back();
+        state.fd = fd;
+        state.queue = queue.getState();
+        if (const auto observer = fdEvents.find(fd); observer != fdEvents.end()) {
+            state.types.assign(observer->second.types.begin(), observer->second.types.end());
+        }
+    }
+    return states;
+}
+
+bool EventManager::mayAsk(int fd) {
+    MutexLock lock(tesuRawEventManagerLock);
+    IpcPackageManager* const queue = findQueue(fd);
+    return queue != nullptr && queue->getState().queuedBytes < MAX_UNTAKEN_BYTES;
+}
+
+bool EventManager::respond(int fd, const std::vector<TesuRespIpcPackage>& responses) {
+    MutexLock lock(tesuRawEventManagerLock);
+    IpcPackageManager* const queue = findQueue(fd);
+    return queue != nullptr &&
+           std::all_of(responses.begin(), responses.end(), [&](const auto& response) {
+               return queue->appendRespIpcPackage(&response);
+           });
 }
 
 void EventManager::removeClient(int fd) {

@@ -46,6 +46,13 @@ struct EventLimits {
     size_t clientTypes = 0;  // subscriptions of one
 };
 
+// A connected client, as it stands.
+struct ClientState {
+    int fd = -1;
+    IpcQueueState queue;
+    std::vector<int32_t> types;  // subscriptions
+};
+
 class TESU_API EventManager {
   public:
     // Outgoing queue of each connected client, by descriptor.
@@ -74,6 +81,12 @@ class TESU_API EventManager {
     // False when there was such a rest.
     bool addClient(int fd);
     size_t clientCount();
+    std::vector<ClientState> clientStates();
+    // False for a client that has not taken what was queued for it so far: what it asks for is not
+    // worth the work.
+    bool mayAsk(int fd);
+    // Queues responses for a client; the caller has them sent. False when there was no memory.
+    bool respond(int fd, const std::vector<TesuRespIpcPackage>& responses);
     // Forgets the client's subscriptions, then its queue with every unsent package.
     void removeClient(int fd);
     // Moves as many whole packages as fit from the client's queue into its write buffer.

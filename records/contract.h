@@ -44,6 +44,8 @@ inline constexpr const char* SERVICE_SOCKET_NAME = "/mnt/bpfframework/tesubpfdis
 // Requests on it; their data is the event type, 4 bytes.
 inline constexpr char REGISTER_COMMAND[] = "register-event-monitor";
 inline constexpr char UNREGISTER_COMMAND[] = "unregister-event-monitor";
+// The one without data, see records/status.h.
+inline constexpr char STATUS_COMMAND[] = "service-status";
 
 // System properties.
 #define TESU_PROPERTY(name) "persist.sys.stability.bpfframework." name

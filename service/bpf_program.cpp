@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "util/log.h"
+#include "util/mutex.h"
 #include "util/string_util.h"
 
 namespace Tesu::Bpf {
@@ -23,6 +24,15 @@ constexpr const char* TRACEPOINT = "tracepoint";
 constexpr const char* KPROBE = "kprobe";
 // Makes the name of a kprobe event of ours unlike anybody else's.
 constexpr const char* KPROBE_EVENT_SUFFIX = "_tesubpf";
+
+struct ProgramStates {
+    Mutex mutex;
+    std::vector<BpfProgramState> states GUARDED_BY(mutex);
+};
+ProgramStates& States() {
+    static auto* const states = new ProgramStates;  // never destroyed: a poll thread may use it
+    return *states;
+}
 
 // What is before and after the first underscore: category and name of a tracepoint, or kind of
 // kprobe and kernel function. Without one both are the whole name.
@@ -48,15 +58,25 @@ int AttachOne(const std::string& dir, const std::string& objName, const std::str
                   event.c_str());
         return 0;
     }
+    const int error = errno;
+    {
+        MutexLock lock(States().mutex);
+        States().states.push_back({.object = objName, .event = event, .isAttached = result != -1});
+    }
     if (result != -1) {
         return 0;
     }
     TESU_LOGE(TESU_LOG_UTILS, "Attach %s prog failed: %s, type: %s, msg: %s", kind.c_str(),
-              objName.c_str(), event.c_str(), strerror(errno));
+              objName.c_str(), event.c_str(), strerror(error));
     return 1;
 }
 
 }  // namespace
+
+std::vector<BpfProgramState> GetBpfProgramStates() {
+    MutexLock lock(States().mutex);
+    return States().states;
+}
 
 bool IsBpfProg(std::string& name) {
     return name.starts_with(PROG_PREFIX);

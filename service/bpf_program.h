@@ -37,6 +37,14 @@ TESU_API int AttachKProbeProgram(const std::string& dir, const std::string& objN
 // Attaches every program of the table; returns how many failed.
 TESU_API int AttachAllTesuBpfProgram(const std::string& dir, const BpfProgramTable& table);
 
+struct BpfProgramState {
+    std::string object;
+    std::string event;
+    bool isAttached = false;
+};
+// What came of each program that these drivers were to attach, in that order.
+std::vector<BpfProgramState> GetBpfProgramStates();
+
 // For hosts; the service calls none of these.
 
 // Attaches every pinned program in `dir`; returns how many failed, 0 when there is no such folder.

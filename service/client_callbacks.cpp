@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The service's side of a client connection. Runs on the socket loop thread.
+#include <unistd.h>
+
 #include <cstdint>
 #include <cstring>
 
 #include "records/contract.h"
 #include "records/read_prefix.h"
+#include "service/status_report.h"
 #include "service/tesu_bpf_service.h"
 #include "util/log.h"
 #include "util/string_util.h"
@@ -85,6 +88,10 @@ int TesuBpfService::onEventProvideReqCallBack(int fd, char* body, long long leng
     const auto request = ReadPrefix<SubscriptionRequest>(body, length);
     SubscriptionReply reply{.requestId = request.requestId};
     const bool whole = length >= static_cast<long long>(sizeof(request));
+    if (length >= IPC_REQUEST_HEAD_SIZE && IsCommand(request, STATUS_COMMAND) &&
+        reportStatus(fd, request.requestId)) {
+        return 0;
+    }
     if (whole && IsCommand(request, REGISTER_COMMAND)) {
         const bool isAdded = EventManager::GetInstance()->AddObserverEvent(fd, request.eventType);
         reply.result = isAdded ? 0 : -1;
@@ -101,6 +108,32 @@ int TesuBpfService::onEventProvideReqCallBack(int fd, char* body, long long leng
     std::memcpy(writeBuffer->data + writeBuffer->length, &reply, sizeof(reply));
     writeBuffer->length += static_cast<int>(sizeof(reply));
     return 0;
+}
+
+// False when there is no answer.
+bool TesuBpfService::reportStatus(int fd, uint32_t requestId) {
+    EventManager* const events = EventManager::GetInstance();
+    if (!events->mayAsk(fd)) {
+        return false;
+    }
+    const ServiceStatus self{.kind = STATUS_SERVICE,
+                             .pid = getpid(),
+                             .startTime = startTime,
+                             .version = TESUBPF_VERSION,
+                             .queueBytes = FrameBlock::BytesInUse()};
+    const std::vector<std::string> report =
+        BuildStatusReport(self, GetBpfProgramStates(),
+                          {ringStatus(RING_CORE), ringStatus(RING_GPL)}, events->clientStates());
+    std::vector<TesuRespIpcPackage> responses;
+    for (const std::string& data : report) {
+        responses.push_back({.requestId = requestId,
+                             .result = static_cast<int>(report.size() - responses.size() - 1),
+                             .length = static_cast<unsigned>(data.size()),
+                             .data = data.data()});
+    }
+    const bool isQueued = events->respond(fd, responses);
+    ipcManager->notifyNeedWriteData(fd);
+    return isQueued;
 }
 
 void TesuBpfService::notifyClientEventReady(const std::vector<int>& fds) {

@@ -74,9 +74,9 @@ int TesuBpfService::gpleventMonitor() {
 
 int TesuBpfService::runMonitor(RingMonitor monitor) {
     std::atomic<RingMonitorState>& state = ringAccounts[monitor.which].monitor;
-    state = RingMonitorState::RUNNING;
+    state = RING_MONITOR_RUNNING;
     const int result = drainRing(monitor);
-    state = result == 0 ? RingMonitorState::STOPPED : RingMonitorState::FAILED;
+    state = result == 0 ? RING_MONITOR_STOPPED : RING_MONITOR_FAILED;
     if (result != 0 && !monitor.hasNoPins) {
         requestRestart(std::string("a ring buffer is not read any more, as its ") + monitor.name +
                        " ended with an error");

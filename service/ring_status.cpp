@@ -37,8 +37,8 @@ int TesuBpfService::statusMap(int which) {
     return statusMapFd[which].get();
 }
 
-RingStatistics TesuBpfService::ringStatistics(int which) const {
-    return IsRing(which) ? ringAccounts[which].read() : RingStatistics{};
+RingStatus TesuBpfService::ringStatus(int which) const {
+    return IsRing(which) ? ringAccounts[which].read(which) : RingStatus{};
 }
 
 bool TesuBpfService::checkBpfRingBuffStatus(int which, bool force) {

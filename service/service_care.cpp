@@ -37,7 +37,7 @@ bool TesuBpfService::hasOtherPins() {
     constexpr const char* STATUS_MAPS[RING_COUNT] = {CORE_STATUS_MAP, GPL_STATUS_MAP};
     for (const int which : {RING_CORE, RING_GPL}) {
         const uint32_t held = MapId(statusMap(which));
-        const bool hadNone = ringAccounts[which].monitor == RingMonitorState::FAILED;
+        const bool hadNone = ringAccounts[which].monitor == RING_MONITOR_FAILED;
         const uint32_t pinned = MapId(OpenPinnedMap(STATUS_MAPS[which]).get());
         if (pinned != 0 && pinned != held && (held != 0 || hadNone)) {
             return true;

@@ -11,6 +11,7 @@
 #include "records/raw_event.h"
 #include "service/service_affinity.h"
 #include "util/log.h"
+#include "util/monotonic_clock.h"
 #include "util/singleton.h"
 
 namespace Tesu::Bpf {
@@ -123,6 +124,7 @@ bool TesuBpfService::start() {
         return false;
     }
     if (!running) {
+        startTime = MonotonicNanoseconds();
         EventManager::GetInstance()->setLimits(ReadEventLimits());
         admission = std::make_unique<ClientAdmission>();
     }

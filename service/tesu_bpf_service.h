@@ -42,7 +42,7 @@
 #include "ipc/unix_ipc_manager.h"
 #include "service/bpf_program.h"
 #include "service/client_limits.h"
-#include "service/ring_statistics.h"
+#include "service/ring_account.h"
 #include "task/task_event_handlers.h"
 #include "util/export.h"
 #include "util/mutex.h"
@@ -101,7 +101,7 @@ class TESU_API TesuBpfService {
     // an index that is none. Without `force` the kernel is asked at most every 30 seconds.
     bool checkBpfRingBuffStatus(int which, bool force);
     // Any thread; nothing but zeros for an index that is none.
-    RingStatistics ringStatistics(int which) const;
+    RingStatus ringStatus(int which) const;
     bool enableCoreBpf(int which, bool enable);
     bool enableNormalBpf(int which, bool enable);
 
@@ -162,6 +162,7 @@ class TESU_API TesuBpfService {
 
     TesuBpfService();
 
+    bool reportStatus(int fd, uint32_t requestId);
     void createCoreThread() REQUIRES(servicelock);
     void createGplThreadIfDue() REQUIRES(servicelock);
     void createCareThreadIfDue() REQUIRES(servicelock);
@@ -196,6 +197,7 @@ class TESU_API TesuBpfService {
     std::atomic<bool> running{false};  // changed under servicelock
     // Set once by stop(), under servicelock; what takes long looks at it and ends early.
     std::atomic<bool> stopped{false};
+    int64_t startTime = 0;  // monotonic nanoseconds; from start() on
     // Set once readiness and time base are there: the GPL thread may start.
     bool ready GUARDED_BY(servicelock) = false;
     // Seconds since the epoch; each element belongs to its poll thread.

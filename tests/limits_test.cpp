@@ -7,6 +7,7 @@
 
 #include <string>
 
+#include "client/status/status_request.h"
 #include "ipc/frame_block.h"
 #include "records/raw_event.h"
 #include "tests/support/served_test.h"
@@ -100,6 +101,33 @@ TEST_F(LimitsTest, OtherUsersAreSentAway) {
     start();
     ASSERT_TRUE(client.connectTo(SERVICE_SOCKET_NAME));
     EXPECT_TRUE(client.isClosedByServer());
+}
+
+TEST_F(LimitsTest, StatusSaysWhatEachClientHasAndCostsAsLittle) {
+    start();
+    client = subscriber(OTHER_TYPE);
+    ASSERT_EQ(client.subscribe(TYPE), 0);
+    for (int i = 0; i < 2000; ++i) {
+        Emit(TYPE, 1000);
+    }
+    const Result<StatusReport> report = RequestStatus(SERVICE_SOCKET_NAME);
+    ASSERT_TRUE(report) << report.error();
+    EXPECT_EQ(report->service.pid, getpid());
+    ASSERT_EQ(report->rings.size(), 2);
+    ASSERT_EQ(report->clients.size(), 2) << "this one, and the one that asks";
+    const auto& [status, types] = report->clients[0];
+    EXPECT_EQ(status.pid, getpid());
+    EXPECT_EQ(types, (std::vector<int32_t>{OTHER_TYPE, TYPE}));
+    EXPECT_EQ(status.queuedPackages + status.sentPackages, 2000);
+    EXPECT_EQ(status.queuedBytes, status.queuedPackages * 1012);
+
+    WireClient asker;
+    ASSERT_TRUE(asker.tryConnect(SERVICE_SOCKET_NAME));
+    const size_t before = FrameBlock::BytesInUse();
+    for (uint32_t id = 1; id <= 3000; ++id) {
+        ASSERT_TRUE(asker.sendBytes(WireClient::request(id, STATUS_COMMAND, "")));
+    }
+    EXPECT_LT(FrameBlock::BytesInUse(), before + MEGABYTE / 2) << "who does not read asks no more";
 }
 
 }  // namespace

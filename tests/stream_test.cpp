@@ -123,7 +123,7 @@ TEST_F(StreamTest, ProducedIsReceivedAndLostOnBothRings) {
             ASSERT_TRUE(package.has_value()) << "losses are not told";
             AddLoss(package->body, &losses);
         }
-        const RingStatistics statistics = service->ringStatistics(ring);
+        const RingStatus statistics = service->ringStatus(ring);
         EXPECT_EQ(losses[ring], LostRecords(ring));
         EXPECT_EQ(statistics.lost, LostRecords(ring));
         EXPECT_GE(statistics.taken, result.sent);

@@ -81,7 +81,9 @@ ConnectionItem ServiceConnection::next() {
             mayReceive = true;
             return {};
         } else if (!receive()) {
-            return socket.ok() ? ConnectionItem{} : ConnectionItem{.kind = ConnectionItem::LOST};
+            return socket.ok()
+                       ? ConnectionItem{}
+                       : ConnectionItem{.kind = ConnectionItem::LOST, .reason = whyClosed()};
         }
     }
 }
@@ -161,6 +163,15 @@ bool ServiceConnection::receive() {
 void ServiceConnection::lose() {
     socket.reset();  // and with it out of the epoll set
     retryIn(SHORT_PAUSE);
+}
+
+// A service that goes on hung up on this client alone.
+std::string ServiceConnection::whyClosed() const {
+    if (!IsServiceListening(socketName)) {
+        return "";
+    }
+    return unanswered.empty() ? "too slow, the daemon did not wait any longer"
+                              : "the daemon does not admit this client";
 }
 
 bool ServiceConnection::watch(int fd, int operation, uint32_t events) {

@@ -34,7 +34,7 @@ struct ConnectionItem {
         REFUSED,     // the service refused the subscription to `eventType`
         EVENT,       // the `size` bytes at `data` are a record or a notification
         MALFORMED,   // the other side sends what is no stream of frames, see `reason`; LOST follows
-        LOST,        // the connection is gone, CONNECTED came for it
+        LOST,        // the connection is gone, CONNECTED came for it; `reason` where it is known
     };
 
     Kind kind = NOTHING;
@@ -67,6 +67,7 @@ class ServiceConnection {
     ConnectionItem onPackage(const Package& package);
     bool receive();
     void lose();
+    std::string whyClosed() const;
     bool watch(int fd, int operation, uint32_t events);
     void retryIn(std::chrono::seconds pause);
 

@@ -79,6 +79,9 @@ StyledLine StatusLine(const FrameState& state, const ProcessTotals& totals, size
     line.add(" tesubpf top  ", Style::STRONG);
     const auto [text, style] = Describe(state.connection);
     line.add(text, style);
+    if (state.connection == ConnectionItem::LOST && !state.lostReason.empty()) {
+        line.add(" (" + state.lostReason + ")", style);
+    }
     if (totals.recordsLost > 0) {
         line.add(StringPrintf("  %llu records LOST",
                               static_cast<unsigned long long>(totals.recordsLost)),

@@ -17,6 +17,7 @@ namespace Tesu::Bpf {
 struct FrameState {
     // What was last heard of the connection: CONNECTED, WAITING, LOST or REFUSED; at first NOTHING.
     ConnectionItem::Kind connection = ConnectionItem::NOTHING;
+    std::string lostReason;  // where it is lost and one is known
     bool isPaused = false;
     bool isHelpShown = false;
     bool isFilterTyped = false;  // the filter is being typed

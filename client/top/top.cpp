@@ -165,6 +165,7 @@ void Top::takeItems() {
                 if (item.kind != ConnectionItem::WAITING ||
                     state.connection != ConnectionItem::LOST) {
                     state.connection = item.kind;
+                    state.lostReason = item.reason;
                 }
         }
         frameDue = std::min(frameDue, lastFrame + FRAME_TIME);

@@ -139,7 +139,8 @@ void Watch::onNews(const ConnectionItem& item) {
             break;
         case ConnectionItem::LOST:
             formatter.forgetProcesses();
-            std::fprintf(stderr, "tesubpf: the connection was lost\n");
+            std::fprintf(stderr, "tesubpf: the connection was lost%s%s\n",
+                         item.reason.empty() ? "" : ": ", item.reason.c_str());
             break;
         case ConnectionItem::NOTHING:
         case ConnectionItem::SUBSCRIBED:

@@ -6,26 +6,13 @@
 #include <atomic>
 #include <cstdint>
 
+#include "records/status.h"
+
 namespace Tesu::Bpf {
-
-enum class RingMonitorState : uint8_t {
-    NOT_STARTED,
-    RUNNING,
-    STOPPED,  // by stop()
-    FAILED,   // nobody reads the ring any more
-};
-
-struct RingStatistics {
-    RingMonitorState monitor = RingMonitorState::NOT_STARTED;
-    uint64_t size = 0;     // bytes; 0: not opened
-    uint64_t taken = 0;    // records read since the service started
-    uint64_t lost = 0;     // records since the programs were loaded, as last looked at
-    uint64_t fullest = 0;  // most bytes that waited for a reading since the service started
-};
 
 // Written by the ring's monitor, read by any thread. The figures are not of one moment.
 struct RingAccount {
-    std::atomic<RingMonitorState> monitor{RingMonitorState::NOT_STARTED};
+    std::atomic<RingMonitorState> monitor{RING_MONITOR_NOT_STARTED};
     std::atomic<uint64_t> size{0};
     std::atomic<uint64_t> taken{0};
     std::atomic<uint64_t> lost{0};
@@ -37,8 +24,11 @@ struct RingAccount {
         }
     }
 
-    RingStatistics read() const {
-        return {.monitor = monitor.load(std::memory_order_relaxed),
+    RingStatus read(int ring) const {
+        return {.kind = STATUS_RING,
+                .ring = ring,
+                .monitor = monitor.load(std::memory_order_relaxed),
+                .padding = 0,
                 .size = size.load(std::memory_order_relaxed),
                 .taken = taken.load(std::memory_order_relaxed),
                 .lost = lost.load(std::memory_order_relaxed),
