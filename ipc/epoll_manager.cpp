@@ -12,6 +12,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "util/log.h"
@@ -229,7 +230,13 @@ void EpollManager::mainThread() {
                 eventfd_read(controlFd.get(), &count);
                 return;
             }
-            dispatch(eventQueue[i]);
+            try {
+                dispatch(eventQueue[i]);
+            } catch (const std::bad_alloc&) {
+                TESU_LOGE(name, "[EpollManager][mainThread] no memory for an event of fd %d",
+                          eventQueue[i].data.fd);
+                std::this_thread::sleep_for(WAIT_ERROR_PAUSE);
+            }
         }
     }
 }

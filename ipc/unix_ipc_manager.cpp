@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "util/log.h"
@@ -201,13 +202,21 @@ int UnixIpcManager::onServerReadableCallback(epoll_event /*event*/) {
                   strerror(error));
         return EPOLL_RESULT_ERROR;
     }
-    EpollCallback callbacks;
-    if (!openConnection(client, &callbacks)) {
+    try {
+        EpollCallback callbacks;
+        if (!openConnection(client, &callbacks)) {
+            return EPOLL_RESULT_ERROR;
+        }
+        setSocketBufferSizes(client);
+        return watchConnection(client, std::move(callbacks)) ? EPOLL_RESULT_CONSUMED
+                                                             : EPOLL_RESULT_ERROR;
+    } catch (const std::bad_alloc&) {
+        TESU_LOGE(name, "[UnixIpcManager] no memory for connection (%d)", client);
+        epollManager->delMonitorFd(client);
+        freeBufferForFd(client);
+        ::close(client);
         return EPOLL_RESULT_ERROR;
     }
-    setSocketBufferSizes(client);
-    return watchConnection(client, std::move(callbacks)) ? EPOLL_RESULT_CONSUMED
-                                                         : EPOLL_RESULT_ERROR;
 }
 
 // Gives a new connection its guard, its buffers and its callbacks; closes it on failure.

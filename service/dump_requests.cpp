@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -74,7 +75,11 @@ void ServeRequests() {
         if (processEnds) {
             return;
         }
-        DUMPS[kind](FIRST_SIGNAL + static_cast<int>(kind));
+        try {
+            DUMPS[kind](FIRST_SIGNAL + static_cast<int>(kind));
+        } catch (const std::bad_alloc&) {
+            TESU_LOGE(TESU_LOG_SERVICE, "[%s] no memory for a dump", THREAD_NAME);
+        }
     }
 }
 

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <optional>
 
 #include "diag/tesu_bpf_state.h"
@@ -256,7 +257,13 @@ int TesuBpfService::onRingRecord(void* monitor, void* data, size_t size) {
         ++owner.dropped;
     } else {
         ++owner.taken;
-        result = handleBpfRingBuffEvent(nullptr, data, static_cast<unsigned>(size));
+        try {
+            result = handleBpfRingBuffEvent(nullptr, data, static_cast<unsigned>(size));
+        } catch (const std::bad_alloc&) {
+            // Lost to the table or to clients, and told as such at once.
+            ++owner.uncounted;
+            owner.lossWatch = LossWatch(owner.reader->size());
+        }
     }
     if (result < 0) {
         return result;

@@ -32,7 +32,7 @@ struct TesuBpfService::RingMonitor {
     uint64_t taken = 0;  // other records
 
     LossWatch lossWatch{};
-    // Dropped records for which the status map has no room.
+    // Lost records that are not in the status map's count.
     uint64_t uncounted = 0;
     // Of the records lost so far: those that were seen, and those that were logged.
     uint64_t lostSeen = 0;
