@@ -147,6 +147,7 @@ class TESU_API UnixIpcManager {
     bool allocateBuffer(BufferMap buffers, int fd, const char* direction);
     ReceiveOutcome receive(int fd);
     bool sendBuffered(int fd, BufferState* writeBuffer);
+    bool disconnectIfBroken(int fd, ssize_t sent);
 
     std::string socketName;
     bool isServer;

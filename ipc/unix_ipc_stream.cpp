@@ -21,11 +21,6 @@ constexpr int MAX_SEND_RETRIES = 11;
 // Buffers sent at most by a thread that has other work than this client.
 constexpr int MAX_BUFFERS_AT_ONCE = 8;
 
-// Send errors after which none will succeed: the other side reads no more.
-bool IsBroken(int error) {
-    return error == EPIPE || error == ECONNRESET || error == ENOTCONN;
-}
-
 }  // namespace
 
 // Waits for the connection's guard. While this thread waited the connection may have been closed
@@ -254,9 +249,6 @@ bool UnixIpcManager::ensureDataSend(int fd, BufferState* writeBuffer) {
                       "clientFd: %d",
                       static_cast<ssize_t>(writeBuffer->length - writeBuffer->cursor), error,
                       strerror(error), fd);
-            if (IsBroken(error)) {
-                disconnect(fd);
-            }
             break;
         }
         ++retries;
@@ -271,6 +263,16 @@ bool UnixIpcManager::ensureDataSend(int fd, BufferState* writeBuffer) {
     return allSent;
 }
 
+// After a send with this result and errno: whether none will ever succeed.
+bool UnixIpcManager::disconnectIfBroken(int fd, ssize_t sent) {
+    const bool isBroken =
+        sent == -1 && (errno == EPIPE || errno == ECONNRESET || errno == ENOTCONN);
+    if (isBroken) {
+        disconnect(fd);
+    }
+    return isBroken;
+}
+
 // The loop is asked where it, or another thread, is at the connection just now: it may have looked
 // at the queue for the last time.
 IpcWriteResult UnixIpcManager::writeWhatFits(int fd) {
@@ -279,6 +281,8 @@ IpcWriteResult UnixIpcManager::writeWhatFits(int fd) {
         return IpcWriteResult::GONE;
     }
     if (epollManager->joinWriteEvent(fd)) {
+        // The loop waits for room and would never hear of a peer that reads no more.
+        disconnectIfBroken(fd, send(fd, "", 0, MSG_DONTWAIT | MSG_NOSIGNAL));
         return IpcWriteResult::DONE;
     }
     const std::unique_lock lock(*mutex, std::try_to_lock);
@@ -297,6 +301,9 @@ IpcWriteResult UnixIpcManager::writeWhatFits(int fd) {
         const ssize_t sent = send(fd, writeBuffer->data + writeBuffer->cursor,
                                   static_cast<size_t>(writeBuffer->length - writeBuffer->cursor),
                                   MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (disconnectIfBroken(fd, sent)) {
+            return IpcWriteResult::DONE;
+        }
         writeBuffer->cursor += static_cast<int>(std::max<ssize_t>(sent, 0));
         if (writeBuffer->cursor < writeBuffer->length) {
             break;
