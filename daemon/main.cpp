@@ -54,8 +54,9 @@ constexpr std::chrono::milliseconds PIN_INTERVAL{500};
 constexpr std::chrono::milliseconds SERVING_INTERVAL{10};
 constexpr std::chrono::seconds SERVING_NOTICE{5};
 
-// Seconds between two looks at the pins.
+// Seconds between two looks at the pins, and at the task table.
 constexpr const char* WATCH_PINS = "10";
+constexpr const char* MEND_TABLE = "60";
 
 // Everything the service reads must be there before it starts. False when a property is refused.
 bool PrepareHost(const Properties& properties) {
@@ -187,6 +188,7 @@ int Run(Properties properties, const TerminationSignals& signals) {
     }
     properties.try_emplace(KERNEL_VERSION_PROPERTY, RunningKernelVersion());
     properties.try_emplace(WATCH_PINS_PROPERTY, WATCH_PINS);
+    properties.try_emplace(MEND_TABLE_PROPERTY, MEND_TABLE);
     if (const auto end = WaitUntilUsable(properties, signals)) {
         return *end;
     }
@@ -210,6 +212,9 @@ int Main(int argc, char** argv) {
            "                     daemon waits; given here, it does not wait\n"
            "  sys.tesu_bpf_watch_pins  seconds between two looks whether other programs were\n"
            "                     pinned, for which the daemon ends; default: 10, \"0\": never\n"
+           "  sys.tesu_bpf_mend_table  seconds between two comparisons of the task table with\n"
+           "                     /proc, by which it is put right where records were lost;\n"
+           "                     default: 60, \"0\": never\n"
            "  persist.sys.stability.bpfframework.disable  \"1\" disables the service")
         ->allow_extra_args(false)
         ->type_name("NAME=VALUE");

@@ -49,8 +49,9 @@ inline constexpr char UNREGISTER_COMMAND[] = "unregister-event-monitor";
 inline constexpr const char* DISABLE_PROPERTY = "persist.sys.stability.bpfframework.disable";
 inline constexpr const char* READY_PROPERTY = "sys.tesu_bpf_ready";  // "0": nothing is pinned yet
 inline constexpr const char* KERNEL_VERSION_PROPERTY = "ro.kernel.version";  // "6.1": with GPL set
-// Seconds between two looks whether other programs were pinned; none or "0": the service never
-// looks.
+// Seconds between two looks whether other programs were pinned, and between two comparisons of the
+// task table with /proc; none or "0": never.
 inline constexpr const char* WATCH_PINS_PROPERTY = "sys.tesu_bpf_watch_pins";
+inline constexpr const char* MEND_TABLE_PROPERTY = "sys.tesu_bpf_mend_table";
 
 }  // namespace Tesu::Bpf
