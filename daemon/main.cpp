@@ -44,8 +44,8 @@ enum DaemonStatus {
 };
 
 constexpr const char* FOOTER =
-    R"(Exit status: 0 ended by SIGINT or SIGTERM; 1 failed, and would again; 2 wrong usage; 3 another
-daemon runs already; 4 the service is disabled by its property; 5 to be started again: a ring buffer
+    R"(Exit status: 0 ended by SIGINT or SIGTERM; 1 failed; 2 wrong usage; 3 another daemon runs
+already; 4 the service is disabled by its property; 5 to be started again: a ring buffer
 is not read any more, or other programs were pinned.
 
 Dumps on request, by signal to this process: 50 event counters, 51 to 54 task table.)";
