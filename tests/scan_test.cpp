@@ -130,10 +130,11 @@ TEST(ScanTest, TheTableIsMendedByWhatIsStillSo) {
     const TempDir proc;
     const auto write = [&proc](int32_t pid, int64_t start, int flags = 0) {
         const std::string name = std::to_string(pid);
+        const long long ticks = start * sysconf(_SC_CLK_TCK);
         proc.write(name + "/status", "Name:\tname\n");
         proc.write(name + "/stat",
                    StringPrintf("%d (name) S 1 1 1 0 -1 %d 0 0 0 0 0 0 0 0 20 0 1 0 %lld 1 2\n",
-                                pid, flags, static_cast<long long>(start * sysconf(_SC_CLK_TCK))));
+                                pid, flags, ticks));
     };
     TesuTaskManager* const table = TesuTaskManager::GetInstance();
     const auto put = [table](int32_t pid, int64_t createTime) {
