@@ -3,6 +3,7 @@
 // What is looked after from time to time, off the records' path.
 #include <bpf/bpf.h>
 #include <sys/eventfd.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <chrono>
@@ -33,6 +34,13 @@ uint32_t MapId(int fd) {
     return fd >= 0 && bpf_obj_get_info_by_fd(fd, &info, &size) == 0 ? info.id : 0;
 }
 
+// Records carry the ids of the initial namespace: the /proc of another tells nothing of them.
+bool IsInInitialPidNamespace() {
+    constexpr ino_t INITIAL = 0xEFFFFFFC;  // fixed by the kernel
+    struct stat own = {};
+    return stat("/proc/self/ns/pid", &own) != 0 || own.st_ino == INITIAL;
+}
+
 // Something that is due time and again; by default never.
 class Appointment {
   public:
@@ -58,7 +66,7 @@ class Appointment {
 
 void TesuBpfService::care(seconds pinInterval, seconds tableInterval) {
     Appointment pins(pinInterval);
-    Appointment table(tableInterval);
+    Appointment table(IsInInitialPidNamespace() ? tableInterval : seconds(0));
     const auto untilNext = [&] { return std::min(pins.left(), table.left()); };
     while (!sleepUnlessStopped(untilNext())) {
         if (pins.isDue() && hasOtherPins()) {
