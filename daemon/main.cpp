@@ -45,8 +45,8 @@ enum DaemonStatus {
 };
 
 constexpr const char* FOOTER =
-    R"(Exit status: 0 ended by SIGINT or SIGTERM; 1 failed, and would again; 2 wrong usage; 3 another
-daemon runs already; 4 the service is disabled by its property; 5 to be started again: a ring buffer
+    R"(Exit status: 0 ended by SIGINT or SIGTERM; 1 failed; 2 wrong usage; 3 another daemon runs
+already; 4 the service is disabled by its property; 5 to be started again: a ring buffer
 is not read any more, or other programs were pinned.
 
 Dumps on request, by signal to this process: 50 event counters, 51 to 54 task table.)";
@@ -208,6 +208,9 @@ int Main(int argc, char** argv) {
            "                     daemon waits; given here, it does not wait\n"
            "  sys.tesu_bpf_watch_pins  seconds between two looks whether other programs were\n"
            "                     pinned, for which the daemon ends; default: 10, \"0\": never\n"
+           "  sys.tesu_bpf_mend_table  seconds between two comparisons of the task table with\n"
+           "                     /proc, by which it is put right where records were lost;\n"
+           "                     default: 60, \"0\": never\n"
            "  persist.sys.stability.bpfframework.disable  \"1\" disables the service\n"
            "and under persist.sys.stability.bpfframework, \"0\" for no limit:\n"
            "  client_queue_bytes most that is kept for a client that does not read; default\n"

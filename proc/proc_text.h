@@ -49,6 +49,12 @@ struct ProcStat {
     uint32_t flags = 0;  // task_struct.flags
     int32_t threadNum = 0;
     int64_t startTicks = 0;  // clock ticks since boot
+
+    // Whether its main thread has ended or is about to.
+    bool isEnding() const {
+        constexpr uint32_t FLAG_EXITING = 0x4;
+        return (flags & FLAG_EXITING) != 0 || state == 'Z' || state == 'X';
+    }
 };
 // Nothing when it is no such text.
 std::optional<ProcStat> ParseProcStat(std::string_view text);

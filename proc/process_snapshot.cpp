@@ -10,8 +10,7 @@ namespace Tesu::Bpf {
 
 namespace {
 
-// Bits of a task's flags.
-constexpr uint32_t FLAG_EXITING = 0x4;
+// Bit of a task's flags.
 constexpr uint32_t FLAG_KERNEL_THREAD = 0x200000;
 
 int64_t TicksToMonotonic(int64_t ticks) {
@@ -39,8 +38,7 @@ std::optional<ProcessSnapshot> ProcReader::read(int32_t pid) {
     process.ppid = stat->ppid;
     process.name = stat->name;
     process.isKernelThread = (stat->flags & FLAG_KERNEL_THREAD) != 0;
-    process.isEnding =
-        (stat->flags & FLAG_EXITING) != 0 || stat->state == 'Z' || stat->state == 'X';
+    process.isEnding = stat->isEnding();
     process.threads = stat->threadNum;
     process.startTime = TicksToMonotonic(stat->startTicks);
     if (ReadProcFile(ProcPath(root, name, "status"), &text) && !text.empty()) {

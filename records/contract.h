@@ -52,9 +52,10 @@ inline constexpr char STATUS_COMMAND[] = "service-status";
 inline constexpr const char* DISABLE_PROPERTY = TESU_PROPERTY("disable");
 inline constexpr const char* READY_PROPERTY = "sys.tesu_bpf_ready";  // "0": nothing is pinned yet
 inline constexpr const char* KERNEL_VERSION_PROPERTY = "ro.kernel.version";  // "6.1": with GPL set
-// Seconds between two looks whether other programs were pinned; none or "0": the service never
-// looks.
+// Seconds between two looks whether other programs were pinned, and between two comparisons of the
+// task table with /proc; none or "0": never.
 inline constexpr const char* WATCH_PINS_PROPERTY = "sys.tesu_bpf_watch_pins";
+inline constexpr const char* MEND_TABLE_PROPERTY = "sys.tesu_bpf_mend_table";
 
 // Limits on clients; absent or "0": none. The hosts of this project set them (host_defaults.h).
 inline constexpr const char* CLIENT_QUEUE_BYTES_PROPERTY = TESU_PROPERTY("client_queue_bytes");

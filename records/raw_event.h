@@ -53,7 +53,8 @@ struct RawEventHeader {
 static_assert(sizeof(struct RawEventHeader) == 16, "wire layout");
 static_assert(offsetof(struct RawEventHeader, time) == 8, "wire layout");
 
-/* A process that already lived when the service started; made by the service's scan of /proc. */
+/* A process that lives and was not reported: it did so when the service started, or its records
+ * were lost. Made by the service from /proc. */
 struct RawTesuTaskInitEvent {
     struct RawEventHeader header;
     int32_t pid;

@@ -18,6 +18,7 @@ void SetHostDefaults() {
         {CLIENT_TYPES_PROPERTY, "256"},
         {CLIENTS_PROPERTY, "256"},
         {WATCH_PINS_PROPERTY, "10"},
+        {MEND_TABLE_PROPERTY, "60"},
     };
     for (const auto& [name, value] : DEFAULTS) {
         if (android::base::GetProperty(name, "").empty() &&

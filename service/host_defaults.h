@@ -8,7 +8,8 @@
 namespace Tesu::Bpf {
 
 // Sets those of the service's properties (records/contract.h) that are not set yet: limits for
-// clients, and a look at the pins every ten seconds. Before BpfServiceMain().
+// clients, a look at the pins every ten seconds, and one at the table every minute. Before
+// BpfServiceMain().
 TESU_API void SetHostDefaults();
 
 }  // namespace Tesu::Bpf

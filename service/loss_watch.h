@@ -3,9 +3,9 @@
 // When a monitor looks whether its ring has lost records. A look costs a system call for each CPU,
 // so there is none while nothing can have been lost, and at most two in a second.
 //
-// Invariant: whatever finds a ring full finds in it all that was written since the last look and is
-// not read, which is the ring but for less than a record. No record takes half of a ring. So where
-// less than half of the ring was written since the last look, nothing was lost since then.
+// Invariant: what finds a ring full finds more than half of it written and not read, as no record
+// takes half of a ring; and of that nothing was read before the last look. So until half a ring was
+// written beyond what had been read when the last look began, nothing was lost after it.
 #pragma once
 
 #include <cstdint>
@@ -14,8 +14,8 @@
 
 namespace Tesu::Bpf {
 
-// `written` is the bytes that were ever written into the ring (RingReader::written), `now` is
-// monotonic nanoseconds.
+// `written` and `read` are the bytes ever written into the ring and read of it (RingReader), `now`
+// is monotonic nanoseconds.
 class LossWatch {
   public:
     // The first look at a ring is due at once.
@@ -24,15 +24,16 @@ class LossWatch {
     bool isDue(uint64_t written, int64_t now) const { return timeout(written, now) == 0; }
     // Milliseconds until a look is due if nothing more is written; -1: none will be.
     int timeout(uint64_t written, int64_t now) const {
-        if (isLookedAt && written - writtenAtLook < halfRing) {
+        if (isLookedAt && written - readAtLook < halfRing) {
             return -1;
         }
         const int64_t left = isLookedAt ? timeOfLook + INTERVAL - now : 0;
         return left <= 0 ? 0 : static_cast<int>((left + 999'999) / 1'000'000);
     }
-    void noteLook(uint64_t written, int64_t now) {
+    // Before the counters are read.
+    void noteLook(uint64_t read, int64_t now) {
         isLookedAt = true;
-        writtenAtLook = written;
+        readAtLook = read;
         timeOfLook = now;
     }
 
@@ -41,7 +42,7 @@ class LossWatch {
 
     uint64_t halfRing;
     bool isLookedAt = false;
-    uint64_t writtenAtLook = 0;
+    uint64_t readAtLook = 0;
     int64_t timeOfLook = 0;
 };
 

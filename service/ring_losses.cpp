@@ -21,12 +21,11 @@ uint64_t TesuBpfService::countLosses(const RingMonitor& monitor) {
 }
 
 void TesuBpfService::lookForLosses(RingMonitor& monitor) {
-    const uint64_t written = monitor.reader->written();
     const int64_t now = MonotonicNanoseconds();
-    if (!monitor.lossWatch.isDue(written, now)) {
+    if (!monitor.lossWatch.isDue(monitor.reader->written(), now)) {
         return;
     }
-    monitor.lossWatch.noteLook(written, now);
+    monitor.lossWatch.noteLook(monitor.reader->position(), now);
     const uint64_t lost = countLosses(monitor);
     RingAccount& account = ringAccounts[monitor.which];
     account.lost.store(lost, std::memory_order_relaxed);

@@ -165,6 +165,9 @@ void TesuBpfService::replaceRing(RingMonitor& monitor, RingReplacement& replacem
         // The descriptor would keep the old ring's memory.
         ringbufMapFd[monitor.which].reset(bpf_obj_get(monitor.ringPath));
         monitor.lossWatch = LossWatch(monitor.reader->size());
+        if (monitor.mendAt) {
+            monitor.mendAt = 0;
+        }
         TESU_LOGI(TESU_LOG_SERVICE, "[TesuBpfService][%s] the ring buffer was replaced",
                   monitor.name);
     } else {
@@ -207,6 +210,7 @@ int TesuBpfService::pollRing(RingMonitor& monitor, RingReplacement& replacement)
             if (replacement.isDue(*monitor.reader)) {
                 replaceRing(monitor, replacement);
             }
+            mendTable(monitor);
             continue;
         }
         checkBpfRingBuffStatus(monitor.which, true);
@@ -235,14 +239,17 @@ int TesuBpfService::restFor(std::chrono::nanoseconds duration) {
     return 0;
 }
 
-// Until the ring has records, may have lost some, or the service stops: negative on failure.
-// libbpf's own wait cannot be woken by stop(), so its descriptor is waited for together with
-// stop()'s.
+// Until the ring has records or may have lost some, the table is to be mended or the service stops:
+// negative on failure. libbpf's own wait cannot be woken by stop(), so its descriptor is waited for
+// together with stop()'s.
 int TesuBpfService::waitForRecords(const RingMonitor& monitor) {
     EventManager::GetInstance()->sendLater();
     pollfd waited[] = {
         {.fd = monitor.reader->epollFd(), .events = POLLIN, .revents = 0},
         {.fd = stopFd.get(), .events = POLLIN, .revents = 0},
+        {.fd = monitor.which == RING_CORE ? mendingEvent.get() : -1,
+         .events = POLLIN,
+         .revents = 0},
     };
     const int untilLook =
         monitor.lossWatch.timeout(monitor.reader->written(), MonotonicNanoseconds());

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 #include "service/loss_watch.h"
 #include "service/ring_reader.h"
@@ -30,6 +31,9 @@ struct TesuBpfService::RingMonitor {
     bool isDropping = true;
     uint64_t dropped = 0;
     uint64_t taken = 0;  // other records
+
+    // The table is mended when the ring has been read up to there; none: nothing is to be mended.
+    std::optional<uint64_t> mendAt{};
 
     LossWatch lossWatch{};
     // Lost records that are not in the status map's count.

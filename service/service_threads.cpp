@@ -28,11 +28,11 @@ using std::chrono::seconds;
 
 constexpr seconds READINESS_STEP{1};
 constexpr seconds SUPERVISION_STEP{60};
-constexpr int64_t LONGEST_INTERVAL = 86400;
+constexpr seconds LONGEST_INTERVAL{86400};
 
-int64_t SecondsOf(const char* property) {
-    return std::clamp<int64_t>(ParseNumber(android::base::GetProperty(property, "0")), 0,
-                               LONGEST_INTERVAL);
+seconds SecondsOf(const char* property) {
+    const int64_t value = ParseNumber(android::base::GetProperty(property, "0"));
+    return std::clamp(seconds(value), seconds(0), LONGEST_INTERVAL);
 }
 
 template <class Body>
@@ -79,11 +79,12 @@ void TesuBpfService::createGplThreadIfDue() {
 }
 
 void TesuBpfService::createCareThreadIfDue() {
-    const seconds interval(SecondsOf(WATCH_PINS_PROPERTY));
-    if (ready && running && !careThread.joinable() && interval.count() > 0) {
-        careThread = CreateThread([this, interval] {
+    const seconds pins = SecondsOf(WATCH_PINS_PROPERTY);
+    const seconds table = SecondsOf(MEND_TABLE_PROPERTY);
+    if (ready && running && !careThread.joinable() && pins + table > seconds(0)) {
+        careThread = CreateThread([this, pins, table] {
             PrepareThread("BpfServiceCare", "care");
-            care(interval);
+            care(pins, table);
         });
     }
 }

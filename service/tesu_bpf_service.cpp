@@ -52,6 +52,7 @@ TesuBpfService::TesuBpfService()
           },
           getProcessInfo),
       stopFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+      mendingEvent(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
       restartEvent(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
     IpcHandlerState callbacks;
     callbacks.saveUnuseBuffer = true;

@@ -16,7 +16,8 @@
 //
 // Host properties that are read: "persist.sys.stability.bpfframework.disable" ("1" disables the
 // service), "sys.tesu_bpf_ready" ("0": programs are not pinned yet), "ro.kernel.version" ("6.1"
-// starts the GPL thread), "sys.tesu_bpf_watch_pins" (seconds between two looks at the pins). On a
+// starts the GPL thread), "sys.tesu_bpf_watch_pins" (seconds between two looks at the pins),
+// "sys.tesu_bpf_mend_table" (seconds between two comparisons of the task table with /proc). On a
 // host that is not Android they must be set before BpfServiceMain().
 #pragma once
 
@@ -43,6 +44,7 @@
 #include "service/bpf_program.h"
 #include "service/client_limits.h"
 #include "service/ring_account.h"
+#include "task/table_mending.h"
 #include "task/task_event_handlers.h"
 #include "util/export.h"
 #include "util/mutex.h"
@@ -80,7 +82,8 @@ class TESU_API TesuBpfService {
     // error (but for want of pins, which nobody's restart brings), or, if looked for, other
     // programs were pinned than those in use. Borrowed.
     int restartFd() const { return restartEvent.get(); }
-    // Why, in words that follow the name of the host; empty while there is no reason. Any thread.
+    // Why, at first, in words that follow the name of the host; empty while there is no reason. Any
+    // thread.
     std::string restartReason();
 
     // Bodies of the poll threads. Result of the attachment (number of failures), 0 when stopped
@@ -167,9 +170,12 @@ class TESU_API TesuBpfService {
     void createGplThreadIfDue() REQUIRES(servicelock);
     void createCareThreadIfDue() REQUIRES(servicelock);
     void joinPollThreads();
-    // Body of the care thread: looks at the pins each `interval` until stop().
-    void care(std::chrono::seconds interval);
+    // Body of the care thread. How often it looks at the pins and at the table; 0: never.
+    void care(std::chrono::seconds pinInterval, std::chrono::seconds tableInterval);
     bool hasOtherPins();
+    void compareTable(std::chrono::seconds interval);
+    // On the core ring's poll thread, between two readings.
+    void mendTable(RingMonitor& monitor);
     void requestRestart(const std::string& reason);
     // True when stopped, at the latest after `duration`.
     bool sleepUnlessStopped(std::chrono::milliseconds duration);
@@ -227,6 +233,15 @@ class TESU_API TesuBpfService {
     // through the descriptor, which stays readable from stop() on.
     std::condition_variable stopCondition;
     android::base::unique_fd stopFd;
+
+    // What the care thread found for the core monitor to put right. It belongs to the monitor while
+    // `isMendingDue`, which the care thread sets and the monitor clears, and else to the care
+    // thread. The event wakes the monitor.
+    TableMending mending;
+    std::atomic<bool> isMendingDue{false};
+    android::base::unique_fd mendingEvent;
+    // Of the core ring when the table was compared last; the care thread's.
+    uint64_t lostAtComparison = 0;
 
     android::base::unique_fd restartEvent;
     std::string reasonToRestart GUARDED_BY(servicelock);

@@ -23,9 +23,10 @@ int64_t StartTime(const ProcStat& stat) {
                                 static_cast<uint64_t>(sinceBoot));
 }
 
-// Nothing when the process has gone.
-std::optional<RawTesuTaskInitEvent> DescribeTask(const std::string& procRoot,
-                                                 const std::string& pid, std::string* text) {
+}  // namespace
+
+std::optional<RawTesuTaskInitEvent> ReadTask(const std::string& procRoot, const std::string& pid,
+                                             std::string* text) {
     RawTesuTaskInitEvent record{};
     record.header.type = RAW_EVENT_TASK_INIT;
     record.header.time = static_cast<int64_t>(GetSystemBootNanosencondsTime());
@@ -54,14 +55,12 @@ std::optional<RawTesuTaskInitEvent> DescribeTask(const std::string& procRoot,
     return record;
 }
 
-}  // namespace
-
 int ScanTasks(const std::string& procRoot, const KeepScanning& keepScanning,
               const std::function<void(RawTesuTaskInitEvent&)>& take) {
     int count = 0;
     std::string text;
     ForEachProcess(procRoot, keepScanning, [&](const std::string& pid) {
-        if (auto record = DescribeTask(procRoot, pid, &text)) {
+        if (auto record = ReadTask(procRoot, pid, &text)) {
             ++count;
             take(*record);
         } else {

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "proc/proc_files.h"
@@ -17,6 +18,11 @@ namespace Tesu::Bpf {
 // listened, so that they would stay in the table for ever. Returns the number of records.
 int ScanTasks(const std::string& procRoot, const KeepScanning& keepScanning,
               const std::function<void(RawTesuTaskInitEvent&)>& take);
+
+// One of them; its id in decimal. Nothing when it has gone or is a zombie. `text` is memory to read
+// into.
+std::optional<RawTesuTaskInitEvent> ReadTask(const std::string& procRoot, const std::string& pid,
+                                             std::string* text);
 
 // What is read again of one process.
 struct UpdateProcessExdata {

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -40,6 +41,16 @@ class TaskStore {
     // Whether it was there.
     bool erase(int32_t pid);
     size_t size() const { return slots.size(); }
+    // Calls `visit` with each id and its record.
+    template <class Visit>
+    void forEach(Visit visit) const {
+        for (const auto& chunk : chunks) {
+            for (uint64_t used = chunk->used; used != 0; used &= used - 1) {
+                const auto slot = static_cast<size_t>(std::countr_zero(used));
+                visit(chunk->pids[slot], chunk->tasks[slot]);
+            }
+        }
+    }
 
     size_t chunkCount() const { return chunks.size(); }
     // All records. `copy` has room for chunkCount().

@@ -55,6 +55,15 @@ uint32_t TesuTaskManager::GetTesuTaskCount() const {
     return static_cast<uint32_t>(tasks.size());
 }
 
+std::vector<TaskIdentity> TesuTaskManager::ListTesuTasks() const {
+    std::vector<TaskIdentity> list;
+    list.reserve(tasks.size());
+    tasks.forEach([&list](int32_t pid, const TesuTask& task) {
+        list.push_back({pid, task.createEventTime, task.initTimeStamp});
+    });
+    return list;
+}
+
 int32_t TesuTaskManager::AddMmidIndex(uint32_t mmid, TesuTask* task) {
     mmidIndex.insert_or_assign(mmid, task);
     return 0;

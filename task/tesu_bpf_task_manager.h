@@ -34,6 +34,8 @@ class TESU_API TesuTaskManager {
     // -1 for an absent pid
     int32_t DelTesuTask(int32_t pid) REQUIRES(tesuTaskManagerLock);
     uint32_t GetTesuTaskCount() const REQUIRES(tesuTaskManagerLock);
+    // In no order.
+    std::vector<TaskIdentity> ListTesuTasks() const REQUIRES(tesuTaskManagerLock);
 
     // By memory descriptor; for hosts, the service uses neither of these tables. The index does not
     // own its tasks, and deleting a task leaves its entry.

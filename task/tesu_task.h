@@ -36,6 +36,13 @@ struct TesuTask {
 static_assert(offsetof(TesuTask, rssShmemSize) - offsetof(TesuTask, rssFileSize) == 24,
               "the four sizes lie in a row");
 
+// What tells the record of a process from those of others that had its id or will have it.
+struct TaskIdentity {
+    int32_t pid;
+    int64_t createEventTime;
+    int64_t initTimeStamp;
+};
+
 // Of the four sizes. Wraps, so that no input is undefined.
 inline uint64_t TotalSize(const TesuTask& task) {
     return static_cast<uint64_t>(task.rssFileSize) + static_cast<uint64_t>(task.rssAnonSize) +

@@ -114,6 +114,20 @@ TEST_F(ProcessModelTest, FollowsProcThroughStartsAndEnds) {
     EXPECT_EQ(events(Create(READ - 1, 1, 11, "gone")), "7 found 4/5/10 8 fork 1/-1/0 ");
 }
 
+TEST_F(ProcessModelTest, ReadsProcAgainAfterALossAndShowsIt) {
+    proc(READ, {Found(7)});
+    for (const int64_t time : {READ, READ + 2 * SECOND}) {
+        events(RecordsLostNotification{{NOTIFICATION_RECORDS_LOST, 0, time}, 1, 0, 20, 99});
+    }
+    EXPECT_FALSE(model.wantsProc(READ + 2 * SECOND));
+    EXPECT_TRUE(model.wantsProc(READ + 4 * SECOND)) << "losses that go on put it off";
+    for (const int64_t time : {READ + 6 * SECOND, READ + 8 * SECOND}) {
+        model.advanceTo(time);
+        EXPECT_EQ(model.view({}).totals.recordsLost, 40U);
+        EXPECT_EQ(model.view({}).totals.isLosing, time < READ + 7 * SECOND);
+    }
+}
+
 TEST_F(ProcessModelTest, RefreshesAForkedProcessUntilItHasItsOwnName) {
     const auto& delays = ProcessModel::REFRESH_DELAYS;
     events(Create(START, 1, 6, "fork"), Create(START, 1, 7, "fork"));

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <set>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -16,10 +17,13 @@
 #include "proc/process_snapshot.h"
 #include "service/tesu_bpf_service.h"
 #include "task/map_seeding.h"
+#include "task/table_mending.h"
 #include "task/task_scan.h"
 #include "task/tesu_bpf_task_manager.h"
 #include "tests/support/records.h"
 #include "tests/support/temp_dir.h"
+#include "util/monotonic_clock.h"
+#include "util/string_util.h"
 #include "util/time_util.h"
 
 namespace Tesu::Bpf {
@@ -107,6 +111,70 @@ TEST(ScanTest, SomeNamesAreReadAgain) {
         EXPECT_STREQ(task.comm, isRead ? "renamed" : name);
         EXPECT_EQ(task.lastRefreshTime >= now && task.lastRefreshTime < now + 1000, isRead);
     }
+}
+
+TEST(ScanTest, TheTableIsMendedByWhatIsStillSo) {
+    // No kernel gives ids as high.
+    enum : int32_t {
+        LOST = 5000000,
+        YOUNG,
+        PENDING,
+        REPLACED,
+        GONE,
+        CAME,
+        CHANGED,
+        LEFT,
+        ENDS,
+        AGAIN
+    };
+    const TempDir proc;
+    const auto write = [&proc](int32_t pid, int64_t start, int flags = 0) {
+        const std::string name = std::to_string(pid);
+        const long long ticks = start * sysconf(_SC_CLK_TCK);
+        proc.write(name + "/status", "Name:\tname\n");
+        proc.write(name + "/stat",
+                   StringPrintf("%d (name) S 1 1 1 0 -1 %d 0 0 0 0 0 0 0 0 20 0 1 0 %lld 1 2\n",
+                                pid, flags, ticks));
+    };
+    TesuTaskManager* const table = TesuTaskManager::GetInstance();
+    const auto put = [table](int32_t pid, int64_t createTime) {
+        MutexLock lock(TesuTaskManager::tesuTaskManagerLock);
+        TesuTask task;
+        task.createEventTime = createTime;
+        task.initTimeStamp = GetBasetime() + 1;
+        table->AddTesuTask(pid, task);
+    };
+    for (const int32_t pid : {LOST, PENDING, CAME, ENDS, AGAIN}) {
+        write(pid, 1);
+    }
+    write(YOUNG, ClockNanoseconds(CLOCK_BOOTTIME) / NANOSECONDS_PER_SECOND);
+    for (const int32_t pid : {REPLACED, CHANGED}) {
+        put(pid, 1);
+        write(pid, 4);
+    }
+    put(GONE, 1);
+    put(LEFT, 1);
+    TableMending mending(
+        CompareTableWithProc(table,
+                             {.procRoot = proc.path(),
+                              .minAge = 10,
+                              .withStarts = true,
+                              .isCreatePending = [](int32_t pid) { return pid == PENDING; }},
+                             [] { return true; }));
+    // Meanwhile records of these are handled.
+    for (const int32_t pid : {CAME, CHANGED, LEFT}) {
+        put(pid, 2);
+    }
+    write(ENDS, 1, 4);
+    write(AGAIN, 2);
+    std::set<int32_t> taken;
+    const auto take = [&taken](const RawTesuTaskInitEvent& record) { taken.insert(record.pid); };
+    while (mending.applySome(table, proc.path(), take)) {
+    }
+    EXPECT_THAT(taken, testing::ElementsAre(LOST, REPLACED));
+    MutexLock lock(TesuTaskManager::tesuTaskManagerLock);
+    EXPECT_EQ(table->GetTesuTask(GONE), nullptr);
+    EXPECT_NE(table->GetTesuTask(LEFT), nullptr);
 }
 
 }  // namespace

@@ -2,9 +2,11 @@
 //
 // What the programs' maps hold of an earlier service is forgotten: of tasks that went through an
 // exec, or whose ids are in use again, while no service ran.
+#include <android-base/properties.h>
 #include <bcc/libbpf.h>
 #include <bpf/bpf.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,6 +18,7 @@
 #include "records/contract.h"
 #include "tests/support/kernel.h"
 #include "tests/support/records.h"
+#include "tests/support/wait_until.h"
 
 namespace Tesu::Bpf {
 namespace {
@@ -67,6 +70,18 @@ TEST_F(ServiceRestartTest, KnowsNothingOfWhatAnEarlierServiceSaw) {
             EXPECT_TRUE(hasEnded || rss.size > 0) << "member " << rss.member;
         }
     }
+}
+
+// A restart brings no pins, so their want is no reason for one.
+TEST_F(ServiceRestartTest, IsAskedForWhenPinsComeToAServiceThatFoundNone) {
+    android::base::SetProperty(WATCH_PINS_PROPERTY, "1");
+    start("1");
+    ASSERT_TRUE(WaitUntil(
+        [this] { return service->ringStatistics(RING_CORE).monitor == RingMonitorState::FAILED; }));
+    ASSERT_NO_FATAL_FAILURE(load());
+    pollfd restart = {.fd = service->restartFd(), .events = POLLIN, .revents = 0};
+    EXPECT_TRUE(WaitUntil([&] { return poll(&restart, 1, 0) == 1; }));
+    EXPECT_EQ(service->restartReason(), "other eBPF programs were pinned than those in use");
 }
 
 }  // namespace

@@ -3,9 +3,13 @@
 // What the running service and the client's model of processes know, compared with /proc while much
 // happens on the machine; and the service's dumps meanwhile.
 #include <android-base/file.h>
+#include <android-base/properties.h>
 #include <bpf/bpf.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/sched.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -222,6 +226,73 @@ TEST_F(TableTest, EqualsProcBeforeDuringAndAfterStorms) {
         workload->sendSignal(SIGKILL);
     }
     expectEqualProc(before);
+}
+
+// A process that lives on; `pid` chooses its id.
+pid_t Start(pid_t pid = 0) {
+    clone_args arguments = {};
+    arguments.exit_signal = SIGCHLD;
+    if (pid != 0) {
+        arguments.set_tid = reinterpret_cast<uintptr_t>(&pid);
+        arguments.set_tid_size = 1;
+    }
+    const auto started = static_cast<pid_t>(syscall(SYS_clone3, &arguments, sizeof(arguments)));
+    if (started == 0) {
+        execl(TESUBPF_WORKLOAD_PATH, "workload", "touch", "-", nullptr);
+        _exit(1);
+    }
+    return started;
+}
+
+void End(pid_t pid) {
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+}
+
+TEST_F(TableTest, IsPutRightWhereRecordsWereLost) {
+    android::base::SetProperty(MEND_TABLE_PROPERTY, "1");
+    ASSERT_NO_FATAL_FAILURE(startService(128 * 1024));
+    subscribe({RAW_EVENT_TASK_INIT, NOTIFICATION_PROCESS_CREATED});
+    const pid_t gone = Start();
+    const pid_t replaced = Start();
+    ASSERT_TRUE(WaitUntil([&, table = Rows()]() mutable {
+        table = ReadTable();
+        return table.contains(gone) && table.contains(replaced);
+    }));
+    std::this_thread::sleep_for(std::chrono::seconds(4));  // ids do not come back at once
+    SetRingFlags(RING_CORE, 0);
+    End(gone);
+    End(replaced);
+    const pid_t unknown = Start();
+    ASSERT_EQ(Start(replaced), replaced);
+    const RawEventHeader any = {.type = RAW_EVENT_FD_UPDATE, .padding = 0, .time = 0};
+    RecordInjector injector(RING_CORE);
+    while (injector.inject(&any, sizeof(any), 1000).refused == 0) {
+    }
+    SetRingFlags(RING_CORE, FLAG_CORE_ENABLED | FLAG_NORMAL_ENABLED);
+
+    const std::string name = "tesubpf_test_wo";
+    ASSERT_TRUE(WaitUntil([&] {
+        const Rows table = ReadTable();
+        return !table.contains(gone) && table.contains(unknown) &&
+               table.at(replaced).name == name && table.at(unknown).name == name;
+    }));
+    std::multiset<pid_t> told;
+    while (told.count(unknown) + told.count(replaced) < 2) {
+        const auto package = client.next();
+        ASSERT_TRUE(package.has_value());
+        const auto event = As<RawTesuTaskInitEvent>(package->body);
+        if (event.header.type == RAW_EVENT_TASK_INIT) {
+            told.insert(event.pid);
+        } else {
+            EXPECT_NE(As<ProcessCreatedNotification>(package->body).pid, unknown);
+        }
+    }
+    EXPECT_EQ(told.count(unknown), 1U);
+    for (const pid_t pid : {unknown, replaced}) {
+        End(pid);
+        EXPECT_TRUE(WaitUntil([pid] { return !ReadTable().contains(pid); }));
+    }
 }
 
 TEST_F(TableTest, KnowsTheDescriptorsAndDmaBufsThatWereThereBefore) {
