@@ -122,7 +122,7 @@ void FindMembers(const std::string& btfPath, KernelLayout* result) {
     }
     const auto guessed = GuessOffsets(&result->values);
     if (guessed) {
-        result->memberSource = "offset guessing";
+        result->memberSource = "offset guessing (" + typed.error() + ")";
     } else {
         result->memberProblem = typed.error() + "; offset guessing: " + guessed.error();
     }

@@ -2,11 +2,11 @@
 #include "loader/tracepoint_format.h"
 
 #include <android-base/file.h>
-#include <android-base/parseint.h>
 #include <android-base/strings.h>
 
 #include <algorithm>
-#include <regex>
+#include <charconv>
+#include <system_error>
 
 namespace Tesu::Bpf {
 
@@ -14,20 +14,32 @@ namespace {
 
 constexpr std::string_view FIELD_PREFIX = "field:";
 
-// "unsigned short common_type;", "char comm[16];" or "__data_loc char[] dst_path;", each followed
-// by "offset:8;" and "size:4;".
-bool ParseField(const std::string& line, TracepointField* field) {
-    static const std::regex FIELD(
-        "(__data_loc )?(.*) ([^ \\[]+)(\\[.*)?;\\s*offset:(\\d+);\\s*size:(\\d+);.*");
-    std::smatch parts;
-    if (!std::regex_match(line, parts, FIELD)) {
+// Takes the number behind that word off the text, and the ";" that ends it.
+bool TakeNumber(std::string_view word, std::string_view* text, uint32_t* number) {
+    text->remove_prefix(std::min(text->find_first_not_of(" \t"), text->size()));
+    if (!android::base::ConsumePrefix(text, word)) {
         return false;
     }
-    field->isLocated = parts[1].matched;
-    field->type = parts[2];
-    field->name = parts[3];
-    return android::base::ParseUint(parts[5].str(), &field->offset) &&
-           android::base::ParseUint(parts[6].str(), &field->size);
+    const auto parsed = std::from_chars(text->data(), text->data() + text->size(), *number);
+    text->remove_prefix(static_cast<size_t>(parsed.ptr - text->data()));
+    return parsed.ec == std::errc() && android::base::ConsumePrefix(text, ";");
+}
+
+// "unsigned short common_type;", "char comm[16];" or "__data_loc char[] dst_path;", each followed
+// by "offset:8;" and "size:4;". By hand: a regular expression's stack is as deep as a line is long.
+bool ParseField(std::string_view line, TracepointField* field) {
+    field->isLocated = android::base::ConsumePrefix(&line, "__data_loc ");
+    const std::string_view declaration = line.substr(0, line.find(';'));
+    const size_t blank = declaration.rfind(' ');
+    if (blank == std::string_view::npos || declaration.size() == line.size()) {
+        return false;
+    }
+    line.remove_prefix(declaration.size() + 1);
+    const std::string_view name = declaration.substr(blank + 1);
+    field->type = declaration.substr(0, blank);
+    field->name = name.substr(0, name.find('['));
+    return !field->name.empty() && TakeNumber("offset:", &line, &field->offset) &&
+           TakeNumber("size:", &line, &field->size);
 }
 
 }  // namespace
@@ -42,11 +54,12 @@ Result<TracepointFormat> ParseTracepointFormat(std::string_view text) {
     TracepointFormat format;
     for (const std::string& line : android::base::Split(std::string(text), "\n")) {
         const std::string trimmed = android::base::Trim(line);
-        if (!trimmed.starts_with(FIELD_PREFIX)) {
+        std::string_view rest = trimmed;
+        if (!android::base::ConsumePrefix(&rest, FIELD_PREFIX)) {
             continue;
         }
         TracepointField field;
-        if (!ParseField(trimmed.substr(FIELD_PREFIX.size()), &field)) {
+        if (!ParseField(rest, &field)) {
             return Failure("cannot understand the line \"" + trimmed + "\"");
         }
         format.push_back(std::move(field));

@@ -9,8 +9,10 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 
+#include "util/log.h"
 #include "util/mutex.h"
 
 namespace Tesu::Bpf {
@@ -18,7 +20,7 @@ namespace Tesu::Bpf {
 bool ReplaceDumpFile(const std::string& path, const std::string& text) {
     static Mutex fileLock;
     const std::string folder = std::filesystem::path(path).parent_path();
-    const std::string beside = path + ".new";
+    const std::string beside = path + DUMP_BESIDE_SUFFIX;
     MutexLock lock(fileLock);
     mkdir(folder.c_str(), 0775);
     unlink(path.c_str());
@@ -34,6 +36,10 @@ bool ReplaceDumpFile(const std::string& path, const std::string& text) {
     }
     const int error = errno;
     unlink(beside.c_str());
+    if (!isWhole) {
+        TESU_LOGE(TESU_LOG_UTILS, "[ReplaceDumpFile] %s not written: %d, message: %s", path.c_str(),
+                  error, strerror(error));
+    }
     errno = error;
     return !isWhole;
 }

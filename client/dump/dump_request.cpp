@@ -5,8 +5,10 @@
 #include <android-base/strings.h>
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
+#include <sys/inotify.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,10 +16,12 @@
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
+#include <utility>
 #include <vector>
 
 #include "ipc/local_socket.h"
 #include "proc/proc_files.h"
+#include "util/dump_file.h"
 #include "util/string_util.h"
 
 namespace Tesu::Bpf {
@@ -64,14 +68,77 @@ bool IsOfKind(DumpSignal kind, const std::string& text) {
     return hasOldColumns == isFull && (!withKernelTasks || lines.size() >= size_t{count} + 3);
 }
 
+// Sees a dump fail: the file beside it comes and goes, and the dump does not come.
+class FailureWatch {
+  public:
+    // `path`: of the dump.
+    explicit FailureWatch(const std::string& path)
+        : folder(std::filesystem::path(path).parent_path()),
+          beside(std::filesystem::path(path).filename().string() + DUMP_BESIDE_SUFFIX),
+          fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {}
+
+    // Whether the watch has begun just now: when the folder is there.
+    bool begin() {
+        return !std::exchange(isBegun, isBegun || inotify_add_watch(fd.get(), folder.c_str(),
+                                                                    IN_CREATE | IN_DELETE) >= 0) &&
+               isBegun;
+    }
+
+    // Whether a dump that the daemon began since then has failed.
+    bool hasFailed() {
+        alignas(inotify_event) char buffer[4096];
+        for (ssize_t size = 0; (size = read(fd.get(), buffer, sizeof(buffer))) > 0;) {
+            for (const char* at = buffer; at < buffer + size;) {
+                const auto* const event = reinterpret_cast<const inotify_event*>(at);
+                at += sizeof(*event) + event->len;
+                if (event->len != 0 && beside == event->name) {
+                    failed = failed || (isWritten && (event->mask & IN_DELETE) != 0);
+                    isWritten = (event->mask & IN_CREATE) != 0;
+                }
+            }
+        }
+        return failed;
+    }
+
+  private:
+    const std::string folder;
+    const std::string beside;
+    const unique_fd fd;
+    bool isBegun = false;
+    bool isWritten = false;  // a file beside was seen to come
+    bool failed = false;
+};
+
+// What is known here of the file system that a dump goes to.
+struct Disk {
+    bool isReadOnly = false;
+    std::string room;  // for people
+};
+
+Disk DiskOf(const std::string& folder) {
+    struct statvfs disk {};
+    if (statvfs(folder.c_str(), &disk) != 0 &&
+        statvfs(std::filesystem::path(folder).parent_path().c_str(), &disk) != 0) {
+        return {};
+    }
+    const uint64_t kilobytes = uint64_t{disk.f_bfree} * disk.f_frsize / 1024;
+    return {.isReadOnly = (disk.f_flag & ST_RDONLY) != 0,
+            .room = StringPrintf(" (its file system has %llu KiB left)",
+                                 static_cast<unsigned long long>(kilobytes))};
+}
+
 // The text of the first file of the wanted kind that is not `old`; none when a signal came.
 Result<std::optional<std::string>> AwaitFile(pid_t service, DumpSignal kind,
                                              const std::string& path, unique_fd old,
+                                             FailureWatch* watch,
                                              const TerminationSignals& signals) {
     const auto end = std::chrono::steady_clock::now() + PATIENCE;
+    const std::string daemon = StringPrintf("the daemon (pid %d)", service);
     do {
-        // In this order: a daemon that ends may have written the file before.
+        // In this order: a daemon that ends may have written the file before, and so may one that
+        // then failed to write another.
         const bool hasEnded = !Catches(service, kind);
+        const bool hasFailed = watch->hasFailed();
         unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
         std::string text;
         if (fd.ok() && !IsSameFile(fd.get(), old.get())) {
@@ -83,9 +150,16 @@ Result<std::optional<std::string>> AwaitFile(pid_t service, DumpSignal kind,
                 kill(service, kind);
             }
             old = std::move(fd);
+        } else if (watch->begin() && !hasEnded) {
+            kill(service, kind);  // the folder came with a dump that may have failed unseen
         }
         if (hasEnded) {
-            return Failure(StringPrintf("the daemon (pid %d) has ended", service));
+            return Failure(daemon + " has ended");
+        }
+        if (hasFailed) {
+            return Failure(daemon + " could not write " + path +
+                           DiskOf(std::filesystem::path(path).parent_path()).room +
+                           "; its log says why");
         }
         if (signals.wait(STEP)) {
             return std::nullopt;
@@ -94,7 +168,7 @@ Result<std::optional<std::string>> AwaitFile(pid_t service, DumpSignal kind,
     if (access(path.c_str(), R_OK) != 0 && errno == EACCES) {
         return Failure("no permission to read " + path);
     }
-    return Failure(StringPrintf("the daemon (pid %d) wrote no whole %s within %d seconds", service,
+    return Failure(StringPrintf("%s wrote no whole %s within %d seconds", daemon.c_str(),
                                 path.c_str(), static_cast<int>(PATIENCE.count())));
 }
 
@@ -128,8 +202,14 @@ Result<std::optional<std::string>> RequestDump(pid_t service, DumpSignal kind,
         return Failure("the folder " + parent +
                        " does not exist, so the daemon cannot write its dumps");
     }
+    if (DiskOf(folder).isReadOnly) {
+        return Failure("the daemon cannot write its dumps: " + folder +
+                       " is on a read-only file system");
+    }
     const std::string path =
         folder + "/" + (kind == DUMP_SIGNAL_STATE ? STATE_DUMP_FILE : TASK_DUMP_FILE);
+    FailureWatch watch(path);
+    watch.begin();
     // Held open, so that no new file can have its number.
     unique_fd old(open(path.c_str(), O_PATH | O_CLOEXEC));
     const std::string daemon = StringPrintf("the daemon (pid %d)", service);
@@ -137,7 +217,7 @@ Result<std::optional<std::string>> RequestDump(pid_t service, DumpSignal kind,
         return errno == EPERM ? Failure("no permission to signal " + daemon + ": try as root")
                               : SystemFailure("cannot signal " + daemon);
     }
-    return AwaitFile(service, kind, path, std::move(old), signals);
+    return AwaitFile(service, kind, path, std::move(old), &watch, signals);
 }
 
 }  // namespace Tesu::Bpf
