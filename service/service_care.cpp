@@ -97,7 +97,7 @@ bool TesuBpfService::hasOtherPins() {
 void TesuBpfService::compareTable(seconds interval) {
     // What was found last may not be put right yet, or nobody is there to do it.
     if (isMendingDue.load(std::memory_order_acquire) ||
-        ringAccounts[RING_CORE].monitor != RingMonitorState::RUNNING) {
+        ringAccounts[RING_CORE].monitor != RING_MONITOR_RUNNING) {
         return;
     }
     const uint64_t lost = ringAccounts[RING_CORE].lost;

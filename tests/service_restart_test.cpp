@@ -77,7 +77,7 @@ TEST_F(ServiceRestartTest, IsAskedForWhenPinsComeToAServiceThatFoundNone) {
     android::base::SetProperty(WATCH_PINS_PROPERTY, "1");
     start("1");
     ASSERT_TRUE(WaitUntil(
-        [this] { return service->ringStatistics(RING_CORE).monitor == RingMonitorState::FAILED; }));
+        [this] { return service->ringStatus(RING_CORE).monitor == RING_MONITOR_FAILED; }));
     ASSERT_NO_FATAL_FAILURE(load());
     pollfd restart = {.fd = service->restartFd(), .events = POLLIN, .revents = 0};
     EXPECT_TRUE(WaitUntil([&] { return poll(&restart, 1, 0) == 1; }));
