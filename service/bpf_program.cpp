@@ -30,8 +30,8 @@ struct ProgramStates {
     std::vector<BpfProgramState> states GUARDED_BY(mutex);
 };
 ProgramStates& States() {
-    static auto* const states = new ProgramStates;  // never destroyed: a poll thread may use it
-    return *states;
+    static auto* const STATES = new ProgramStates;  // never destroyed: a poll thread may use it
+    return *STATES;
 }
 
 // What is before and after the first underscore: category and name of a tracepoint, or kind of

@@ -125,6 +125,7 @@ bool TesuBpfService::reportStatus(int fd, uint32_t requestId) {
         BuildStatusReport(self, GetBpfProgramStates(),
                           {ringStatus(RING_CORE), ringStatus(RING_GPL)}, events->clientStates());
     std::vector<TesuRespIpcPackage> responses;
+    responses.reserve(report.size());
     for (const std::string& data : report) {
         responses.push_back({.requestId = requestId,
                              .result = static_cast<int>(report.size() - responses.size() - 1),

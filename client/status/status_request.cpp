@@ -50,7 +50,8 @@ void Take(const char* data, size_t size, StatusReport* report) {
             // The types are the last of it, whatever was added in front of them.
             const size_t count = client.status.typeCount;
             const size_t bytes = count * sizeof(client.types[0]);
-            if (count != 0 && size >= sizeof(ClientStatus) && bytes <= size - sizeof(ClientStatus)) {
+            if (count != 0 && size >= sizeof(ClientStatus) &&
+                bytes <= size - sizeof(ClientStatus)) {
                 client.types.resize(count);
                 std::memcpy(client.types.data(), data + size - bytes, bytes);
             }
