@@ -2,6 +2,7 @@
 //
 // The whole road from the kernel's ring buffers to a client that knows only the wire format, with
 // numbered records: none is lost unless it is counted, none is invented, none comes out of order.
+#include <android-base/strings.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -9,13 +10,17 @@
 #include <future>
 #include <map>
 #include <optional>
+#include <sstream>
+#include <string>
 #include <thread>
 #include <tuple>
 
+#include "diag/tesu_bpf_state.h"
 #include "records/contract.h"
 #include "records/notification.h"
 #include "tests/support/kernel.h"
 #include "tests/support/records.h"
+#include "tests/support/temp_dir.h"
 #include "tests/support/wait_until.h"
 
 namespace Tesu::Bpf {
@@ -82,6 +87,19 @@ void EndStream(RecordInjector& injector, uint32_t type, uint64_t* refused) {
     }
 }
 
+// The sum of a type's counters.
+uint64_t Counted(uint32_t type) {
+    DumpState(DUMP_SIGNAL_STATE);
+    std::istringstream text(ReadWholeFile(std::string(DUMP_DIR) + "/" + STATE_DUMP_FILE));
+    std::string line;
+    std::getline(text, line);
+    uint64_t sum = 0;
+    while (std::getline(text, line)) {
+        sum += std::stoull(android::base::Split(line, ",")[1 + type]);
+    }
+    return sum;
+}
+
 using StreamTest = KernelServiceTest;
 
 TEST_F(StreamTest, ProducedIsReceivedAndLostOnBothRings) {
@@ -130,6 +148,9 @@ TEST_F(StreamTest, ProducedIsReceivedAndLostOnBothRings) {
         EXPECT_GT(statistics.fullest, RING_BYTES / 2);
         EXPECT_LE(statistics.fullest, RING_BYTES);
     }
+    // They are given a reading's records at its end. Of this type the machine makes none itself.
+    EXPECT_TRUE(WaitUntil(
+        [&] { return Counted(RAW_EVENT_DMABUF_SIZE) == received[RAW_EVENT_DMABUF_SIZE] + 1; }));
 }
 
 // Then nobody reads, and real records find the ring full.

@@ -375,6 +375,8 @@ TEST_F(TableTest, DumpsDuringAStormAreWholeAndCostNoEvent) {
                 EXPECT_TRUE(living.insert(create.pid).second) << create.pid;
                 ++created;
             }
+            const uint32_t type = create.header.type;
+            EXPECT_TRUE(type == RAW_EVENT_TASK_CREATE || type == RAW_EVENT_TASK_EXIT) << type;
         }
     };
     finish(*storm, drain);
