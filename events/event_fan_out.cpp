@@ -219,6 +219,7 @@ void EventManager::disconnect(Observer& observer) {
         fd, peer.pid, peer.uid, state.queuedBytes,
         static_cast<unsigned long long>(state.queuedPackages));
     extractClient(fd);
+    hasDisconnected = true;
     if (transport.disconnect) {
         transport.disconnect(fd);
     }

@@ -82,6 +82,9 @@ class TESU_API EventManager {
     bool addClient(int fd);
     size_t clientCount();
     std::vector<ClientState> clientStates();
+    // Whether a client was disconnected for what it cost since this was asked last: there may be
+    // much memory to return.
+    bool takeHasDisconnected() { return hasDisconnected.exchange(false); }
     // False for a client that has not taken what was queued for it so far: what it asks for is not
     // worth the work.
     bool mayAsk(int fd);
@@ -157,6 +160,7 @@ class TESU_API EventManager {
     // Those that subscribed to something.
     std::map<int, Observer> fdEvents GUARDED_BY(tesuRawEventManagerLock);
     std::atomic<bool> hasObservers{false};
+    std::atomic<bool> hasDisconnected{false};
     // Of all types that clients subscribed to, only those that were ever appended make audiences
     // differ: their number is the host's affair and not a client's.
     std::set<int32_t> appendedTypes GUARDED_BY(tesuRawEventManagerLock);

@@ -10,6 +10,7 @@
 #include "records/read_prefix.h"
 #include "service/status_report.h"
 #include "service/tesu_bpf_service.h"
+#include "util/free_memory.h"
 #include "util/log.h"
 #include "util/string_util.h"
 
@@ -54,7 +55,11 @@ int TesuBpfService::onClientLibConnection(int fd) {
 }
 
 int TesuBpfService::onClientLibClose(int fd) {
-    EventManager::GetInstance()->removeClient(fd);
+    EventManager* const events = EventManager::GetInstance();
+    events->removeClient(fd);
+    if (events->takeHasDisconnected()) {
+        ReturnFreeMemory();
+    }
     TESU_LOGD(TESU_LOG_SERVICE, "[TESUBPFDEBUG] [TesuBpfService] on client disconnection %d", fd);
     return 0;
 }

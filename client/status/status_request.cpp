@@ -70,7 +70,7 @@ Result<int32_t> TakeResponse(const Package& package, StatusReport* report) {
     }
     const auto left = static_cast<int32_t>(ReadWord(package.body + sizeof(uint32_t)));
     if (left < 0) {
-        return Failure("this daemon does not report its status");
+        return Failure("this daemon does not report its status, or cannot at the moment");
     }
     if (package.length > IPC_RESPONSE_RECORD_SIZE) {
         Take(package.body + IPC_RESPONSE_RECORD_SIZE, package.length - IPC_RESPONSE_RECORD_SIZE,
