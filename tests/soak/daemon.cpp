@@ -19,7 +19,8 @@ using std::chrono::steady_clock;
 
 // What the log may say in each line; the second row is of a kernel without kprobes.
 const std::regex EXPECTED_LINE(
-    " I |too slow|fd does not exist|No space left|were (lost|dropped)|ringbuff full|avail|Stop|"
+    " I |too slow|Cannot allocate memory|fd does not exist|No space left|were "
+    "(lost|dropped)|ringbuff full|avail|Stop|"
     "kprobe_events|kprobe prog failed|Attach all|open_fd_caller_map");
 const nlohmann::json NO_STATUS = {{"clients", {}}, {"rings", {{{"lost", -1}}}}};
 
