@@ -6,7 +6,7 @@
 // how many came, how many of those out of order, and when the end came (CLOCK_MONOTONIC,
 // nanoseconds).
 // --latency: a line more, with the nanoseconds since the times of the first client's records:
-// median, 99 %, 99.9 %, most.
+// median, 99 %, 99.9 %, most. --go-on: a line whenever the end comes, after which they go on.
 //
 // delivery_clients idle COUNT: so many connections to the service on which nothing is asked for.
 #include <poll.h>
@@ -54,7 +54,10 @@ struct Tally {
         }
         if (time == END_TIME) {
             end = Now();
-            return false;
+            if (goesOn) {
+                print();
+            }
+            return goesOn;
         }
         ++delivered;
         misordered += time <= last;
@@ -65,12 +68,19 @@ struct Tally {
         return true;
     }
 
+    void print() const {
+        std::printf("%llu %llu %lld\n", static_cast<unsigned long long>(delivered),
+                    static_cast<unsigned long long>(misordered), static_cast<long long>(end));
+        std::fflush(stdout);
+    }
+
     uint64_t delivered = 0;
     uint64_t misordered = 0;
     int64_t last = 0;
     int64_t end = 0;  // when the end came
     bool isReady = false;
     bool isTimed = false;
+    bool goesOn = false;
     int64_t readAt = 0;
     std::vector<int64_t> latencies;
 };
@@ -165,10 +175,14 @@ void PrintLatencies(std::vector<int64_t>& latencies) {
     std::printf("\n");
 }
 
-int Count(const std::string& kind, size_t clients, bool isTimed) {
+int Count(const std::string& kind, size_t clients, const std::string& option) {
+    const bool isTimed = option == "--latency";
     std::latch ready(static_cast<ptrdiff_t>(clients));
     std::vector<Tally> tallies(clients);
     tallies.front().isTimed = isTimed;
+    for (Tally& tally : tallies) {
+        tally.goesOn = option == "--go-on";
+    }
     std::vector<std::thread> threads;
     if (kind == "ZeroMQ") {
         void* const context = zmq_ctx_new();
@@ -184,9 +198,7 @@ int Count(const std::string& kind, size_t clients, bool isTimed) {
         thread.join();
     }
     for (const Tally& tally : tallies) {
-        std::printf("%llu %llu %lld\n", static_cast<unsigned long long>(tally.delivered),
-                    static_cast<unsigned long long>(tally.misordered),
-                    static_cast<long long>(tally.end));
+        tally.print();
     }
     if (isTimed) {
         PrintLatencies(tallies.front().latencies);
@@ -216,5 +228,5 @@ int main(int argc, char** argv) {
     }
     const std::string kind = argv[1];
     const size_t count = std::stoul(argv[2]);
-    return kind == "idle" ? BeIdle(count) : Count(kind, count, argc > 3);
+    return kind == "idle" ? BeIdle(count) : Count(kind, count, argc > 3 ? argv[3] : "");
 }

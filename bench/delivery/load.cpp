@@ -34,7 +34,7 @@ RecordInjector::Result Inject(RecordInjector& injector, const Load& load) {
     for (const auto end = next + load.duration; std::max(next, steady_clock::now()) < end;) {
         std::this_thread::sleep_until(next += interval);
         const auto now = steady_clock::now().time_since_epoch();
-        const uint64_t number = 1 + total.sent + total.refused;
+        const uint64_t number = load.firstNumber + total.sent + total.refused;
         const auto result = InjectAt(
             injector, load.isStamped ? now.count() : static_cast<int64_t>(number), stepRecords);
         total.sent += result.sent;

@@ -14,8 +14,10 @@ namespace Tesu::Bpf {
 struct Load {
     uint64_t rate;  // records a second; 0: as fast as it goes
     std::chrono::milliseconds duration;
-    // The records' times: when they were injected, CLOCK_MONOTONIC. Otherwise 1, 2, 3 and so on.
+    // The records' times: when they were injected, CLOCK_MONOTONIC. Otherwise numbers that rise
+    // by 1.
     bool isStamped = false;
+    uint64_t firstNumber = 1;
 };
 
 // In even steps, of a millisecond where the rate allows; a step that comes late makes up for it.

@@ -1,0 +1,96 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tests/soak/episodes.h"
+
+#include <sys/mount.h>
+
+#include <algorithm>
+#include <csignal>
+#include <thread>
+
+#include "records/contract.h"
+#include "records/raw_event.h"
+#include "tests/support/wire_client.h"
+
+namespace Tesu::Bpf {
+
+namespace {
+
+using namespace std::chrono_literals;
+using std::this_thread::sleep_for;
+
+constexpr int64_t MUTE_CLIENTS_LIMIT_KIB = 102400;
+
+void CheckDump() {
+    ChildProcess client({TESUBPF_PATH, "tasks"});
+    Check(client.waitForExit() == 0, "no dump of the tasks: " + client.error);
+}
+
+// Clients of all that is injected and of what the kernel says, who never read.
+std::vector<WireClient> MuteClients(size_t count) {
+    std::vector<WireClient> clients(count);
+    for (WireClient& client : clients) {
+        Check(client.connectTo(SERVICE_SOCKET_NAME), "a mute client does not get connected");
+        for (int32_t type = RAW_EVENT_RSS_STAT; type <= RAW_EVENT_FD_UPDATE; ++type) {
+            client.sendBytes(WireClient::subscription(1, type));
+        }
+    }
+    return clients;
+}
+
+void FillDisk(Daemon& daemon) {
+    CheckDump();  // which makes the folder
+    Check(mount("none", DUMP_DIR, "tmpfs", 0, "size=4k") == 0, "no small disk");
+    daemon.sendSignal(DUMP_SIGNAL_TASKS);
+    sleep_for(2s);
+    umount2(DUMP_DIR, MNT_DETACH);
+    CheckDump();
+}
+
+// For longer than the daemon takes between two looks at its pins.
+void MakePinsReadOnly(Daemon& /*daemon*/) {
+    Check(mount(nullptr, "/sys/fs/bpf", nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0,
+          "the pins cannot be made read-only");
+    sleep_for(12s);
+    mount(nullptr, "/sys/fs/bpf", nullptr, MS_REMOUNT, nullptr);
+}
+
+// Their memory is limited, and they are forgotten as soon as they end.
+void ConnectMuteClients(Daemon& daemon) {
+    const size_t before = daemon.status()["clients"].size();
+    auto mute = MuteClients(200);
+    int64_t most = 0;
+    for (int i = 0; i < 100; ++i) {
+        most = std::max(most, daemon.kib("Rss:"));
+        sleep_for(40ms);
+    }
+    Check(most < MUTE_CLIENTS_LIMIT_KIB, "with them, KiB: " + std::to_string(most));
+    mute.clear();
+    Check(WaitUntil([&] { return daemon.status()["clients"].size() <= before; }, 2s),
+          "mute clients are still there after their end");
+}
+
+// Until its ring is full.
+void FreezeDaemon(Daemon& daemon) {
+    daemon.sendSignal(SIGSTOP);
+    sleep_for(3s);
+    daemon.sendSignal(SIGCONT);
+}
+
+}  // namespace
+
+void (*const EPISODES[EPISODE_COUNT])(Daemon& daemon) = {FillDisk, MakePinsReadOnly,
+                                                         ConnectMuteClients, FreezeDaemon};
+
+void ExhaustMemory() {
+    Daemon daemon({"prlimit", "--as=314572800", TESUBPFD_PATH, "--property",
+                   std::string(CLIENT_QUEUE_BYTES_PROPERTY) + "=0", "--property",
+                   std::string(QUEUE_BYTES_PROPERTY) + "=0"});
+    auto mute = MuteClients(20);
+    Check(WaitUntil([&] { return daemon.status()["clients"].size() < mute.size(); }),
+          "no mute client is sent away where memory has run out");
+    mute.clear();
+    CheckDump();
+    daemon.end(SIGTERM, 0);
+}
+
+}  // namespace Tesu::Bpf

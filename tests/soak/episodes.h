@@ -1,0 +1,17 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What goes wrong around the daemon for some seconds. Each leaves everything as it was; the load
+// and the clients that keep up go on meanwhile.
+#pragma once
+
+#include "tests/soak/daemon.h"
+
+namespace Tesu::Bpf {
+
+inline constexpr int EPISODE_COUNT = 4;
+extern void (*const EPISODES[EPISODE_COUNT])(Daemon& daemon);
+
+// A daemon of its own, without limits on clients, which runs out of memory under them.
+void ExhaustMemory();
+
+}  // namespace Tesu::Bpf
