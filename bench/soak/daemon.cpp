@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tests/soak/daemon.h"
+#include "bench/soak/daemon.h"
 
 #include <csignal>
 #include <fstream>

@@ -4,7 +4,7 @@
 // and the clients that keep up go on meanwhile.
 #pragma once
 
-#include "tests/soak/daemon.h"
+#include "bench/soak/daemon.h"
 
 namespace Tesu::Bpf {
 

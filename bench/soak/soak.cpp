@@ -13,8 +13,8 @@
 
 #include "bench/delivery/load.h"
 #include "bench/delivery/wire.h"
-#include "tests/soak/daemon.h"
-#include "tests/soak/episodes.h"
+#include "bench/soak/daemon.h"
+#include "bench/soak/episodes.h"
 
 namespace Tesu::Bpf {
 namespace {

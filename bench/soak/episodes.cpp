@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tests/soak/episodes.h"
+#include "bench/soak/episodes.h"
 
 #include <sys/mount.h>
 
