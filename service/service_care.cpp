@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <new>
 #include <utility>
 
 #include "records/contract.h"
@@ -74,7 +75,13 @@ void TesuBpfService::care(seconds pinInterval, seconds tableInterval) {
             pins = Appointment();
         }
         if (table.isDue()) {
-            compareTable(tableInterval);
+            try {
+                compareTable(tableInterval);
+            } catch (const std::bad_alloc&) {
+                // The next comparison finds what this one would have.
+                TESU_LOGW(TESU_LOG_SERVICE,
+                          "[TesuBpfService][care] no memory to compare the table");
+            }
         }
     }
 }
@@ -135,10 +142,16 @@ void TesuBpfService::mendTable(RingMonitor& monitor) {
         return;
     }
     const EventManager::Batch batch;
-    const bool isMore = mending.applySome(
-        TesuTaskManager::GetInstance(), PROC_FS_PATH, [](RawTesuTaskInitEvent& record) {
-            handleBpfRingBuffEvent(nullptr, &record, sizeof(record));
-        });
+    bool isMore = false;
+    try {
+        isMore = mending.applySome(TesuTaskManager::GetInstance(), PROC_FS_PATH,
+                                   [](RawTesuTaskInitEvent& record) {
+                                       handleBpfRingBuffEvent(nullptr, &record, sizeof(record));
+                                   });
+    } catch (const std::bad_alloc&) {
+        // What is left is found again by the next comparison.
+        TESU_LOGW(TESU_LOG_SERVICE, "[TesuBpfService][mendTable] no memory");
+    }
     if (isMore) {
         eventfd_write(mendingEvent.get(), 1);
         return;
