@@ -164,7 +164,8 @@ TEST_F(ProgramsTest, TheDaemonEndsWhereItWouldServeSilence) {
     expectEnd(1, pin + " is missing");
     ASSERT_EQ(bpf_obj_pin(OpenPin(CORE_STATUS_MAP).get(), pin.c_str()), 0);
     expectEnd(1, pin + " is of another build");
-    umount("/sys/fs/bpf");
+    while (umount("/sys/fs/bpf") == 0) {  // one may lie over another
+    }
     expectEnd(1, "no bpf file system");
 }
 
