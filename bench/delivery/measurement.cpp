@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "bench/delivery/wire.h"
+#include "records/contract.h"
 #include "tests/support/pinned_rings.h"
 #include "tests/support/wait_until.h"
 
@@ -38,7 +39,8 @@ std::vector<std::string> Bound(std::vector<std::string> command) {
 std::vector<std::string> ServerCommand(ServerKind kind, int clients) {
     switch (kind) {
         case ServerKind::SERVICE:
-            return {TESUBPFD_PATH};
+            // More idle clients are made than it lets connect.
+            return {TESUBPFD_PATH, "--property", CLIENTS_PROPERTY + std::string("=0")};
         case ServerKind::ZMQ:
             return {ZMQ_PEER_PATH};
         case ServerKind::RAW:
