@@ -39,8 +39,14 @@ std::vector<std::string> Bound(std::vector<std::string> command) {
 std::vector<std::string> ServerCommand(ServerKind kind, int clients) {
     switch (kind) {
         case ServerKind::SERVICE:
-            // More idle clients are made than it lets connect.
-            return {TESUBPFD_PATH, "--property", CLIENTS_PROPERTY + std::string("=0")};
+            // Without limits on clients, which the peers do not have.
+            return {TESUBPFD_PATH,
+                    "--property",
+                    CLIENTS_PROPERTY + std::string("=0"),
+                    "--property",
+                    CLIENT_QUEUE_BYTES_PROPERTY + std::string("=0"),
+                    "--property",
+                    QUEUE_BYTES_PROPERTY + std::string("=0")};
         case ServerKind::ZMQ:
             return {ZMQ_PEER_PATH};
         case ServerKind::RAW:
