@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "service/host_defaults.h"
 
+#include <android-base/parseint.h>
 #include <android-base/properties.h>
+
+#include <string>
 
 #include "records/contract.h"
 #include "util/log.h"
@@ -21,8 +24,16 @@ void SetHostDefaults() {
         {MEND_TABLE_PROPERTY, "60"},
     };
     for (const auto& [name, value] : DEFAULTS) {
-        if (android::base::GetProperty(name, "").empty() &&
-            !android::base::SetProperty(name, value)) {
+        const std::string given = android::base::GetProperty(name, "");
+        size_t number = 0;
+        if (android::base::ParseUint(given, &number)) {
+            continue;
+        }
+        if (!given.empty()) {
+            TESU_LOGE(TESU_LOG_SERVICE, "[SetHostDefaults] %s is no number: %s", name,
+                      given.c_str());
+        }
+        if (!android::base::SetProperty(name, value)) {
             TESU_LOGW(TESU_LOG_SERVICE, "[SetHostDefaults] %s cannot be set to %s", name, value);
         }
     }

@@ -7,9 +7,9 @@
 
 namespace Tesu::Bpf {
 
-// Sets those of the service's properties (records/contract.h) that are not set yet: limits for
-// clients, a look at the pins every ten seconds, and one at the table every minute. Before
-// BpfServiceMain().
+// Sets those of the service's properties (records/contract.h) that are not set yet, or are set to
+// what is no number, which is logged: limits for clients, a look at the pins every ten seconds, and
+// one at the table every minute. Before BpfServiceMain().
 TESU_API void SetHostDefaults();
 
 }  // namespace Tesu::Bpf

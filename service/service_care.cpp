@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "records/contract.h"
+#include "service/record_batch.h"
 #include "service/ring_monitor.h"
 #include "task/map_seeding.h"
 #include "util/log.h"
@@ -141,7 +142,7 @@ void TesuBpfService::mendTable(RingMonitor& monitor) {
     if (monitor.reader->position() < *monitor.mendAt) {
         return;
     }
-    const EventManager::Batch batch;
+    const RecordBatch batch;
     bool isMore = false;
     try {
         isMore = mending.applySome(TesuTaskManager::GetInstance(), PROC_FS_PATH,

@@ -11,6 +11,7 @@
 
 #include "ipc/ipc_package.h"
 #include "ipc/local_socket.h"
+#include "ipc/request_frame.h"
 #include "records/contract.h"
 
 namespace Tesu::Bpf {
@@ -24,14 +25,8 @@ constexpr std::chrono::seconds SHORT_PAUSE{1};
 
 // The frame that subscribes to an event type, with that as the id of the request.
 std::string Subscription(uint32_t eventType) {
-    constexpr uint32_t BODY_LENGTH = IPC_REQUEST_HEAD_SIZE + sizeof(eventType);
-    const uint32_t head[] = {IPC_PACKAGE_HEADER_SIZE + BODY_LENGTH, IPC_PACKAGE_REQUEST,
-                             BODY_LENGTH, eventType};
-    const uint32_t data[] = {sizeof(eventType), eventType};
-    std::string command(REGISTER_COMMAND);
-    command.resize(IPC_COMMAND_SIZE);
-    return std::string(reinterpret_cast<const char*>(head), sizeof(head)) + command +
-           std::string(reinterpret_cast<const char*>(data), sizeof(data));
+    return RequestFrame(eventType, REGISTER_COMMAND,
+                        {reinterpret_cast<const char*>(&eventType), sizeof(eventType)});
 }
 
 }  // namespace

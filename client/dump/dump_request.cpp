@@ -79,9 +79,11 @@ class FailureWatch {
 
     // Whether the watch has begun just now: when the folder is there.
     bool begin() {
-        return !std::exchange(isBegun, isBegun || inotify_add_watch(fd.get(), folder.c_str(),
-                                                                    IN_CREATE | IN_DELETE) >= 0) &&
-               isBegun;
+        if (isBegun) {
+            return false;
+        }
+        isBegun = inotify_add_watch(fd.get(), folder.c_str(), IN_CREATE | IN_DELETE) >= 0;
+        return isBegun;
     }
 
     // Whether a dump that the daemon began since then has failed.

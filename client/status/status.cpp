@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <nlohmann/json.hpp>
 
 #include "client/exit_status.h"
@@ -24,12 +25,16 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr const char* RING_NAMES[] = {"core", "GPL"};
 constexpr const char* MONITOR_NAMES[] = {"not started", "running", "stopped", "FAILED"};
 
-template <size_t N>
-std::string NameAt(const char* const (&names)[N], int32_t index) {
-    return index >= 0 && index < static_cast<int32_t>(N) ? names[index] : std::to_string(index);
+std::string NameOfRing(int32_t ring) {
+    const char* const name = RingName(ring);
+    return name != nullptr ? name : std::to_string(ring);
+}
+
+std::string NameOfMonitor(int32_t state) {
+    const bool isKnown = state >= 0 && state < static_cast<int32_t>(std::size(MONITOR_NAMES));
+    return isKnown ? MONITOR_NAMES[state] : std::to_string(state);
 }
 
 // As the kernel has it, any bytes; empty for one that has gone.
@@ -76,8 +81,8 @@ std::string FormatText(const StatusReport& report) {
                          "LOST", "FULLEST");
     for (const RingStatus& ring : report.rings) {
         text += StringPrintf(
-            "%-5s %-11s %8s %14llu %12llu %7.0f%%\n", NameAt(RING_NAMES, ring.ring).c_str(),
-            NameAt(MONITOR_NAMES, ring.monitor).c_str(),
+            "%-5s %-11s %8s %14llu %12llu %7.0f%%\n", NameOfRing(ring.ring).c_str(),
+            NameOfMonitor(ring.monitor).c_str(),
             FormatBytes(static_cast<int64_t>(ring.size)).c_str(),
             static_cast<unsigned long long>(ring.taken), static_cast<unsigned long long>(ring.lost),
             ring.size == 0
@@ -113,8 +118,8 @@ std::string FormatJson(const StatusReport& report) {
                                     {"attached", program.isAttached != 0}});
     }
     for (const RingStatus& ring : report.rings) {
-        json["rings"].push_back({{"ring", NameAt(RING_NAMES, ring.ring)},
-                                 {"monitor", NameAt(MONITOR_NAMES, ring.monitor)},
+        json["rings"].push_back({{"ring", NameOfRing(ring.ring)},
+                                 {"monitor", NameOfMonitor(ring.monitor)},
                                  {"size", ring.size},
                                  {"taken", ring.taken},
                                  {"lost", ring.lost},

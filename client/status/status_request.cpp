@@ -11,6 +11,7 @@
 #include "ipc/frame_reader.h"
 #include "ipc/ipc_package.h"
 #include "ipc/local_socket.h"
+#include "ipc/request_frame.h"
 #include "records/contract.h"
 #include "records/read_prefix.h"
 
@@ -21,15 +22,6 @@ namespace {
 constexpr timeval PATIENCE{.tv_sec = 5, .tv_usec = 0};
 // Of the request; it is the only one of its connection.
 constexpr uint32_t REQUEST_ID = 1;
-
-std::string Request() {
-    const uint32_t head[] = {IPC_PACKAGE_HEADER_SIZE + IPC_REQUEST_HEAD_SIZE, IPC_PACKAGE_REQUEST,
-                             IPC_REQUEST_HEAD_SIZE, REQUEST_ID};
-    std::string bytes(reinterpret_cast<const char*>(head), sizeof(head));
-    bytes += STATUS_COMMAND;
-    bytes.resize(sizeof(head) + IPC_COMMAND_SIZE + sizeof(uint32_t));  // no data
-    return bytes;
-}
 
 // What is of a kind that is not known here is left out.
 void Take(const char* data, size_t size, StatusReport* report) {
@@ -87,7 +79,7 @@ Result<StatusReport> RequestStatus(const std::string& socketName) {
         return SystemFailure("no daemon is listening on @" + socketName);
     }
     setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &PATIENCE, sizeof(PATIENCE));
-    const std::string request = Request();
+    const std::string request = RequestFrame(REQUEST_ID, STATUS_COMMAND);
     send(socket.get(), request.data(), request.size(), MSG_NOSIGNAL);
 
     std::vector<char> storage(IPC_BUFFER_SIZE);
