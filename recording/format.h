@@ -134,14 +134,15 @@ struct RecordEntry {
 };
 static_assert(sizeof(RecordEntry) == 8, "file layout");
 
-// Between which records there was no service, or none that told everything.
+// Between which records there was no service, or none that told everything. The numbers are those
+// of the client library's events.
 enum RecordedState : uint32_t {
-    STATE_CONNECTED = 1,   // the subscriptions are on their way
-    STATE_SUBSCRIBED = 2,  // from now on every event of the accepted types comes
-    STATE_REFUSED = 3,     // the service does not send `eventType`
-    STATE_WAITING = 4,     // nobody listens on the socket
-    STATE_MALFORMED = 5,   // the service sent what is no stream of events
-    STATE_LOST = 6,        // the connection is gone; what happens until SUBSCRIBED is missing
+    STATE_CONNECTED = 2,   // the subscriptions are on their way
+    STATE_SUBSCRIBED = 3,  // from now on every event of the accepted types comes
+    STATE_REFUSED = 4,     // the service does not send `eventType`
+    STATE_WAITING = 5,     // nobody listens on the socket
+    STATE_MALFORMED = 6,   // the service sent what is no stream of events
+    STATE_LOST = 7,        // the connection is gone; what happens until SUBSCRIBED is missing
 };
 
 // STATE. Behind it the reason, as text, where one is known.

@@ -26,6 +26,11 @@ bool IsTime(int64_t time) {
     return time >= 0 && time <= LARGEST;
 }
 
+bool AreClocks(const ClockReading& clocks) {
+    return IsTime(clocks.monotonic) && IsTime(clocks.boottime) && clocks.realtime >= 0 &&
+           clocks.realtime <= INT64_MAX / 2;
+}
+
 // The struct at the front of the bytes, as far as it says that it goes, is taken off them. False
 // when it says what cannot be.
 template <class Struct>
@@ -103,11 +108,13 @@ bool RecordingReader::takeHeader() {
     if (!readBlock(&block, &content) || block.type != BLOCK_HEADER ||
         !TakeStruct(&content, &head.block) ||
         std::memcmp(head.block.magic, RECORDING_MAGIC, sizeof(RECORDING_MAGIC)) != 0 ||
-        content.size() / sizeof(uint32_t) < head.block.typeCount) {
+        !AreClocks(head.block.clocks) || content.size() / sizeof(uint32_t) < head.block.typeCount) {
         return false;
     }
-    head.types.resize(head.block.typeCount);
-    std::memcpy(head.types.data(), content.data(), head.types.size() * sizeof(uint32_t));
+    for (uint32_t type = 0; type < head.block.typeCount; ++type) {
+        head.types.push_back(ReadPrefix<uint32_t>(content.data(), std::ssize(content)));
+        content.remove_prefix(sizeof(uint32_t));
+    }
     return true;
 }
 
@@ -212,7 +219,7 @@ bool RecordingReader::takeBlock(uint32_t type, std::string_view content) {
         }
         case BLOCK_CLOCKS: {
             ClocksBlock block{};
-            const bool isWhole = TakeStruct(&content, &block) && IsTime(block.clocks.monotonic);
+            const bool isWhole = TakeStruct(&content, &block) && AreClocks(block.clocks);
             item = {block.clocks.monotonic, block.clocks};
             return isWhole;
         }

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "client/model/process_model.h"
+#include "model/process_model.h"
 #include "client/top/columns.h"
 #include "tests/support/records.h"
 #include "util/string_util.h"

@@ -112,14 +112,14 @@ TEST(RecordingTest, AnyCutAndAnyChangedByteLeavesWhatStandsBefore) {
     EXPECT_EQ(all.damage, "");
     EXPECT_EQ(
         all.items,
-        "1 20\n"
+        "1 30\n"
         "2 [a name 7 1 1000 3 0 0 4096 8192 12288 16384 -1 -5 99] [ 8 0 -1 0 0 1 0 0 0 0 17 0 0]\n"
         "0 at 100 record\n0 at 101 record\n0 at 4294967395 record\n"
         "0 at " +
             std::to_string(INT64_MAX / 9) +
             " record\n"
             "3 [a name 7 1 1000 3 0 0 4096 8192 12288 16384 -1 -5 99] gone 9 gone 10\n"
-            "4\n1 33a reason\n5 1 4\n");
+            "4\n1 43a reason\n5 1 4\n");
     const size_t headerEnd = all.itemsUpTo.begin()->first;
     for (size_t at = 0; at < whole.size(); ++at) {
         std::string changed = whole;

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "client/model/process_model.h"
+#include "model/process_model.h"
 #include "client/top/styled_line.h"
 
 namespace Tesu::Bpf {

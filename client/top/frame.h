@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "client/connection/service_connection.h"
-#include "client/model/process_model.h"
+#include "model/process_model.h"
 #include "client/top/styled_line.h"
 
 namespace Tesu::Bpf {

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "client/model/process_model.h"
+#include "model/process_model.h"
 #include "util/termination_signals.h"
 
 namespace Tesu::Bpf {

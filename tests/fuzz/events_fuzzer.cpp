@@ -9,7 +9,7 @@
 #include "client/connection/service_connection.h"
 #include "client/events/event_json.h"
 #include "client/events/event_text.h"
-#include "client/model/process_model.h"
+#include "model/process_model.h"
 #include "tests/fuzz/fuzz.h"
 
 using namespace Tesu::Bpf;
