@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "records/contract.h"
-#include "records/raw_event.h"
+#include "records/bpf_maps.h"
 #include "util/string_util.h"
 
 namespace Tesu::Bpf {

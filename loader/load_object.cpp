@@ -8,7 +8,7 @@
 #include <functional>
 #include <vector>
 
-#include "records/raw_event.h"
+#include "records/bpf_maps.h"
 
 namespace Tesu::Bpf {
 

@@ -59,15 +59,15 @@ Style CellStyle(const ProcessRow& row, const Column& column) {
     return row.isKernelThread && column.style != Style::WARNING ? Style::FAINT : column.style;
 }
 
-std::pair<const char*, Style> Describe(ConnectionItem::Kind connection) {
+std::pair<const char*, Style> Describe(uint32_t connection) {
     switch (connection) {
-        case ConnectionItem::CONNECTED:
+        case TESUBPF_CONNECTED:
             return {"live", Style::GOOD};
-        case ConnectionItem::WAITING:
+        case TESUBPF_WAITING:
             return {"no daemon: figures stand still", Style::BAD};
-        case ConnectionItem::LOST:
+        case TESUBPF_LOST:
             return {"connection lost: figures stand still", Style::BAD};
-        case ConnectionItem::REFUSED:
+        case TESUBPF_REFUSED:
             return {"the daemon refuses events: figures stand still", Style::BAD};
         default:
             return {"connecting", Style::WARNING};
@@ -79,7 +79,7 @@ StyledLine StatusLine(const FrameState& state, const ProcessTotals& totals, size
     line.add(" tesubpf top  ", Style::STRONG);
     const auto [text, style] = Describe(state.connection);
     line.add(text, style);
-    if (state.connection == ConnectionItem::LOST && !state.lostReason.empty()) {
+    if (state.connection == TESUBPF_LOST && !state.lostReason.empty()) {
         line.add(" (" + state.lostReason + ")", style);
     }
     if (totals.recordsLost > 0) {

@@ -8,15 +8,16 @@
 #include <string>
 #include <vector>
 
-#include "client/connection/service_connection.h"
-#include "model/process_model.h"
 #include "client/top/styled_line.h"
+#include "libtesubpf/tesubpf.h"
+#include "model/process_model.h"
 
 namespace Tesu::Bpf {
 
 struct FrameState {
-    // What was last heard of the connection: CONNECTED, WAITING, LOST or REFUSED; at first NOTHING.
-    ConnectionItem::Kind connection = ConnectionItem::NOTHING;
+    // What was last heard of the connection: TESUBPF_CONNECTED, _WAITING, _LOST or _REFUSED; at
+    // first 0.
+    uint32_t connection = 0;
     std::string lostReason;  // where it is lost and one is known
     bool isPaused = false;
     bool isHelpShown = false;

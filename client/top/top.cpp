@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "client/connection/service_connection.h"
+#include "client/events/event_stream.h"
 #include "client/exit_status.h"
 #include "client/top/controls.h"
 #include "client/top/frame.h"
@@ -54,9 +54,9 @@ int ToPollTimeout(int64_t nanoseconds) {
 class Top {
   public:
     // screen: null in a batch run.
-    Top(const TopOptions& options, ServiceConnection connection, std::unique_ptr<TopScreen> screen)
+    Top(const TopOptions& options, EventStream stream, std::unique_ptr<TopScreen> screen)
         : options(options),
-          connection(std::move(connection)),
+          stream(std::move(stream)),
           reader(options.procRoot),
           screen(std::move(screen)) {
         state.request = options.view;
@@ -72,14 +72,14 @@ class Top {
 
   private:
     bool waitForFrame(const TerminationSignals& signals);
-    void takeItems();
+    void takeEvents();
     bool takeKeys();
     bool refresh();
     void draw();
     int print();
 
     const TopOptions& options;
-    ServiceConnection connection;
+    EventStream stream;
     ProcReader reader;
     ProcessModel model;
     bool isProcDue = true;  // until there is a service, and without one, /proc is all there is
@@ -115,7 +115,7 @@ bool Top::waitForFrame(const TerminationSignals& signals) {
     // poll() leaves out what is no descriptor.
     pollfd entries[] = {
         {.fd = signals.fd(), .events = POLLIN, .revents = 0},
-        {.fd = connection.descriptor(), .events = POLLIN, .revents = 0},
+        {.fd = tesubpf_fd(stream.get()), .events = POLLIN, .revents = 0},
         {.fd = hasScreen ? STDIN_FILENO : -1, .events = POLLIN, .revents = 0},
         {.fd = hasScreen ? screen->signalFd() : -1, .events = POLLIN, .revents = 0}};
     auto& [termination, service, keys, terminalSignals] = entries;
@@ -134,7 +134,7 @@ bool Top::waitForFrame(const TerminationSignals& signals) {
             return false;
         }
         if (service.revents != 0) {
-            takeItems();
+            takeEvents();
         }
         if (terminalSignals.revents != 0) {
             isViewDue = true;
@@ -148,22 +148,21 @@ bool Top::waitForFrame(const TerminationSignals& signals) {
 }
 
 // What the connection has, up to one buffer of it, so that a flood of events holds up no key.
-void Top::takeItems() {
-    for (ConnectionItem item = connection.next(); item.kind != ConnectionItem::NOTHING;
-         item = connection.next()) {
+void Top::takeEvents() {
+    tesubpf_event item;
+    while (tesubpf_next(stream.get(), &item) > 0) {
         switch (item.kind) {
-            case ConnectionItem::EVENT:
+            case TESUBPF_RECORD:
                 model.apply(DecodeEvent(item.data, item.size));
                 break;
-            case ConnectionItem::SUBSCRIBED:
+            case TESUBPF_SUBSCRIBED:
                 isProcDue = true;
                 break;
-            case ConnectionItem::MALFORMED:
+            case TESUBPF_MALFORMED:
                 break;  // LOST follows
             default:
                 // What was lost is still said to be lost while nobody answers.
-                if (item.kind != ConnectionItem::WAITING ||
-                    state.connection != ConnectionItem::LOST) {
+                if (item.kind != TESUBPF_WAITING || state.connection != TESUBPF_LOST) {
                     state.connection = item.kind;
                     state.lostReason = item.reason;
                 }
@@ -229,17 +228,17 @@ int Top::print() {
     if (std::fputs(text.c_str(), stdout) < 0 || std::fflush(stdout) != 0) {
         return Fail(EXIT_FAILED, std::string("cannot write: ") + strerror(errno));
     }
-    return state.connection == ConnectionItem::CONNECTED ? EXIT_OK : EXIT_NOT_SERVED;
+    return state.connection == TESUBPF_CONNECTED ? EXIT_OK : EXIT_NOT_SERVED;
 }
 
 }  // namespace
 
 int RunTop(const TopOptions& options, const TerminationSignals& signals) {
-    Result<ServiceConnection> connection = ServiceConnection::open(
+    Result<EventStream> stream = OpenEventStream(
         options.socketName, {RAW_EVENT_TASK_INIT, RAW_EVENT_RSS_STAT, RAW_EVENT_TASK_CREATE,
                              RAW_EVENT_TASK_EXIT, RAW_EVENT_FD_UPDATE, NOTIFICATION_RECORDS_LOST});
-    if (!connection) {
-        return Fail(EXIT_FAILED, connection.error());
+    if (!stream) {
+        return Fail(EXIT_FAILED, stream.error());
     }
     std::unique_ptr<TopScreen> screen;
     if (!options.isBatch) {
@@ -249,7 +248,7 @@ int RunTop(const TopOptions& options, const TerminationSignals& signals) {
         }
         screen = std::move(*opened);
     }
-    return Top(options, std::move(*connection), std::move(screen)).run(signals);
+    return Top(options, std::move(*stream), std::move(screen)).run(signals);
 }
 
 }  // namespace Tesu::Bpf

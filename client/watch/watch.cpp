@@ -11,8 +11,8 @@
 #include <cstring>
 #include <utility>
 
-#include "client/connection/service_connection.h"
 #include "client/events/event_json.h"
+#include "client/events/event_stream.h"
 #include "client/events/event_text.h"
 #include "client/exit_status.h"
 #include "client/text/output.h"
@@ -38,24 +38,23 @@ bool EndAfter(double seconds) {
 
 class Watch {
   public:
-    Watch(const WatchOptions& options, const TerminationSignals& signals,
-          ServiceConnection connection)
+    Watch(const WatchOptions& options, const TerminationSignals& signals, EventStream stream)
         : options(options),
           signals(signals),
-          connection(std::move(connection)),
+          stream(std::move(stream)),
           formatter(options.colour) {}
 
     int run();
 
   private:
-    void takeItems();
-    void onEvent(const ConnectionItem& item);
-    void onNews(const ConnectionItem& item);
+    void takeEvents();
+    void onRecord(const tesubpf_event& item);
+    void onNews(const tesubpf_event& item);
     void flush();
 
     const WatchOptions& options;
     const TerminationSignals& signals;
-    ServiceConnection connection;
+    EventStream stream;
     TextFormatter formatter;
     std::string batch;  // not yet written
     uint64_t printed = 0;
@@ -73,10 +72,10 @@ int Watch::run() {
     // Of the output only errors are reported, such as a pipe without a reader.
     pollfd entries[] = {{.fd = signals.fd(), .events = POLLIN, .revents = 0},
                         {.fd = STDOUT_FILENO, .events = 0, .revents = 0},
-                        {.fd = connection.descriptor(), .events = POLLIN, .revents = 0}};
+                        {.fd = tesubpf_fd(stream.get()), .events = POLLIN, .revents = 0}};
     while (!isEnded) {
         if (poll(entries, 3, -1) > 0) {
-            takeItems();
+            takeEvents();
             isEnded = isEnded || (entries[0].revents | entries[1].revents) != 0;
         }
     }
@@ -87,64 +86,57 @@ int Watch::run() {
 }
 
 // What is there now; written before news of the connection, to which it may lead up, are said.
-void Watch::takeItems() {
-    ConnectionItem::Kind kind = ConnectionItem::EVENT;
-    while (!isEnded && kind != ConnectionItem::NOTHING) {
-        const ConnectionItem item = connection.next();
-        kind = item.kind;
-        if (kind == ConnectionItem::EVENT) {
-            onEvent(item);
+void Watch::takeEvents() {
+    tesubpf_event item;
+    while (!isEnded && tesubpf_next(stream.get(), &item) > 0) {
+        if (item.kind == TESUBPF_RECORD) {
+            onRecord(item);
         } else {
             flush();
             onNews(item);
         }
     }
+    flush();
 }
 
-void Watch::onEvent(const ConnectionItem& item) {
+void Watch::onRecord(const tesubpf_event& item) {
     const Event event = DecodeEvent(item.data, item.size);
-    const int64_t receivedTime = MonotonicNanoseconds();
     if (options.json) {
-        batch += FormatEventJson(event, receivedTime) + "\n";
+        batch += FormatEventJson(event, item.received) + "\n";
     } else {
-        formatter.append(event, receivedTime, &batch);
+        formatter.append(event, item.received, &batch);
     }
-    if (++printed == options.count) {
-        isEnded = true;
-        flush();
-    }
+    isEnded = ++printed == options.count;
 }
 
-void Watch::onNews(const ConnectionItem& item) {
+void Watch::onNews(const tesubpf_event& item) {
     const char* const name = options.socketName.c_str();
     switch (item.kind) {
-        case ConnectionItem::CONNECTED:
+        case TESUBPF_CONNECTED:
             isServed = true;
             refused = 0;
             std::fprintf(stderr, "tesubpf: connected to @%s\n", name);
             break;
-        case ConnectionItem::WAITING:
+        case TESUBPF_WAITING:
             std::fprintf(stderr,
                          "tesubpf: no daemon is listening on @%s; trying again every 5 seconds\n",
                          name);
             break;
-        case ConnectionItem::REFUSED:
-            std::fprintf(stderr, "tesubpf: the daemon refused the subscription to event type %d\n",
-                         item.eventType);
+        case TESUBPF_REFUSED:
+            std::fprintf(stderr, "tesubpf: the daemon refused the subscription to event type %u\n",
+                         item.type);
             isServed = ++refused < options.eventTypes.size();
             break;
-        case ConnectionItem::MALFORMED:
+        case TESUBPF_MALFORMED:
             std::fprintf(stderr, "tesubpf: the other side does not speak the protocol: %s\n",
-                         item.reason.c_str());
+                         item.reason);
             break;
-        case ConnectionItem::LOST:
+        case TESUBPF_LOST:
             formatter.forgetProcesses();
             std::fprintf(stderr, "tesubpf: the connection was lost%s%s\n",
-                         item.reason.empty() ? "" : ": ", item.reason.c_str());
+                         *item.reason == '\0' ? "" : ": ", item.reason);
             break;
-        case ConnectionItem::NOTHING:
-        case ConnectionItem::SUBSCRIBED:
-        case ConnectionItem::EVENT:
+        default:
             break;
     }
 }
@@ -162,12 +154,11 @@ void Watch::flush() {
 }  // namespace
 
 int RunWatch(const WatchOptions& options, const TerminationSignals& signals) {
-    Result<ServiceConnection> connection =
-        ServiceConnection::open(options.socketName, options.eventTypes);
-    if (!connection || (options.seconds && !EndAfter(*options.seconds))) {
-        return Fail(EXIT_FAILED, connection ? "cannot set a timer" : connection.error());
+    Result<EventStream> stream = OpenEventStream(options.socketName, options.eventTypes);
+    if (!stream || (options.seconds && !EndAfter(*options.seconds))) {
+        return Fail(EXIT_FAILED, stream ? "cannot set a timer" : stream.error());
     }
-    return Watch(options, signals, std::move(*connection)).run();
+    return Watch(options, signals, std::move(*stream)).run();
 }
 
 }  // namespace Tesu::Bpf

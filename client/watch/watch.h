@@ -14,7 +14,7 @@ namespace Tesu::Bpf {
 
 struct WatchOptions {
     std::string socketName;
-    std::vector<int> eventTypes;
+    std::vector<uint32_t> eventTypes;
     bool json = false;
     bool colour = false;
     bool header = false;            // begin with the names of the columns (text only)
