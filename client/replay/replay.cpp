@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "recording/connection_news.h"
 #include "records/event_table.h"
 #include "util/monotonic_clock.h"
 
@@ -39,7 +40,7 @@ Replay::Replay(RecordingReader reader) : reader(std::move(reader)), keepTime(FIR
 }
 
 void Replay::goTo(int64_t time) {
-    time = std::max(time, begin());
+    time = std::max(time, clocksAtBegin().monotonic);
     if (time < moment.now) {
         const auto after = std::ranges::upper_bound(kept, time, {}, &Moment::now);
         moment = *std::prev(after);
@@ -80,9 +81,7 @@ void Replay::apply(const RecordingItem& item) {
     if (const auto* const event = std::get_if<RecordedEvent>(&item.what)) {
         moment.model.apply(DecodeEvent(event->data, event->size));
     } else if (const auto* const news = std::get_if<RecordedNews>(&item.what)) {
-        // What was lost is still said to be lost while nobody answers.
-        if (news->state != STATE_SUBSCRIBED && news->state != STATE_MALFORMED &&
-            (news->state != STATE_WAITING || moment.connection.state != STATE_LOST)) {
+        if (IsNewState(news->state, moment.connection.state)) {
             moment.connection = *news;
         }
     } else if (const auto* const snapshot = std::get_if<RecordedSnapshot>(&item.what)) {

@@ -35,7 +35,7 @@ class Replay {
     // To this monotonic time, or to the beginning or end when it lies beyond.
     void goTo(int64_t time);
 
-    int64_t begin() const { return reader.header().block.clocks.monotonic; }
+    const ClockReading& clocksAtBegin() const { return reader.header().block.clocks; }
     int64_t now() const { return moment.now; }
     // No later time was recorded.
     bool isAtEnd() const { return hasEnded && next == nullptr; }

@@ -52,6 +52,9 @@ std::string Format(const char* format, int64_t realtime) {
 }  // namespace
 
 Result<int64_t> ParseReplayTime(const std::string& text, const ClockReading& begin) {
+    if (text == "end") {
+        return INT64_MAX;
+    }
     const bool isOffset = text.starts_with('+');
     size_t parts = 0;
     const auto seconds = ParseSeconds(text.substr(isOffset ? 1 : 0), &parts);

@@ -14,7 +14,7 @@ namespace Tesu::Bpf {
 
 inline constexpr char REPLAY_TIME_HELP[] =
     "+SECONDS, +M:SS or +H:MM:SS from the beginning; H:MM or H:MM:SS of the day; or seconds of the "
-    "kernel's clock, as `watch` shows them";
+    "kernel's clock, as `watch` shows them; or \"end\"";
 
 // Monotonic nanoseconds; begin: of the recording. A time of day is the first such after it.
 Result<int64_t> ParseReplayTime(const std::string& text, const ClockReading& begin);
