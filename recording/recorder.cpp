@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -285,6 +286,8 @@ std::vector<uint32_t> UsualTypes() {
 
 int RunRecorder(const RecorderOptions& options, const TerminationSignals& signals) {
     const char* const name = options.program.c_str();
+    // A limit on the file's size is an error of the write like any other.
+    std::signal(SIGXFSZ, SIG_IGN);
     const Result<RecorderTotals> totals = Record(options, signals);
     if (!totals) {
         std::fprintf(stderr, "%s: %s\n", name, totals.error().c_str());
