@@ -62,6 +62,7 @@ TEST_F(FleetMetricsTest, SaysNothingOfWhatIsNotKnown) {
     report.rings = {{STATUS_RING, 0, RING_MONITOR_RUNNING, 0, 4096, 0, 0, 0},
                     {STATUS_RING, 1, RING_MONITOR_NOT_STARTED, 0, 0, 0, 0, 0}};
     metrics.takeStatus(report);
+    EXPECT_THAT(textAt(START), Not(HasSubstr("gpl")));
     model.apply(RawFdUpdateEvent{Header(RAW_EVENT_FD_UPDATE, START + 2 * SECOND), 7, 0, 12, 0, ""});
     record(RecordsLostNotification{{NOTIFICATION_RECORDS_LOST, 0, START}, 1, 0, 2, 30});
     EXPECT_THAT(textAt(START),
