@@ -25,10 +25,10 @@ ClientMetric Sample(double value, std::vector<ClientMetric::Label> labels = {}) 
     return sample;
 }
 
-template <class Number>
 std::vector<ClientMetric> SamplesBy(const char* label,
-                                    const std::map<std::string, Number>& values) {
+                                    const std::map<std::string, uint64_t>& values) {
     std::vector<ClientMetric> samples;
+    samples.reserve(values.size());
     for (const auto& [name, value] : values) {
         samples.push_back(Sample(static_cast<double>(value), {{label, name}}));
     }
