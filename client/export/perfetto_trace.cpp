@@ -2,6 +2,7 @@
 #include "client/export/perfetto_trace.h"
 
 #include <algorithm>
+#include <cstdlib>
 
 #include "records/event_table.h"
 
@@ -43,6 +44,10 @@ constexpr int64_t LOSS_TRACK = 0x74657375'0001;
 
 constexpr int64_t KIB = 1024;
 
+// The clocks are read one after the other. If they differ by less than this from what they did, the
+// machine was busy and did not sleep, and what follows must not go back behind what came before.
+constexpr int64_t LEAST_SLEEP = 10'000'000;
+
 }  // namespace
 
 int64_t PerfettoTrace::toBoottime(int64_t time) const {
@@ -63,7 +68,10 @@ void PerfettoTrace::addPacketAt(int64_t time, uint32_t field, const ProtoMessage
 }
 
 void PerfettoTrace::addClocks(const ClockReading& reading) {
-    boottimeOffset = reading.boottime - reading.monotonic;
+    const int64_t offset = reading.boottime - reading.monotonic;
+    if (std::abs(offset - boottimeOffset) >= LEAST_SLEEP) {
+        boottimeOffset = offset;
+    }
     const auto clock = [](BuiltinClock id, int64_t time) {
         return ProtoMessage().add(1, id).add(2, time);
     };

@@ -11,10 +11,10 @@
 
 #include <array>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "client/export/perfetto_trace.h"
@@ -71,7 +71,7 @@ class TraceExport {
 
     const HeaderBlock header;
     PerfettoTrace trace;
-    std::unordered_map<int32_t, Life> lives;
+    std::map<int32_t, Life> lives;
     ClockReading clocks;             // read last
     std::optional<std::string> gap;  // why nothing is recorded; none: it is
     // Processes that /proc had no more although no exit was told, which may be on its way, and from
