@@ -61,7 +61,7 @@ struct Recording {
 void AddLives(Recording* recording) {
     const auto at = [](int64_t milliseconds) { return (100'000 + milliseconds) * MS; };
     recording->add(Create(at(1000), 300, 400, "supervise"));
-    recording->add(Rss(at(1001), 400, RSS_ANON, 8192));
+    recording->add(Rss(at(1001), 400, RSS_ANON, 128));
     recording->add(Create(at(1100), 400, 400, "supervise", RAW_TASK_THREAD));
     recording->addProcesses(BLOCK_PROCESS, {Process(400, 300, "updaterd", at(1000))});
     for (const auto& [pid, member, size] :
