@@ -50,7 +50,7 @@ Result<> Write(RecordingReader* recording, int64_t since, int64_t until, int fd,
         trace.add(*item);
         if (last >= takeDue) {
             takeDue = last + NANOSECONDS_PER_SECOND;
-            if (const Result<> written = write(); !written) {
+            if (Result<> written = write(); !written) {
                 return written;
             }
         }
