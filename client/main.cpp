@@ -17,6 +17,7 @@
 #include "client/dump/dump.h"
 #include "client/events/event_names.h"
 #include "client/exit_status.h"
+#include "client/export/export.h"
 #include "client/metrics/metrics.h"
 #include "client/replay/info.h"
 #include "client/replay/replay_time.h"
@@ -67,6 +68,13 @@ constexpr const char* INFO_FOOTER = R"(
 Exit status: 0 printed, with a line on standard error where the recording is damaged or cut short;
 2 no recording; 3 the output could not be written.)";
 
+constexpr const char* EXPORT_FOOTER = R"(
+TRACE is for Perfetto's viewer and trace processor, and fits to a system trace of the same boot. TIME is
+as for `tesubpf top --at`.
+
+Exit status: 0 written, with a line on standard error where the recording is damaged or cut short; 2 wrong
+usage, or no recording; 3 the trace could not be written, or a signal ended it: it is removed then.)";
+
 constexpr const char* METRICS_FOOTER = R"(
 Needs no privileges, but knows a process's descriptors only where /proc shows them to its user or they
 were reported since. Without a daemon, tesubpf_up is 0 and nothing is said of what lives. A name is
@@ -95,6 +103,7 @@ struct Command {
     bool asJson = false;
     TopOptions top;
     RecorderOptions record;
+    ExportOptions exported;
     MetricsOptions metrics;
     std::string sortName = OrderColumns().front()->order.name;
     // The subcommand. Returns the exit status.
@@ -204,6 +213,24 @@ void AddInfo(CLI::App& app, Command& command) {
     info->callback([&command] {
         command.run = [](Command& chosen, const TerminationSignals& /*signals*/) {
             return RunInfo(chosen.path);
+        };
+    });
+}
+
+void AddExport(CLI::App& app, Command& command) {
+    ExportOptions& options = command.exported;
+    CLI::App* const exported =
+        app.add_subcommand("export", "Write what a recording has as a trace for Perfetto");
+    exported->add_option("FILE", options.from, "A recording")->required();
+    exported->add_option("-o,--output", options.output, "A file that is not there yet")
+        ->required()
+        ->type_name("TRACE");
+    exported->add_option("--since", options.since, "From this moment on")->type_name("TIME");
+    exported->add_option("--until", options.until, "Up to this moment")->type_name("TIME");
+    exported->footer(EXPORT_FOOTER);
+    exported->callback([&command] {
+        command.run = [](Command& chosen, const TerminationSignals& signals) {
+            return RunExport(chosen.exported, signals);
         };
     });
 }
@@ -348,6 +375,7 @@ int Main(int argc, char** argv) {
     AddWatch(app, command);
     AddRecord(app, command);
     AddInfo(app, command);
+    AddExport(app, command);
     AddTasks(app, command);
     AddCounters(app, command);
     AddStatus(app, command);

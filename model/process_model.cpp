@@ -10,8 +10,6 @@ namespace Tesu::Bpf {
 
 namespace {
 
-// Start times from /proc are cut to a clock tick; two of the same process differ by no more.
-constexpr int64_t START_TOLERANCE = 20'000'000;
 // From a thread's exit record until /proc no longer counts it.
 constexpr int64_t EXIT_LAG = 20'000'000;
 // From the last process that the starting service reports until it reports everything.
@@ -33,11 +31,6 @@ bool Passes(const ProcessRow& row, const ViewRequest& request) {
     }
     return strcasestr(row.name.c_str(), request.filter.c_str()) != nullptr ||
            std::to_string(row.pid).starts_with(request.filter);
-}
-
-bool HasExited(const ProcessSnapshot& snapshot) {
-    // With other threads left, a process outlives its main thread.
-    return snapshot.isEnding && snapshot.threads <= 1;
 }
 
 }  // namespace

@@ -28,6 +28,14 @@ struct ProcessSnapshot {
     int64_t readTime = 0;   // monotonic nanoseconds, before the first read
 };
 
+// Start times from /proc are cut to a clock tick; two of the same process differ by no more.
+inline constexpr int64_t START_TOLERANCE = 20'000'000;
+
+// With other threads left, a process outlives its main thread.
+inline bool HasExited(const ProcessSnapshot& process) {
+    return process.isEnding && process.threads <= 1;
+}
+
 // Reads one tree of processes. Used by one thread at a time.
 class ProcReader {
   public:
