@@ -48,10 +48,10 @@ struct Recording {
     template <class Record>
     void add(const Record& record) {
         now = record.header.time + MS;
-        EXPECT_TRUE(writer.addEvent(now, &record, sizeof(record)));
+        writer.addEvent(now, &record, sizeof(record));
     }
     void addProcesses(BlockType type, const std::vector<ProcessSnapshot>& processes) {
-        EXPECT_TRUE(writer.addProcesses(type, now, processes));
+        writer.addProcesses(type, now, processes);
     }
 
     RecordingWriter writer;
@@ -104,15 +104,16 @@ void MakeRecording(const std::string& path) {
     addAll(Process(300, 1, "supervise", 50'000 * MS));
     AddLives(&recording);
     now += 1000 * MS;
-    EXPECT_TRUE(recording.writer.addNews(now, STATE_LOST, 0, "gone"));
+    recording.writer.addNews(now, STATE_LOST, 0, "gone");
     asleep *= 2;
-    EXPECT_TRUE(recording.writer.addClocks());
+    recording.writer.addClocks();
     now += 1000 * MS;
-    EXPECT_TRUE(recording.writer.addNews(now, STATE_SUBSCRIBED, 0, ""));
+    recording.writer.addNews(now, STATE_SUBSCRIBED, 0, "");
     // 300 is another one, 411 and 412 have gone; the exit of one was under way.
     addAll(Process(300, 1, "other", now - 500 * MS));
     recording.add(Exit(now + 5 * MS, 411, "daemon"));
-    EXPECT_TRUE(recording.writer.end(END_ASKED));
+    recording.writer.end(END_ASKED);
+    EXPECT_EQ(recording.writer.failure(), "");
 }
 
 std::string Decode(const std::string& trace) {
