@@ -8,6 +8,7 @@
 #include <functional>
 #include <vector>
 
+#include "loader/atomic_or.h"
 #include "records/raw_event.h"
 
 namespace Tesu::Bpf {
@@ -32,6 +33,9 @@ Result<BpfObject> Prepare(const ObjectImage& image, const TesuKernelLayout& layo
     Result<BpfObject> object = OpenObject(image);
     if (!object) {
         return object;
+    }
+    if (layout.hasAtomicOr == 0) {
+        RemoveAtomicOrs(object->get());
     }
     bpf_map* map = nullptr;
     bpf_object__for_each_map(map, object->get()) {
