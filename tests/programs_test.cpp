@@ -55,7 +55,8 @@ std::string Found(const std::string& text, const std::string& pattern) {
 std::string KernelName() {
     utsname system{};
     uname(&system);
-    return std::regex_replace(system.release, std::regex(R"(^(\d+\.\d+).*?-([a-z]+).*)"), "$1-$2");
+    return std::regex_replace(system.release, std::regex(R"(^(\d+\.\d+).*?-([a-z][a-z0-9]*).*)"),
+                              "$1-$2");
 }
 
 // What that is expected to have of ours, the middle of its row; "-" for a kernel that has no row.

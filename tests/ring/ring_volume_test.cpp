@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <iostream>
 #include <memory>
 #include <thread>
 
@@ -78,6 +79,8 @@ TEST_P(RingVolumeTest, FiveGibibytesArrive) {
     writer.join();
     EXPECT_GE(reader->consume(), 0);
     EXPECT_EQ(arrived, sent);
+    std::cout << "NOTE " << (sent * BYTES_IN_RING >> 20) << " MiB, "
+              << (replacement.isEver() ? "in many rings" : "in one ring") << "\n";
     // A 32-bit kernel may take nothing more once 4 GiB are in one ring (see ring_replacement.h).
     const bool mayStop = !replacement.isEver() && IsRingPosition32Bits().value();
     EXPECT_GE(sent, mayStop ? (uint64_t{1} << 32) / BYTES_IN_RING : RECORD_COUNT);
