@@ -119,9 +119,8 @@ TEST_F(ProgramsTest, CarryAProcessFromTheKernelToTheUser) {
     const std::string group = "tesu-test-" + std::to_string(getpid());
     std::filesystem::create_directory(temp.path(group));
 
-    // A ring of many seconds: a busy machine has many records, and few moments for the daemon.
     const std::string loaded =
-        OutputOf({TESUBPFLOAD_PATH, "--ring-size", std::to_string(32 << 20)});
+        OutputOf({TESUBPFLOAD_PATH, "--ring-size", std::to_string(LARGE_RING_BYTES)});
     const bool isSecondOn = hasSecondByDefault();
     ChildProcess daemon({TESUBPFD_PATH, "--property", "ro.kernel.version=6.1"});
     ASSERT_TRUE(daemon.waitForOutput(std::string("serving on @") + SERVICE_SOCKET_NAME + "\n"));
