@@ -146,7 +146,8 @@ TEST_F(ProgramsTest, CarryAProcessFromTheKernelToTheUser) {
         HeardTypes(watch.output, pid);
     const std::string expected = ExpectedOf(KernelName());
     std::cout << "ROW " << KernelName() << " " << row << "\n";
-    EXPECT_TRUE(row == expected || expected == "-") << "not as in its row: " << expected << loaded;
+    EXPECT_TRUE(row == expected || expected == "-") << "not as in its row: " << expected << "\n"
+                                                    << loaded;
 
     const std::string own = " " + std::to_string(getpid()) + " ";
     EXPECT_THAT(OutputOf({TESUBPF_PATH, "tasks", "--no-kernel"}),

@@ -315,7 +315,7 @@ TEST_F(TableTest, KnowsTheDescriptorsAndDmaBufsThatWereThereBefore) {
     EXPECT_STREQ(caller.comm, "sleep");
 
     if (!buffers.back().ok()) {
-        GTEST_SKIP() << "no virtual graphics card";
+        GTEST_SKIP() << "no virtual graphics card that maps dma-bufs as such";
     }
     subscribe({RAW_EVENT_DMABUF_SIZE});
     for (const int64_t left : {21, 5, 0}) {
