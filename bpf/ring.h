@@ -16,7 +16,7 @@
 
 #include "bpf/counters.h"
 #include "bpf/kernel_read.h"
-#include "records/raw_event.h"
+#include "records/bpf_maps.h"
 
 struct RecordRing {
     __uint(type, BPF_MAP_TYPE_RINGBUF);

@@ -12,7 +12,9 @@ if(NOT EXISTS ${CMAKE_SYSROOT}/made-of)
   message(FATAL_ERROR "No packages for 32-bit ARM: run scripts/install-deps --armhf first")
 endif()
 
+set(CMAKE_C_COMPILER ${CMAKE_LIBRARY_ARCHITECTURE}-gcc)
 set(CMAKE_CXX_COMPILER ${CMAKE_LIBRARY_ARCHITECTURE}-g++)
+set(CMAKE_C_FLAGS_INIT "-D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64")
 set(CMAKE_CXX_FLAGS_INIT "-D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64")
 # Where the linker finds the libraries that libraries need.
 set(link_flags)

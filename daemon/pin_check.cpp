@@ -16,8 +16,8 @@
 #include <iterator>
 #include <vector>
 
+#include "records/bpf_maps.h"
 #include "records/contract.h"
-#include "records/raw_event.h"
 #include "util/string_util.h"
 
 namespace Tesu::Bpf {

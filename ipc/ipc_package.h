@@ -1,53 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The wire format between the service and its clients, and the outgoing queue of one connection.
-//
-// A stream is a sequence of frames, all integers 32-bit little-endian:
-//
-//   frame    = length of the package in bytes, package
-//   package  = type, length of the body in bytes, body            (frame length = body length + 8)
-//   request  (type 0) body = request id, command[32], data length, data
-//   response (type 1) body = request id, result, data length, data
-//   event    (type 3) body = one record (records/raw_event.h) or notification
-//
-// Words in a stream are not aligned: they are read and written with memcpy.
+// The outgoing queue of one connection, and the service's test of what came in on it. The wire
+// format is in ipc/frame.h.
 #pragma once
 
 #include <condition_variable>
 #include <cstdint>
-#include <cstring>
 #include <string_view>
 
 #include "ipc/buffer_state.h"
+#include "ipc/frame.h"
 #include "ipc/frame_queue.h"
 #include "util/export.h"
 #include "util/mutex.h"
 
-enum IpcPackageType : unsigned {
-    IPC_PACKAGE_REQUEST = 0,
-    IPC_PACKAGE_RESPONSE = 1,
-    IPC_PACKAGE_RESERVED = 2,
-    IPC_PACKAGE_EVENT = 3,
-};
-
-inline constexpr unsigned IPC_FRAME_HEADER_SIZE = 4;      // the length word
-inline constexpr unsigned IPC_PACKAGE_HEADER_SIZE = 8;    // type and body length
-inline constexpr unsigned IPC_REQUEST_HEAD_SIZE = 40;     // request body before its data
-inline constexpr unsigned IPC_RESPONSE_HEAD_SIZE = 12;    // response body before its data
-inline constexpr unsigned IPC_RESPONSE_RECORD_SIZE = 16;  // head and a stale word, see below
-inline constexpr unsigned IPC_COMMAND_SIZE = 32;
-// Capacity in bytes of the service's read and write buffer of one connection.
-inline constexpr int IPC_BUFFER_SIZE = 32768;
 // The largest package that fits an empty write buffer of that size: its length word goes in front
 // and fillNextIpcPackageToBuffer leaves one byte of slack.
 inline constexpr unsigned IPC_MAX_PACKAGE_SIZE = IPC_BUFFER_SIZE - IPC_FRAME_HEADER_SIZE - 1;
-
-// The word at `bytes`, which may be unaligned.
-inline uint32_t ReadWord(const char* bytes) {
-    uint32_t word = 0;
-    std::memcpy(&word, bytes, sizeof(word));
-    return word;
-}
 
 // A request; its first 40 bytes are the head of a request body. `data` is borrowed.
 struct TesuReqIpcPackage {

@@ -1,21 +1,29 @@
-// SPDX-License-Identifier: Apache-2.0
-//
-// Connecting to a stream socket in the abstract namespace. Logs nothing. Any thread.
-#pragma once
+/* SPDX-License-Identifier: Apache-2.0
+ *
+ * Connecting to a stream socket in the abstract namespace. Needs nothing but the C library, because
+ * the client library has it too. Logs nothing. Any thread.
+ */
+#ifndef TESUBPF_IPC_LOCAL_SOCKET_H
+#define TESUBPF_IPC_LOCAL_SOCKET_H
 
-#include <android-base/unique_fd.h>
+#include <stdbool.h>
 
-#include <string>
+#ifdef __cplusplus
+extern "C" {
+#endif
 
-namespace Tesu::Bpf {
+/* A connected socket, which is the caller's; -1 and errno on failure: ECONNREFUSED when nobody
+ * listens under `name`. socketFlags: SOCK_CLOEXEC, SOCK_NONBLOCK. Non-blocking it fails with EAGAIN
+ * when the listener has too many connections to accept, otherwise it waits about a second for it.
+ */
+int ConnectLocalSocket(const char* name, int socketFlags);
 
-// A connected socket; none and errno on failure: ECONNREFUSED when nobody listens under `name`.
-// socketFlags: SOCK_CLOEXEC, SOCK_NONBLOCK. Non-blocking it fails with EAGAIN when the listener has
-// too many connections to accept, otherwise it waits about a second for it.
-android::base::unique_fd ConnectLocalSocket(const std::string& name, int socketFlags);
+/* Whether somebody listens under `name`. A connection is made and closed at once; never blocks, not
+ * even when the listener does not accept. */
+bool IsServiceListening(const char* name);
 
-// Whether somebody listens under `name`. A connection is made and closed at once; never blocks, not
-// even when the listener does not accept.
-bool IsServiceListening(const std::string& name);
+#ifdef __cplusplus
+}
+#endif
 
-}  // namespace Tesu::Bpf
+#endif

@@ -39,7 +39,7 @@ int CreateNonblockingServerSocket(const char* name) {
 }
 
 int ConnectToServer(const char* name) {
-    android::base::unique_fd fd = Tesu::Bpf::ConnectLocalSocket(name, 0);
+    android::base::unique_fd fd(ConnectLocalSocket(name, 0));
     if (!fd.ok()) {
         const int error = errno;
         TESU_LOGE(TESU_LOG_UTILS, "Failed to create socket: %d, message: %s", error,

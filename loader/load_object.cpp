@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "loader/atomic_or.h"
-#include "records/raw_event.h"
+#include "records/bpf_maps.h"
 
 namespace Tesu::Bpf {
 

@@ -1,9 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The names by which the service, the eBPF programs' loader, hosts and clients find each other. All
-// are fixed from outside; no other file spells one of them out.
+// are fixed from outside; no other file spells one of them out. C has those of the socket.
 #pragma once
 
+// The service's stream socket, in the abstract namespace: no file of that name exists.
+#define TESU_SERVICE_SOCKET_NAME "/mnt/bpfframework/tesubpfdispatcher"
+// Request on it; its data is the event type, 4 bytes.
+#define TESU_REGISTER_COMMAND "register-event-monitor"
+
+#ifdef __cplusplus
 namespace Tesu::Bpf {
 
 // Pins in the bpf file system: programs are prog_OBJECT_TYPE_EVENT, maps map_OBJECT_NAME.
@@ -25,7 +31,7 @@ inline constexpr const char* GPL_RING_MAP = TESU_GPL_MAP("ringbuf_map");
 inline constexpr const char* GPL_CURRENT_RING_MAP = TESU_GPL_MAP("ringbuf_current");
 inline constexpr const char* GPL_POLLED_MAP = TESU_GPL_MAP("ringbuf_polled");
 inline constexpr const char* GPL_STATUS_MAP = TESU_GPL_MAP("ringbuf_status");
-// Maps that the service seeds; values are in records/raw_event.h.
+// Maps that the service seeds; values are in records/bpf_maps.h.
 inline constexpr const char* OPEN_FD_MAP = TESU_CORE_MAP("open_fd_caller_map");
 inline constexpr const char* DMABUF_ALLOCATE_MAP = TESU_GPL_MAP("dmabuf_allocate_map");
 inline constexpr const char* DMABUF_SIZE_MAP = TESU_GPL_MAP("dmabuf_size_map");
@@ -42,10 +48,9 @@ enum DumpSignal : int {
     DUMP_SIGNAL_NORMAL_NO_KERNEL = 54,
 };
 
-// The service's stream socket, in the abstract namespace: no file of that name exists.
-inline constexpr const char* SERVICE_SOCKET_NAME = "/mnt/bpfframework/tesubpfdispatcher";
-// Requests on it; their data is the event type, 4 bytes.
-inline constexpr char REGISTER_COMMAND[] = "register-event-monitor";
+inline constexpr const char* SERVICE_SOCKET_NAME = TESU_SERVICE_SOCKET_NAME;
+inline constexpr char REGISTER_COMMAND[] = TESU_REGISTER_COMMAND;
+// Like that one.
 inline constexpr char UNREGISTER_COMMAND[] = "unregister-event-monitor";
 // The one without data, see records/status.h.
 inline constexpr char STATUS_COMMAND[] = "service-status";
@@ -69,3 +74,4 @@ inline constexpr const char* CLIENTS_PROPERTY = TESU_PROPERTY("clients");
 inline constexpr const char* CLIENT_UIDS_PROPERTY = TESU_PROPERTY("client_uids");
 
 }  // namespace Tesu::Bpf
+#endif

@@ -10,30 +10,14 @@ namespace Tesu::Bpf {
 
 namespace {
 
-// The row of alternative `Index` of Event.
-template <size_t Index>
-constexpr EventType Row(uint32_t type, const char* name, const char* shortForm) {
-    using Record = std::variant_alternative_t<Index, Event>;
-    return {type, name, shortForm, [](const void* data, uint32_t size) -> Event {
-                return ReadPrefix<Record>(data, size);
-            }};
+template <class Record>
+Event Decode(const void* data, uint32_t size) {
+    return ReadPrefix<Record>(data, size);
 }
 
-constexpr EventType ROWS[] = {
-    Row<0>(RAW_EVENT_TASK_INIT, "task-init", "init"),
-    Row<1>(RAW_EVENT_RSS_STAT, "rss-stat", "rss"),
-    Row<2>(RAW_EVENT_TASK_CREATE, "task-create", "fork"),
-    Row<3>(RAW_EVENT_TASK_EXIT, "task-exit", "exit"),
-    Row<4>(RAW_EVENT_DMABUF_SIZE, "dmabuf-size", "dmabuf"),
-    Row<5>(RAW_EVENT_CGROUP_ATTACH, "cgroup-attach", "cgroup"),
-    Row<6>(RAW_EVENT_FD_UPDATE, "fd-update", "fds"),
-    Row<7>(NOTIFICATION_PROCESS_CREATED, "process-created", "created"),
-    Row<8>(NOTIFICATION_PROCESS_EXITED, "process-exited", "exited"),
-    Row<9>(NOTIFICATION_THREAD_COUNT, "thread-count-change", "threads"),
-    Row<10>(NOTIFICATION_MEMORY, "memory-change", "memory"),
-    Row<11>(NOTIFICATION_RECORDS_LOST, "records-lost", "lost"),
-};
-static_assert(std::size(ROWS) + 1 == std::variant_size_v<Event>);
+#define ROW(record, type, name, shortForm) {type, name, shortForm, Decode<record>},
+constexpr EventType ROWS[] = {TESU_EVENT_TYPES(ROW)};
+#undef ROW
 
 }  // namespace
 

@@ -3,7 +3,7 @@
 // What there is to know of each event that a client receives, the kernel's records and the
 // service's notifications alike: one row for each type. Whoever decodes or names events goes by
 // this table; a new type is a struct in raw_event.h or notification.h, its fields in
-// event_fields.h, an alternative of Event and a row, and in the client what is printed of it.
+// event_fields.h, a row in event_types.h, and in the client what is printed of it.
 //
 // Pure; any thread.
 #pragma once
@@ -17,6 +17,7 @@
 #include <variant>
 
 #include "records/event_fields.h"
+#include "records/event_types.h"
 
 namespace Tesu::Bpf {
 
@@ -30,11 +31,9 @@ struct UnknownEvent {
 };
 
 // In the order of the table, the unknown last.
-using Event =
-    std::variant<RawTesuTaskInitEvent, RawRssStatEvent, RawTaskCreateEvent, RawTaskExitEvent,
-                 RawDmabufAllocEvent, RawCgroupAttachEvent, RawFdUpdateEvent,
-                 ProcessCreatedNotification, ProcessExitedNotification, ThreadCountNotification,
-                 MemoryNotification, RecordsLostNotification, UnknownEvent>;
+#define TESU_ALTERNATIVE(record, ...) record,
+using Event = std::variant<TESU_EVENT_TYPES(TESU_ALTERNATIVE) UnknownEvent>;
+#undef TESU_ALTERNATIVE
 
 struct EventType {
     uint32_t type;

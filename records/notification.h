@@ -1,23 +1,21 @@
-// SPDX-License-Identifier: Apache-2.0
-//
-// The notifications of the service, as a client receives them: what it derives from the kernel's
-// records, and what became of those that did not reach it. Little-endian, without hidden padding;
-// but for the last they carry no time. Sizes are bytes.
-#pragma once
-
-#include <cstddef>
-#include <cstdint>
+/* SPDX-License-Identifier: Apache-2.0
+ *
+ * The notifications of the service, as a client receives them: what it derives from the kernel's
+ * records, and what became of those that did not reach it. Little-endian, without hidden padding;
+ * but for the last they carry no time. Sizes are bytes. A client has this header as
+ * <tesubpf/notifications.h>.
+ */
+#ifndef TESUBPF_RECORDS_NOTIFICATION_H
+#define TESUBPF_RECORDS_NOTIFICATION_H
 
 #include "records/raw_event.h"
 
-namespace Tesu::Bpf {
-
-enum NotificationType : uint32_t {
+enum NotificationType {
     NOTIFICATION_PROCESS_CREATED = 50001,
     NOTIFICATION_PROCESS_EXITED = 50002,
     NOTIFICATION_THREAD_COUNT = 50003,
     NOTIFICATION_MEMORY = 50004,
-    NOTIFICATION_RECORDS_LOST = 50005,
+    NOTIFICATION_RECORDS_LOST = 50005
 };
 
 struct ProcessCreatedNotification {
@@ -27,14 +25,14 @@ struct ProcessCreatedNotification {
     int32_t uid;
     char comm[TESU_COMM_LEN];
 };
-static_assert(sizeof(ProcessCreatedNotification) == 32, "wire layout");
+TESU_CHECK_LAYOUT(sizeof(struct ProcessCreatedNotification) == 32);
 
 struct ProcessExitedNotification {
     uint32_t type;
     int32_t pid;
     char comm[TESU_COMM_LEN];
 };
-static_assert(sizeof(ProcessExitedNotification) == 24, "wire layout");
+TESU_CHECK_LAYOUT(sizeof(struct ProcessExitedNotification) == 24);
 
 struct ThreadCountNotification {
     uint32_t type;
@@ -44,7 +42,7 @@ struct ThreadCountNotification {
     int32_t oldThreadNum;
     int32_t threadNum;
 };
-static_assert(sizeof(ThreadCountNotification) == 24, "wire layout");
+TESU_CHECK_LAYOUT(sizeof(struct ThreadCountNotification) == 24);
 
 struct MemoryNotification {
     uint32_t type;
@@ -61,18 +59,18 @@ struct MemoryNotification {
     int64_t rssSwapOldSize;
     int64_t rssShmemOldSize;
 };
-static_assert(sizeof(MemoryNotification) == 96, "wire layout");
+TESU_CHECK_LAYOUT(sizeof(struct MemoryNotification) == 96);
 
-// Records of a ring buffer were lost: found it full, or came before the service started. Sent
-// within a second of the loss: what a client knows of tasks may be wrong from then on.
+/* Records of a ring buffer were lost: found it full, or came before the service started. Sent
+ * within a second of the loss: what a client knows of tasks may be wrong from then on. */
 struct RecordsLostNotification {
-    RawEventHeader header;  // time: when the loss was seen
-    int32_t ring;           // 0: core set of programs, 1: GPL set
-    uint32_t padding;       // 0
-    uint64_t lost;          // records of this ring, since the last notification of it
-    uint64_t total;         // records of this ring, since the programs were loaded
+    struct RawEventHeader header; /* time: when the loss was seen */
+    int32_t ring;                 /* 0: core set of programs, 1: GPL set */
+    uint32_t padding;             /* 0 */
+    uint64_t lost;                /* records of this ring, since the last notification of it */
+    uint64_t total;               /* records of this ring, since the programs were loaded */
 };
-static_assert(sizeof(RecordsLostNotification) == 40, "wire layout");
-static_assert(offsetof(RecordsLostNotification, lost) == 24, "wire layout");
+TESU_CHECK_LAYOUT(sizeof(struct RecordsLostNotification) == 40);
+TESU_CHECK_LAYOUT(offsetof(struct RecordsLostNotification, lost) == 24);
 
-}  // namespace Tesu::Bpf
+#endif

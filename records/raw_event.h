@@ -1,27 +1,26 @@
 /* SPDX-License-Identifier: Apache-2.0 OR GPL-2.0-only
  *
- * The records that the eBPF programs write into the two ring buffers, and the status map beside
- * each buffer. One header for both sides: the programs in bpf/ (C, target bpf) write these structs
- * in place, the service (C++) reads them and hands them unchanged to its clients.
+ * The records that the eBPF programs write into the two ring buffers. One header for all sides: the
+ * programs in bpf/ (C, target bpf) write these structs in place, the service (C++) reads them and
+ * hands them unchanged to its clients, which have this header as <tesubpf/records.h>.
  *
  * All integers are little-endian. Records are naturally aligned to 8 bytes in the ring buffer, but
  * not in a client's socket buffer: copy a record out before reading its fields there. A record may
  * be shorter or longer than its struct; a reader takes what `size` covers and treats the rest as 0
- * (see ReadPrefix).
+ * (ReadPrefix here, tesubpf_read in a client).
  *
  * Units: `time` is CLOCK_MONOTONIC in nanoseconds, sizes are bytes.
  */
 #ifndef TESUBPF_RECORDS_RAW_EVENT_H
 #define TESUBPF_RECORDS_RAW_EVENT_H
 
-#ifdef __cplusplus
-#include <cstddef>
-#include <cstdint>
-namespace Tesu::Bpf {
-#else
 #include <stddef.h>
 #include <stdint.h>
-#define static_assert _Static_assert
+
+#ifdef __cplusplus
+#define TESU_CHECK_LAYOUT(condition) static_assert(condition, "wire layout")
+#else
+#define TESU_CHECK_LAYOUT(condition) _Static_assert(condition, "wire layout")
 #endif
 
 /* Length of the kernel's task name, its NUL included. A name of 16 characters carries no NUL. */
@@ -50,8 +49,8 @@ struct RawEventHeader {
     uint32_t padding;
     int64_t time; /* nanoseconds */
 };
-static_assert(sizeof(struct RawEventHeader) == 16, "wire layout");
-static_assert(offsetof(struct RawEventHeader, time) == 8, "wire layout");
+TESU_CHECK_LAYOUT(sizeof(struct RawEventHeader) == 16);
+TESU_CHECK_LAYOUT(offsetof(struct RawEventHeader, time) == 8);
 
 /* A process that lives and was not reported: it did so when the service started, or its records
  * were lost. Made by the service from /proc. */
@@ -68,9 +67,9 @@ struct RawTesuTaskInitEvent {
     int64_t rssSwapSize;  /* bytes */
     int64_t startTime;    /* seconds since the epoch */
 };
-static_assert(sizeof(struct RawTesuTaskInitEvent) == 88, "wire layout");
-static_assert(offsetof(struct RawTesuTaskInitEvent, comm) == 32, "wire layout");
-static_assert(offsetof(struct RawTesuTaskInitEvent, startTime) == 80, "wire layout");
+TESU_CHECK_LAYOUT(sizeof(struct RawTesuTaskInitEvent) == 88);
+TESU_CHECK_LAYOUT(offsetof(struct RawTesuTaskInitEvent, comm) == 32);
+TESU_CHECK_LAYOUT(offsetof(struct RawTesuTaskInitEvent, startTime) == 80);
 
 /* A process's own resident memory changed. */
 struct RawRssStatEvent {
@@ -79,8 +78,8 @@ struct RawRssStatEvent {
     int32_t member; /* RssMember */
     int64_t size;   /* bytes of that kind now */
 };
-static_assert(sizeof(struct RawRssStatEvent) == 32, "wire layout");
-static_assert(offsetof(struct RawRssStatEvent, size) == 24, "wire layout");
+TESU_CHECK_LAYOUT(sizeof(struct RawRssStatEvent) == 32);
+TESU_CHECK_LAYOUT(offsetof(struct RawRssStatEvent, size) == 24);
 
 /* A process or a thread was made. Comes before any other record of that task from the same ring;
  * between the two rings there is no order. */
@@ -92,9 +91,9 @@ struct RawTaskCreateEvent {
     char comm[TESU_COMM_LEN];     /* name at the fork, before any exec */
     int32_t taskType;             /* RawTaskType */
 };
-static_assert(sizeof(struct RawTaskCreateEvent) == 48, "wire layout");
-static_assert(offsetof(struct RawTaskCreateEvent, comm) == 28, "wire layout");
-static_assert(offsetof(struct RawTaskCreateEvent, taskType) == 44, "wire layout");
+TESU_CHECK_LAYOUT(sizeof(struct RawTaskCreateEvent) == 48);
+TESU_CHECK_LAYOUT(offsetof(struct RawTaskCreateEvent, comm) == 28);
+TESU_CHECK_LAYOUT(offsetof(struct RawTaskCreateEvent, taskType) == 44);
 
 /* A thread ended, or, with the last thread of a process, the process. */
 struct RawTaskExitEvent {
@@ -103,8 +102,8 @@ struct RawTaskExitEvent {
     char comm[TESU_COMM_LEN]; /* name of the task that ended */
     int32_t taskType;         /* RawTaskType */
 };
-static_assert(sizeof(struct RawTaskExitEvent) == 40, "wire layout");
-static_assert(offsetof(struct RawTaskExitEvent, taskType) == 36, "wire layout");
+TESU_CHECK_LAYOUT(sizeof(struct RawTaskExitEvent) == 40);
+TESU_CHECK_LAYOUT(offsetof(struct RawTaskExitEvent, taskType) == 36);
 
 /* A process's dma-buf total changed. */
 struct RawDmabufAllocEvent {
@@ -113,8 +112,8 @@ struct RawDmabufAllocEvent {
     int32_t padding;
     int64_t size; /* bytes of dma-bufs that the process holds now */
 };
-static_assert(sizeof(struct RawDmabufAllocEvent) == 32, "wire layout");
-static_assert(offsetof(struct RawDmabufAllocEvent, size) == 24, "wire layout");
+TESU_CHECK_LAYOUT(sizeof(struct RawDmabufAllocEvent) == 32);
+TESU_CHECK_LAYOUT(offsetof(struct RawDmabufAllocEvent, size) == 24);
 
 /* Bytes of a cgroup path kept in a record, NUL included; a longer path is cut. */
 #define TESU_CGROUP_PATH_LEN 64
@@ -130,9 +129,9 @@ struct RawCgroupAttachEvent {
     char comm[TESU_COMM_LEN];
     char path[TESU_CGROUP_PATH_LEN]; /* NUL-terminated */
 };
-static_assert(sizeof(struct RawCgroupAttachEvent) == 120, "wire layout");
-static_assert(offsetof(struct RawCgroupAttachEvent, cgroupId) == 32, "wire layout");
-static_assert(offsetof(struct RawCgroupAttachEvent, path) == 56, "wire layout");
+TESU_CHECK_LAYOUT(sizeof(struct RawCgroupAttachEvent) == 120);
+TESU_CHECK_LAYOUT(offsetof(struct RawCgroupAttachEvent, cgroupId) == 32);
+TESU_CHECK_LAYOUT(offsetof(struct RawCgroupAttachEvent, path) == 56);
 
 /* A process's count of open descriptors moved by TESU_FD_REPORT_STEP since its last record. The
  * count begins with what the process inherited or the service found, and follows every descriptor
@@ -147,54 +146,8 @@ struct RawFdUpdateEvent {
     int64_t reportedFds; /* openFds of the record before this one */
     char comm[TESU_COMM_LEN];
 };
-static_assert(sizeof(struct RawFdUpdateEvent) == 56, "wire layout");
-static_assert(offsetof(struct RawFdUpdateEvent, openFds) == 24, "wire layout");
-static_assert(offsetof(struct RawFdUpdateEvent, comm) == 40, "wire layout");
-
-/* Keys of a ring buffer's status map: unsigned 32-bit key, unsigned 64-bit value. */
-enum RingStatusKey {
-    RING_STATUS_FLAGS = 0,
-    RING_AVAIL_DATA = 1, /* bytes not yet consumed, at the last failed reserve */
-    RING_SIZE = 2,       /* bytes */
-    RING_CONS_POS = 3,
-    RING_PROD_POS = 4,
-    /* From here one key for each possible CPU, in CPU order: records of that CPU that found the
-     * buffer full and were lost. Their sum is the number of lost records: produced = received +
-     * lost. A slot each because the 32-bit ARM JIT has no atomic add. */
-    RING_LOST_RECORDS = 5
-};
-
-/* Bits of RING_STATUS_FLAGS. */
-enum RingStatusFlag {
-    FLAG_RINGBUF_FULL = 1,  /* set by the programs, cleared by the service */
-    FLAG_CORE_ENABLED = 2,  /* set by the service: the core class of programs may write */
-    FLAG_NORMAL_ENABLED = 4 /* set by the service: the normal class may write */
-};
-
-/* Value of the open-fd map (key: process id, unsigned 32-bit). */
-struct OpenFdCaller {
-    uint32_t pid;
-    uint32_t reserved;
-    uint64_t openFds;     /* descriptors open now */
-    uint64_t reportedFds; /* openFds in the last RawFdUpdateEvent */
-    uint64_t reserved2;
-    char comm[TESU_COMM_LEN]; /* NUL-terminated */
-};
-static_assert(sizeof(struct OpenFdCaller) == 48, "map layout");
-static_assert(offsetof(struct OpenFdCaller, comm) == 32, "map layout");
-
-/* Value of the dma-buf allocation map (key: inode number of the dma-buf, unsigned 64-bit). */
-struct DmabufAllocation {
-    int32_t pid;
-    int32_t reserved;
-    int64_t size; /* bytes */
-};
-static_assert(sizeof(struct DmabufAllocation) == 16, "map layout");
-
-#ifdef __cplusplus
-}  // namespace Tesu::Bpf
-#else
-#undef static_assert
-#endif
+TESU_CHECK_LAYOUT(sizeof(struct RawFdUpdateEvent) == 56);
+TESU_CHECK_LAYOUT(offsetof(struct RawFdUpdateEvent, openFds) == 24);
+TESU_CHECK_LAYOUT(offsetof(struct RawFdUpdateEvent, comm) == 40);
 
 #endif

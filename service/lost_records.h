@@ -8,7 +8,7 @@
 
 #include <cstdint>
 
-#include "records/raw_event.h"
+#include "records/bpf_maps.h"
 
 namespace Tesu::Bpf {
 

@@ -5,7 +5,7 @@
 
 #include <ctime>
 
-#include "records/raw_event.h"
+#include "records/bpf_maps.h"
 #include "service/tesu_bpf_service.h"
 #include "util/log.h"
 

@@ -12,7 +12,7 @@
 #include <string>
 
 #include "proc/proc_files.h"
-#include "records/raw_event.h"
+#include "records/bpf_maps.h"
 
 namespace Tesu::Bpf {
 

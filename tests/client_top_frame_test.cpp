@@ -78,7 +78,7 @@ TEST(TopFrame, LooksAsItDid) {
     std::setlocale(LC_CTYPE, "C.UTF-8");
     FrameState state;
     state.request.order = OrderColumns().front()->order.compare;
-    state.connection = ConnectionItem::LOST;
+    state.connection = TESUBPF_LOST;
     std::string text;
     for (const size_t width : {80, 220}) {
         for (const StyledLine& line : MakeFrame(View(), state, width, 17)) {

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "ipc/frame_reader.h"
+#include "ipc/frame.h"
 #include "ipc/ipc_package_handler.h"
 #include "tests/support/wire_client.h"
 
@@ -24,24 +24,32 @@ struct Outcome {
     bool operator==(const Outcome&) const = default;
 };
 
-// Reads what is there, from the cursor on; false when it gives up.
-using Reader = bool (*)(BufferState*, Outcome*);
+// Reads what is there; false when it gives up.
+using Reader = bool (*)(std::vector<char>&, Outcome*);
 
-bool ReadAsService(BufferState* buffer, Outcome* outcome) {
+bool ReadAsService(std::vector<char>& block, Outcome* outcome) {
+    BufferState buffer{0, static_cast<int>(block.size()), CAPACITY, block.data()};
     const auto take = [&](int, const char* body, int length, BufferState*) {
         outcome->packages.push_back(WireClient::frame(0, {body, static_cast<size_t>(length)}));
         return 0;
     };
-    return IpcPackageHandler({{0, take}}).handleAllIpcPackageInBuffer(0, buffer, nullptr);
+    const bool isInStep =
+        IpcPackageHandler({{0, take}}).handleAllIpcPackageInBuffer(0, &buffer, nullptr);
+    outcome->consumed += static_cast<size_t>(buffer.cursor);
+    return isInStep;
 }
 
-bool ReadAsClient(BufferState* buffer, Outcome* outcome) {
-    auto package = TakePackage(buffer);
-    for (; package && *package; package = TakePackage(buffer)) {
+bool ReadAsClient(std::vector<char>& block, Outcome* outcome) {
+    FrameBuffer buffer{0, block.size(), CAPACITY, block.data()};
+    Package package;
+    char fault[FRAME_FAULT_SIZE];
+    FrameState state = TakePackage(&buffer, &package, fault);
+    for (; state == FRAME_TAKEN; state = TakePackage(&buffer, &package, fault)) {
         outcome->packages.push_back(
-            WireClient::frame((*package)->type, {(*package)->body, (*package)->length}));
+            WireClient::frame(package.type, {package.body, package.length}));
     }
-    return package.ok();
+    outcome->consumed += buffer.cursor;
+    return state == FRAME_INCOMPLETE;
 }
 
 // Whatever is received lies in a block of exactly its size, so that a read past it is found.
@@ -51,9 +59,7 @@ Outcome Receive(Reader reader, const std::string& stream, const std::function<si
         end = std::min(stream.size(), end + nextSize());
         const auto from = stream.begin() + static_cast<ptrdiff_t>(outcome.consumed);
         std::vector<char> block(from, stream.begin() + static_cast<ptrdiff_t>(end));
-        BufferState buffer{0, static_cast<int>(block.size()), CAPACITY, block.data()};
-        outcome.isOutOfStep = !reader(&buffer, &outcome);
-        outcome.consumed += static_cast<size_t>(buffer.cursor);
+        outcome.isOutOfStep = !reader(block, &outcome);
     }
     return outcome;
 }

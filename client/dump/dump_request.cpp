@@ -177,7 +177,7 @@ Result<std::optional<std::string>> AwaitFile(pid_t service, DumpSignal kind,
 }  // namespace
 
 Result<pid_t> FindServiceProcess(const std::string& socketName) {
-    const unique_fd fd = ConnectLocalSocket(socketName, SOCK_CLOEXEC);
+    const unique_fd fd(ConnectLocalSocket(socketName.c_str(), SOCK_CLOEXEC));
     if (!fd.ok()) {
         return errno == ECONNREFUSED
                    ? Failure("no daemon is listening on @" + socketName)

@@ -13,7 +13,7 @@ namespace {
 constexpr const char* ALL_TYPES = "all";
 
 // Adds, once, each type that the word stands for; false when there is none.
-bool AddTypes(const std::string& word, std::vector<int>* types) {
+bool AddTypes(const std::string& word, std::vector<uint32_t>* types) {
     bool isKnown = false;
     for (const EventType& row : EVENT_TYPES) {
         if (word != ALL_TYPES && word != row.name && word != row.shortForm &&
@@ -21,9 +21,8 @@ bool AddTypes(const std::string& word, std::vector<int>* types) {
             continue;
         }
         isKnown = true;
-        const int type = static_cast<int>(row.type);
-        if (std::find(types->begin(), types->end(), type) == types->end()) {
-            types->push_back(type);
+        if (std::find(types->begin(), types->end(), row.type) == types->end()) {
+            types->push_back(row.type);
         }
     }
     return isKnown;
@@ -39,8 +38,8 @@ std::string DescribeEventTypes() {
     return text;
 }
 
-Result<std::vector<int>> ParseEventTypes(const std::vector<std::string>& arguments) {
-    std::vector<int> types;
+Result<std::vector<uint32_t>> ParseEventTypes(const std::vector<std::string>& arguments) {
+    std::vector<uint32_t> types;
     for (const std::string& argument : arguments) {
         const std::vector<std::string> words = Split(argument, ",");
         if (words.empty()) {

@@ -3,6 +3,7 @@
 // The event types that a client can subscribe to, by name and number. Pure; any thread.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,6 @@ std::string DescribeEventTypes();
 // What the user gave after --type, once or several times: names, short forms or numbers, or lists
 // of them with commas; "all" stands for every type. Each type once, in the order given. Fails, with
 // a message that lists the names, at the first that is none of these.
-Result<std::vector<int>> ParseEventTypes(const std::vector<std::string>& arguments);
+Result<std::vector<uint32_t>> ParseEventTypes(const std::vector<std::string>& arguments);
 
 }  // namespace Tesu::Bpf

@@ -6,12 +6,9 @@
 #include <sys/time.h>
 
 #include <cstring>
-#include <optional>
 
-#include "ipc/frame_reader.h"
-#include "ipc/ipc_package.h"
+#include "ipc/frame.h"
 #include "ipc/local_socket.h"
-#include "ipc/request_frame.h"
 #include "records/contract.h"
 #include "records/read_prefix.h"
 
@@ -74,24 +71,28 @@ Result<int32_t> TakeResponse(const Package& package, StatusReport* report) {
 }  // namespace
 
 Result<StatusReport> RequestStatus(const std::string& socketName) {
-    const android::base::unique_fd socket = ConnectLocalSocket(socketName, SOCK_CLOEXEC);
+    const android::base::unique_fd socket(ConnectLocalSocket(socketName.c_str(), SOCK_CLOEXEC));
     if (!socket.ok()) {
         return SystemFailure("no daemon is listening on @" + socketName);
     }
     setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &PATIENCE, sizeof(PATIENCE));
-    const std::string request = RequestFrame(REQUEST_ID, STATUS_COMMAND);
-    send(socket.get(), request.data(), request.size(), MSG_NOSIGNAL);
+    char request[REQUEST_FRAME_SIZE(0)];
+    WriteRequest(request, REQUEST_ID, STATUS_COMMAND, nullptr, 0);
+    send(socket.get(), request, sizeof(request), MSG_NOSIGNAL);
 
     std::vector<char> storage(IPC_BUFFER_SIZE);
-    BufferState received{.capacity = IPC_BUFFER_SIZE, .data = storage.data()};
+    FrameBuffer received{
+        .cursor = 0, .length = 0, .capacity = storage.size(), .data = storage.data()};
     StatusReport report;
     while (true) {
-        const Result<std::optional<Package>> package = TakePackage(&received);
-        if (!package) {
-            return Failure(package.error());
+        Package package;
+        char fault[FRAME_FAULT_SIZE];
+        const FrameState state = TakePackage(&received, &package, fault);
+        if (state == FRAME_IMPOSSIBLE) {
+            return Failure(fault);
         }
-        if (*package) {
-            const Result<int32_t> left = TakeResponse(**package, &report);
+        if (state == FRAME_TAKEN) {
+            const Result<int32_t> left = TakeResponse(package, &report);
             if (!left) {
                 return Failure(left.error());
             }
@@ -100,16 +101,13 @@ Result<StatusReport> RequestStatus(const std::string& socketName) {
             }
             continue;
         }
-        SaveUnuseBuffer(&received);
-        const ssize_t count = recv(socket.get(), received.data + received.length,
-                                   static_cast<size_t>(received.capacity - received.length), 0);
+        const ssize_t count = ReceiveFrames(socket.get(), &received);
         if (count == 0) {
             return Failure("the daemon closed the connection");
         }
         if (count < 0) {
             return SystemFailure("the daemon does not answer");
         }
-        received.length += static_cast<int>(count);
     }
 }
 

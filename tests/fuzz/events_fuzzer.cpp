@@ -6,10 +6,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "client/connection/service_connection.h"
 #include "client/events/event_json.h"
+#include "libtesubpf/event_stream.h"
 #include "client/events/event_text.h"
-#include "client/model/process_model.h"
+#include "model/process_model.h"
 #include "tests/fuzz/fuzz.h"
 
 using namespace Tesu::Bpf;
@@ -29,14 +29,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const std::string NAME = "/tesubpf/fuzz/" + std::to_string(getpid());
     static const int LISTENER =
         socket_local_server(NAME.c_str(), ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM);
-    auto connection = ServiceConnection::open(NAME, {RAW_EVENT_RSS_STAT});
-    while (connection->next().kind != ConnectionItem::CONNECTED) {
+    const auto stream = OpenEventStream(NAME, {RAW_EVENT_RSS_STAT});
+    tesubpf_event item{};
+    while (item.kind != TESUBPF_CONNECTED) {
+        tesubpf_next(stream->get(), &item);
     }
     const android::base::unique_fd service(accept4(LISTENER, nullptr, nullptr, SOCK_CLOEXEC));
     TextFormatter formatter(false);
     ProcessModel model;
     int64_t now = 0;
-    const auto take = [&](const char* bytes, uint32_t length) {
+    const auto take = [&](const void* bytes, uint32_t length) {
         const Event event = DecodeEvent(bytes, length);
         std::string line;
         formatter.append(event, now, &line);
@@ -44,14 +46,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         model.apply(event);
         model.advanceTo(now += NANOSECONDS_PER_SECOND);
     };
-    take(reinterpret_cast<const char*>(data), static_cast<uint32_t>(size));
+    take(data, static_cast<uint32_t>(size));
     int64_t received = 0;  // bytes
     ForEachPiece(data, size, [&](const char* piece, unsigned length) {
         received += length;
         send(service.get(), piece, length, MSG_NOSIGNAL | MSG_DONTWAIT);
-        for (auto item = connection->next(); item.kind != ConnectionItem::NOTHING;
-             item = connection->next()) {
-            if (item.kind == ConnectionItem::EVENT) {
+        while (tesubpf_next(stream->get(), &item) > 0) {
+            if (item.kind == TESUBPF_RECORD) {
                 Require((received -= item.size) >= 0);
                 take(item.data, item.size);
             }

@@ -4,7 +4,7 @@
 // subscriber of everything, before what follows from them. What the table then holds is printed.
 #include <set>
 
-#include "ipc/frame_reader.h"
+#include "ipc/frame.h"
 #include "records/event_table.h"
 #include "records/read_prefix.h"
 #include "service/tesu_bpf_service.h"
@@ -52,9 +52,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const bool isTaken = TesuBpfService::handleBpfRingBuffEvent(nullptr, piece, length) == 0;
         BufferState written{.capacity = IPC_BUFFER_SIZE, .data = out.data()};
         events->fillWriteBuffer(CLIENT, &written);
-        const auto sent = TakePackage(&written);
-        Require(sent && sent->has_value() == isTaken);
-        Require(!isTaken || std::equal(piece, piece + length, (*sent)->body));
+        FrameBuffer frames{0, static_cast<size_t>(written.length), IPC_BUFFER_SIZE, written.data};
+        Package sent;
+        char fault[FRAME_FAULT_SIZE];
+        const FrameState state = TakePackage(&frames, &sent, fault);
+        Require(state == (isTaken ? FRAME_TAKEN : FRAME_INCOMPLETE));
+        Require(!isTaken || std::equal(piece, piece + length, sent.body));
     });
     events->removeClient(CLIENT);
     PrintAndClear(pids);

@@ -2,7 +2,7 @@
 //
 // What a client may send to the service, in pieces of any size, between events: what the service
 // writes are whole frames, and nothing of the client is left behind.
-#include "ipc/frame_reader.h"
+#include "ipc/frame.h"
 #include "service/tesu_bpf_service.h"
 #include "tests/fuzz/fuzz.h"
 
@@ -17,9 +17,11 @@ constexpr int WRITE_CAPACITY = 64;
 // Takes what was written, as the client would.
 void TakeFrames(BufferState* written) {
     Require(written->length < WRITE_CAPACITY);
-    while (written->cursor < written->length) {
-        const auto package = TakePackage(written);
-        Require(package && *package);
+    FrameBuffer frames{0, static_cast<size_t>(written->length), WRITE_CAPACITY, written->data};
+    Package package;
+    char fault[FRAME_FAULT_SIZE];
+    while (frames.cursor < frames.length) {
+        Require(TakePackage(&frames, &package, fault) == FRAME_TAKEN);
     }
     written->cursor = written->length = 0;
 }

@@ -50,6 +50,7 @@ class FakeService {
 
     // Of the client's connection. Borrowed.
     int descriptor() const { return client.get(); }
+    void hangUp() { client.reset(); }
     void sendEvent(const std::string& event) const { sendBytes(WireClient::frame(3, event)); }
     void sendBytes(const std::string& bytes) const {
         EXPECT_EQ(send(client.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),

@@ -11,7 +11,7 @@
 #include <memory>
 #include <string>
 
-#include "records/raw_event.h"
+#include "records/bpf_maps.h"
 #include "service/tesu_bpf_service.h"
 
 namespace Tesu::Bpf {

@@ -10,7 +10,7 @@
 // it came or went after its process was read.
 //
 // `tesubpf top` drives it from its poll loop. A test drives it the same way without a terminal: it
-// hands over what ServiceConnection and ProcReader give and compares view() with what it expects.
+// hands over what EventStream and ProcReader give and compares view() with what it expects.
 //
 // Pure: touches neither /proc nor the clock. Times are monotonic nanoseconds. Used by one thread at
 // a time.
@@ -25,8 +25,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "client/model/crash_loops.h"
-#include "client/model/sample_history.h"
+#include "model/crash_loops.h"
+#include "model/sample_history.h"
 #include "proc/process_snapshot.h"
 #include "records/event_table.h"
 #include "records/raw_event.h"
