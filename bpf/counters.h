@@ -9,7 +9,7 @@
 #include "bpf/kernel_read.h"
 
 static __always_inline void AddTo(uint64_t* counter, uint64_t amount) {
-    if (kernelLayout.hasAtomics) {
+    if (kernelLayout.hasAtomicAdd) {
         __sync_fetch_and_add(counter, amount);
     } else {
         *counter += amount;

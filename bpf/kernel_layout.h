@@ -22,8 +22,9 @@ namespace Tesu::Bpf {
 
 /* All offsets and sizes are bytes. */
 struct TesuKernelLayout {
-    uint32_t pointerSize; /* of the kernel's pointers and longs: 4 or 8 */
-    uint32_t hasAtomics;  /* 1: this kernel has 64-bit atomic operations */
+    uint32_t pointerSize;  /* of the kernel's pointers and longs: 4 or 8 */
+    uint32_t hasAtomicAdd; /* 1: this kernel has the atomic addition of 64 bits */
+    uint32_t hasAtomicOr;  /* likewise; if 0, no instruction may be one (loader/atomic_or.h) */
 
     /* Fields of tracepoints, from the start of their record. */
     uint32_t forkChildPid;

@@ -58,7 +58,7 @@ static __always_inline uint64_t RingFlags(void) {
 }
 
 /* Invariant: marking the buffer full never undoes an enable. The service changes the enable bits in
- * the same word, by reading and writing it. An atomic or cannot lose its write. Without atomics the
+ * the same word, by reading and writing it. An atomic or cannot lose its write. Without one the
  * word that is stored may be stale, so it is stored only when both enable bits were already set in
  * it: there was no enable left that it could undo. Until then nothing but the core class writes,
  * the lost records are counted all the same, and the next one that is lost tries again. */
@@ -72,7 +72,7 @@ static __always_inline void MarkRingFull(void) {
     if ((seen & FLAG_RINGBUF_FULL) != 0) {
         return;
     }
-    if (kernelLayout.hasAtomics) {
+    if (kernelLayout.hasAtomicOr) {
         __sync_fetch_and_or(flags, FLAG_RINGBUF_FULL);
     } else if ((seen & enabled) == enabled) {
         *(volatile uint64_t*)flags = seen | FLAG_RINGBUF_FULL;

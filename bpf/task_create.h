@@ -36,11 +36,11 @@ struct {
 static uint64_t pendingCreates;
 
 static __always_inline int MayHavePendingCreate(void) {
-    return !kernelLayout.hasAtomics || *(volatile uint64_t*)&pendingCreates != 0;
+    return !kernelLayout.hasAtomicAdd || *(volatile uint64_t*)&pendingCreates != 0;
 }
 
 static __always_inline void CountPendingCreate(uint64_t change) {
-    if (kernelLayout.hasAtomics) {
+    if (kernelLayout.hasAtomicAdd) {
         __sync_fetch_and_add(&pendingCreates, change);
     }
 }

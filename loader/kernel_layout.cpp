@@ -154,7 +154,8 @@ TesuKernelLayout UnknownLayout() {
     std::fill_n(reinterpret_cast<uint32_t*>(&layout), sizeof(layout) / sizeof(uint32_t),
                 TESU_UNKNOWN_OFFSET);
     layout.pointerSize = sizeof(uint64_t);
-    layout.hasAtomics = 0;
+    layout.hasAtomicAdd = 0;
+    layout.hasAtomicOr = 0;
     layout.rssSizeBytes = sizeof(uint64_t);
     layout.cgroupIdBytes = sizeof(uint64_t);
     layout.registerSize = sizeof(uint64_t);
@@ -162,13 +163,13 @@ TesuKernelLayout UnknownLayout() {
     return layout;
 }
 
-bool HasAtomics() {
-    // uint64_t word = 0; __sync_fetch_and_or(&word, 0); return 0;
+bool HasAtomic(int32_t operation) {
+    // uint64_t word = 0; __sync_fetch_and_add(&word, 0); return 0;
     constexpr __s16 WORD = -static_cast<__s16>(sizeof(__u64));  // on the stack
     const bpf_insn instructions[] = {
         {BPF_ALU64 | BPF_MOV | BPF_K, BPF_REG_0, 0, 0, 0},
         {BPF_STX | BPF_MEM | BPF_DW, BPF_REG_10, BPF_REG_0, WORD, 0},
-        {BPF_STX | BPF_ATOMIC | BPF_DW, BPF_REG_10, BPF_REG_0, WORD, BPF_OR},
+        {BPF_STX | BPF_ATOMIC | BPF_DW, BPF_REG_10, BPF_REG_0, WORD, operation},
         {BPF_JMP | BPF_EXIT, 0, 0, 0, 0},
     };
     const android::base::unique_fd program(bpf_prog_load(BPF_PROG_TYPE_TRACEPOINT, "atomics", "GPL",
@@ -182,7 +183,8 @@ KernelLayout FindKernelLayout(const std::string& tracefsRoot, const std::string&
     utsname names = {};
     uname(&names);
     result.values.pointerSize = FindPointerSize(tracefsRoot, names.machine);
-    result.values.hasAtomics = HasAtomics() ? 1 : 0;
+    result.values.hasAtomicAdd = HasAtomic(BPF_ADD) ? 1 : 0;
+    result.values.hasAtomicOr = HasAtomic(BPF_OR) ? 1 : 0;
     FindTracepointFields(tracefsRoot, &result);
     FindMembers(btfPath, &result);
     SetArguments(names.machine, &result.values);

@@ -5,6 +5,7 @@
 // by offset guessing, function arguments from the machine, atomics from the kernel's answer.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "bpf/kernel_layout.h"
@@ -17,9 +18,10 @@ namespace Tesu::Bpf {
 // A layout in which nothing is known, and no atomics are used.
 TesuKernelLayout UnknownLayout();
 
-// Whether the running kernel takes programs with 64-bit atomic operations; asked by loading a small
-// one. 32-bit just-in-time compilers have none, and kernels before 5.12 only the addition.
-bool HasAtomics();
+// Whether the running kernel takes programs with this atomic operation on 64 bits, BPF_ADD or
+// BPF_OR; asked by loading a small one. 32-bit just-in-time compilers have neither, and kernels
+// before 5.12 only the addition.
+bool HasAtomic(int32_t operation);
 
 struct KernelLayout {
     TesuKernelLayout values = UnknownLayout();

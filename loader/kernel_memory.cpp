@@ -23,11 +23,15 @@ KernelMemory::KernelMemory(BpfObject loaded)
     : object(std::move(loaded)),
       programFd(
           bpf_program__fd(bpf_object__find_program_by_name(object.get(), "copy_kernel_memory"))),
+      requestFd(bpf_object__find_map_fd_by_name(object.get(), "memory_request")),
       mapFd(bpf_object__find_map_fd_by_name(object.get(), "copied_bytes")) {}
 
 bool KernelMemory::run(KernelMemoryRequest* request) const {
-    LIBBPF_OPTS(bpf_test_run_opts, options, .ctx_in = request, .ctx_size_in = sizeof(*request));
-    return bpf_prog_test_run_opts(programFd, &options) == 0;
+    const uint32_t key = 0;
+    LIBBPF_OPTS(bpf_test_run_opts, options);
+    return bpf_map_update_elem(requestFd, &key, request, BPF_ANY) == 0 &&
+           bpf_prog_test_run_opts(programFd, &options) == 0 && options.retval == 0 &&
+           bpf_map_lookup_elem(requestFd, &key, request) == 0;
 }
 
 std::vector<uint8_t> KernelMemory::read(uint64_t address, uint32_t size) const {

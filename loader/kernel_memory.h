@@ -27,7 +27,8 @@ class KernelMemory {
     explicit KernelMemory(BpfObject loaded);
 
     BpfObject object;
-    int programFd;  // owned by the object, as is mapFd
+    int programFd;  // owned by the object, as are those of the maps
+    int requestFd;
     int mapFd;
 };
 

@@ -8,6 +8,7 @@
 #include <functional>
 #include <vector>
 
+#include "loader/atomic_or.h"
 #include "records/bpf_maps.h"
 
 namespace Tesu::Bpf {
@@ -32,6 +33,9 @@ Result<BpfObject> Prepare(const ObjectImage& image, const TesuKernelLayout& layo
     Result<BpfObject> object = OpenObject(image);
     if (!object) {
         return object;
+    }
+    if (layout.hasAtomicOr == 0) {
+        RemoveAtomicOrs(object->get());
     }
     bpf_map* map = nullptr;
     bpf_object__for_each_map(map, object->get()) {
@@ -75,7 +79,7 @@ std::string FindVerdict(const char* log) {
 }
 
 // Tries each program on its own and adds those to `leftOut` that the kernel refuses; none when it
-// refuses the object without programs too.
+// refuses the object without programs too. That memory is short says nothing of a program.
 void LeaveOutRefused(const Opener& open, LeftOutPrograms* leftOut) {
     const auto maps = open();
     if (!maps) {
@@ -97,7 +101,7 @@ void LeaveOutRefused(const Opener& open, LeftOutPrograms* leftOut) {
             Choose(*object, [&](const std::string& other) { return other == name; });
         log[0] = '\0';  // stays so when the kernel refuses without a look at the instructions
         bpf_program__set_log_buf(program[0], log.get(), VERIFIER_LOG_BYTES);
-        if (bpf_object__load(object->get()) != 0) {
+        if (bpf_object__load(object->get()) != 0 && errno != ENOMEM) {
             std::string& reason = (*leftOut)[name] = strerror(errno);
             if (const std::string verdict = FindVerdict(log.get()); !verdict.empty()) {
                 reason.append(" (").append(verdict).append(")");

@@ -80,7 +80,7 @@ struct Life {
 class EventsTest : public KernelServiceTest {
   protected:
     void start(const std::string& kernelVersion = "6.18") {
-        ASSERT_NO_FATAL_FAILURE(startService(RING_BYTES, kernelVersion));
+        ASSERT_NO_FATAL_FAILURE(startService(LARGE_RING_BYTES, kernelVersion));
         subscribe({RAW_EVENT_RSS_STAT, RAW_EVENT_TASK_CREATE, RAW_EVENT_TASK_EXIT,
                    RAW_EVENT_DMABUF_SIZE});
     }
@@ -107,8 +107,6 @@ class EventsTest : public KernelServiceTest {
         return lives[pid];
     }
 
-    // Much can happen on a busy machine before a service looks again.
-    static constexpr uint32_t RING_BYTES = 32 << 20;
     std::map<pid_t, Life> lives;
 
   private:
@@ -219,7 +217,7 @@ TEST_F(EventsTest, MemoryIsWithinTheStepOverForkAndExec) {
     constexpr int64_t STEP = 2 * HALF;
     constexpr int64_t BYTES = 4 * STEP;
     constexpr int64_t MARGIN = HALF / 2;
-    ASSERT_NO_FATAL_FAILURE(load(RING_BYTES, STEP));
+    ASSERT_NO_FATAL_FAILURE(load(LARGE_RING_BYTES, STEP));
     ASSERT_NO_FATAL_FAILURE(start());
     Touch(BYTES, MAP_PRIVATE);
     const pid_t pid = Fork([] {

@@ -133,7 +133,7 @@ TEST_F(LoaderTest, FailsAsAWhole) {
 
 TEST_F(LoaderTest, GuessesWhatTheTypeInformationSays) {
     const KernelLayout typed = FindKernelLayout();
-    EXPECT_TRUE(typed.values.hasAtomics == 1 || typed.values.pointerSize == 4);
+    EXPECT_TRUE(typed.values.hasAtomicAdd == 1 || typed.values.pointerSize == 4);
     const KernelLayout guessed = FindKernelLayout(TRACEFS_ROOT, "/nonexistent");
     EXPECT_THAT(guessed.memberSource, HasSubstr("offset guessing")) << guessed.memberProblem;
     if (typed.memberSource != guessed.memberSource) {  // where there is type information

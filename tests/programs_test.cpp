@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The programs that are installed, together: loader, daemon and client, on the running kernel.
+#include <android-base/strings.h>
 #include <bpf/bpf.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,8 +12,10 @@
 #include <csignal>
 #include <filesystem>
 #include <functional>
-#include <iterator>
+#include <iostream>
+#include <map>
 #include <regex>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -31,9 +34,29 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 
-long Count(const std::string& text, const std::string& pattern) {
+// What stands in the pattern's group wherever it is found, each once and in order; "-": nowhere.
+std::string Found(const std::string& text, const std::string& pattern) {
     const std::regex regex(pattern);
-    return std::distance(std::sregex_iterator(text.begin(), text.end(), regex), {});
+    std::set<std::string> found;
+    for (std::sregex_iterator each(text.begin(), text.end(), regex), end; each != end; ++each) {
+        found.insert((*each)[1]);
+    }
+    return found.empty() ? "-" : android::base::Join(found, ',');
+}
+
+// The running kernel, as it is called in the table of kernels: 6.1-amd64 is 6.1.0-56-amd64.
+std::string KernelName() {
+    utsname system{};
+    uname(&system);
+    return std::regex_replace(system.release, std::regex(R"(^(\d+\.\d+).*?-([a-z][a-z0-9]*).*)"),
+                              "$1-$2");
+}
+
+// What that is expected to have of ours, the middle of its row; "-" for a kernel that has no row.
+std::string ExpectedOf(const std::string& kernel) {
+    const std::string table = ReadWholeFile(TESUBPF_TEST_DATA "/../system/kernels.txt");
+    const std::string row = Found(table, "\n" + kernel + R"( +\S+ +\S+ +\S+ +((?:\S+ +){4}\S+))");
+    return std::regex_replace(row, std::regex(" +"), " ");
 }
 
 std::string LinesWith(const std::string& text, const std::string& part) {
@@ -45,23 +68,54 @@ std::string LinesWith(const std::string& text, const std::string& part) {
     return found;
 }
 
-class ProgramsTest : public KernelTest {};
+// The types of events that a life of the workload causes and that came, all that is expected of a
+// type; and of memory, if any came.
+std::string HeardTypes(const std::string& watched, const std::string& pid) {
+    const std::string memory =
+        OutputOf({TESUBPF_PATH, "watch", "--json", "--type", "rss", "--count", "1"});
+    std::map<int, bool> types = {{1, memory.find("\"type\":1,") != std::string::npos}};
+    const std::string events = LinesWith(watched, ":" + pid + ",");
+    for (const std::string event :
+         {R"(2,.*"ppid":PID,.*"task_type_name":"process")",
+          R"(2,.*"pid":PID,.*"task_type_name":"thread")",
+          R"(3,.*"pid":PID,.*"task_type_name":"process")", R"(5,.*"tid":PID,.*"path":"/tesu-test-)",
+          R"(6,.*"pid":PID,)", R"(50001,.*"ppid":PID,)", R"(50002,.*"pid":PID,)",
+          R"(50003,.*"pid":PID,)", R"(50004,.*"pid":PID,)"}) {
+        const std::regex pattern("\"type\":" + std::regex_replace(event, std::regex("PID"), pid));
+        bool& isHeard = types.try_emplace(std::stoi(event), true).first->second;
+        isHeard = isHeard && std::regex_search(events, pattern);
+    }
+    std::erase_if(types, [](const auto& type) { return !type.second; });
+    std::string heard;
+    for (const auto& [type, isHeard] : types) {
+        heard += (heard.empty() ? "" : ",") + std::to_string(type);
+    }
+    return heard;
+}
+
+class ProgramsTest : public KernelTest {
+  protected:
+    // Whether a daemon to which nothing is said of the kernel's version attaches both objects.
+    static bool hasSecondByDefault() {
+        ChildProcess daemon({TESUBPFD_PATH});
+        EXPECT_TRUE(WaitUntil([] { return IsEnabled(RING_CORE); })) << daemon.error;
+        daemon.sendSignal(SIGTERM);
+        EXPECT_EQ(daemon.waitForExit(), 0);
+        SetRingFlags(RING_CORE, 0);
+        return daemon.error.find("type: enter_dma_buf") != std::string::npos;
+    }
+};
 
 TEST_F(ProgramsTest, CarryAProcessFromTheKernelToTheUser) {
     const TempDir temp;
     ASSERT_EQ(mount("none", temp.path().c_str(), "cgroup2", 0, nullptr), 0) << strerror(errno);
     const std::string group = "tesu-test-" + std::to_string(getpid());
     std::filesystem::create_directory(temp.path(group));
-    utsname system{};
-    uname(&system);
-    // Another kernel can be asked for the programs that only that version is to have.
-    const bool is61 = std::string(system.release).starts_with("6.1.");
 
-    // A ring of many seconds: a busy machine has many records, and few moments for the daemon.
-    EXPECT_THAT(OutputOf({TESUBPFLOAD_PATH, "--ring-size", std::to_string(32 << 20)}),
-                Not(HasSubstr("left out")));
-    ChildProcess daemon(
-        {TESUBPFD_PATH, "--property", is61 ? "test.none=1" : "ro.kernel.version=6.1"});
+    const std::string loaded =
+        OutputOf({TESUBPFLOAD_PATH, "--ring-size", std::to_string(LARGE_RING_BYTES)});
+    const bool isSecondOn = hasSecondByDefault();
+    ChildProcess daemon({TESUBPFD_PATH, "--property", "ro.kernel.version=6.1"});
     ASSERT_TRUE(daemon.waitForOutput(std::string("serving on @") + SERVICE_SOCKET_NAME + "\n"));
     EXPECT_THAT(OutputOf({TESUBPFD_PATH}, 3), HasSubstr("another daemon runs already"));
     for (const RingIndex ring : {RING_CORE, RING_GPL}) {
@@ -77,19 +131,16 @@ TEST_F(ProgramsTest, CarryAProcessFromTheKernelToTheUser) {
     EXPECT_TRUE(watch.waitForOutput(last)) << workload.error;
     watch.sendSignal(SIGTERM);
     EXPECT_EQ(watch.waitForExit(), 0);
-    const std::string events = LinesWith(watch.output, ":" + pid + ",");
-    const bool hasKprobes = std::filesystem::exists("/sys/bus/event_source/devices/kprobe");
-    for (const std::string event :
-         {R"(2,.*"ppid":PID,.*"task_type_name":"process")",
-          R"(2,.*"pid":PID,.*"task_type_name":"thread")",
-          R"(3,.*"pid":PID,.*"task_type_name":"process")", R"(5,.*"tid":PID,.*"path":"/tesu-test-)",
-          R"(6,.*"pid":PID,)", R"(50001,.*"ppid":PID,)", R"(50002,.*"pid":PID,)",
-          R"(50003,.*"pid":PID,)", R"(50004,.*"pid":PID,)"}) {
-        const std::regex pattern("\"type\":" + std::regex_replace(event, std::regex("PID"), pid));
-        EXPECT_TRUE(std::regex_search(events, pattern) || (event[0] == '6' && !hasKprobes))
-            << event << "\n"
-            << events;
-    }
+    const std::string row =
+        std::string(loaded.find("from the kernel's type") != std::string::npos ? "types"
+                                                                               : "guessed") +
+        (isSecondOn ? " on " : " off ") + Found(loaded, R"(program (\S+): left out)") + " " +
+        Found(OutputOf({TESUBPF_PATH, "status"}), R"(not attached: (\S+))") + " " +
+        HeardTypes(watch.output, pid);
+    const std::string expected = ExpectedOf(KernelName());
+    std::cout << "ROW " << KernelName() << " " << row << "\n";
+    EXPECT_TRUE(row == expected || expected == "-") << "not as in its row: " << expected << "\n"
+                                                    << loaded;
 
     const std::string own = " " + std::to_string(getpid()) + " ";
     EXPECT_THAT(OutputOf({TESUBPF_PATH, "tasks", "--no-kernel"}),
@@ -101,22 +152,13 @@ TEST_F(ProgramsTest, CarryAProcessFromTheKernelToTheUser) {
 
     daemon.sendSignal(SIGTERM);
     EXPECT_EQ(daemon.waitForExit(), 0);
-    EXPECT_EQ(Count(daemon.error, "Attach prog START: "), 10);
-    // Those for functions that this kernel has not, or cannot probe.
-    long unattached = 0;
-    const std::string symbols = ReadWholeFile("/proc/kallsyms");
-    for (const std::string function :
-         {"fd_install", "filp_close", "dma_buf_file_release", "dma_buf_stats_setup"}) {
-        const bool canProbe =
-            hasKprobes && symbols.find(" " + function + "\n") != std::string::npos;
-        EXPECT_EQ(Count(daemon.error, "failed: .*_" + function + ", msg:"), canProbe ? 0 : 1);
-        unattached += canProbe ? 0 : 1;
-    }
-    EXPECT_EQ(Count(daemon.error, "Attach .* prog failed: "), unattached);
     OutputOf({TESUBPFLOAD_PATH, "--unload"});
     EXPECT_FALSE(std::filesystem::exists(PIN_DIR));
     std::filesystem::remove(temp.path(group));
     umount(temp.path().c_str());
+    if (expected == "-") {
+        GTEST_SKIP() << "kernels.txt has no row to compare with: " << KernelName() << " " << row;
+    }
 }
 
 TEST_F(ProgramsTest, TheDaemonWaitsForThePinsUntilItIsEnded) {

@@ -45,8 +45,6 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// More than a storm writes: none of it is lost on a machine that is busy with something else.
-constexpr uint32_t RING_BYTES = 32 << 20;
 const size_t NUMBER = Scaled(6000);  // of a storm's processes or threads
 const size_t CHILDREN = Scaled(300);
 
@@ -202,7 +200,7 @@ TEST_F(TableTest, EqualsProcBeforeDuringAndAfterStorms) {
     // The service begins while processes come and go.
     std::list<std::unique_ptr<ChildProcess>> workloads;
     workloads.push_back(work("processes"));
-    ASSERT_NO_FATAL_FAILURE(startService(RING_BYTES));
+    ASSERT_NO_FATAL_FAILURE(startService(LARGE_RING_BYTES));
     subscribe(
         {RAW_EVENT_TASK_CREATE, RAW_EVENT_TASK_EXIT, RAW_EVENT_RSS_STAT, RAW_EVENT_FD_UPDATE});
     const int64_t begin = MonotonicNanoseconds();  // before /proc is read
@@ -307,7 +305,7 @@ TEST_F(TableTest, KnowsTheDescriptorsAndDmaBufsThatWereThereBefore) {
     ChildProcess idle({"/bin/sleep", "600"});
     const int32_t pid = idle.pid();
     ASSERT_TRUE(WaitUntil([&] { return ProcReader().read(pid)->name == "sleep"; }));
-    ASSERT_NO_FATAL_FAILURE(startService(RING_BYTES, "6.1"));
+    ASSERT_NO_FATAL_FAILURE(startService(LARGE_RING_BYTES, "6.1"));
     const auto map = OpenPin(OPEN_FD_MAP);
     OpenFdCaller caller{};
     ASSERT_TRUE(WaitUntil([&] { return bpf_map_lookup_elem(map.get(), &pid, &caller) == 0; }));
@@ -317,7 +315,7 @@ TEST_F(TableTest, KnowsTheDescriptorsAndDmaBufsThatWereThereBefore) {
     EXPECT_STREQ(caller.comm, "sleep");
 
     if (!buffers.back().ok()) {
-        GTEST_SKIP() << "no virtual graphics card";
+        GTEST_SKIP() << "no virtual graphics card that maps dma-bufs as such";
     }
     subscribe({RAW_EVENT_DMABUF_SIZE});
     for (const int64_t left : {21, 5, 0}) {
@@ -332,7 +330,7 @@ TEST_F(TableTest, KnowsTheDescriptorsAndDmaBufsThatWereThereBefore) {
 
 // A thousand signals a second while processes come and go, until the process has ended.
 TEST_F(TableTest, DumpsDuringAStormAreWholeAndCostNoEvent) {
-    ASSERT_NO_FATAL_FAILURE(startService(RING_BYTES));
+    ASSERT_NO_FATAL_FAILURE(startService(LARGE_RING_BYTES));
     subscribe({RAW_EVENT_TASK_CREATE, RAW_EVENT_TASK_EXIT});
     // The service's threads take the signals; here they would end waits.
     sigset_t signals;

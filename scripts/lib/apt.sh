@@ -21,7 +21,8 @@ update_lists() {
 
 # foreign_apt STATE ARCHITECTURE TOOL ARGUMENT...: runs an apt tool as if nothing were installed, for
 # an architecture that need not be this machine's, with lists of its own under STATE. Changes nothing
-# of the machine's own packages and needs no root.
+# of the machine's own packages and needs no root. FOREIGN_SOURCES: a folder of sources in place of
+# the machine's.
 foreign_apt() {
     local state=$1 architecture=$2 tool=$3
     shift 3
@@ -31,6 +32,7 @@ foreign_apt() {
         -o APT::Architecture="$architecture" -o APT::Architectures::="$architecture" \
         -o Dir::State::lists="$state/lists" \
         -o Dir::State::status="$state/no-packages-installed" \
+        ${FOREIGN_SOURCES:+-o "Dir::Etc::sourceparts=$FOREIGN_SOURCES"} \
         -o Dir::Cache::archives="$state/archives" \
         -o Dir::Cache::pkgcache= -o Dir::Cache::srcpkgcache= \
         -o APT::Sandbox::User="$(id -un)" -o Debug::NoLocking=1 "$@"

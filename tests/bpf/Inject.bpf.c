@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0 OR GPL-2.0-only
 //
 // Puts records of a test's choosing into a pinned ring buffer, with the same account of losses as
-// the real programs. Run as a system call's program.
+// the real programs. A program of a raw tracepoint, because those can be run since 5.10.
 #define RING_BUFFER_BYTES 4096  // replaced: the test puts the pinned maps in place of these
 
 #include "tests/bpf/inject.h"
@@ -16,9 +16,20 @@ struct {
     __type(value, uint8_t[INJECT_MAX_BYTES]);
 } injected_record SEC(".maps");
 
-SEC("syscall")
-int inject(struct InjectRequest* request) {
+struct {
+    __uint(type, BPF_MAP_TYPE_ARRAY);
+    __uint(max_entries, 1);
+    __type(key, uint32_t);
+    __type(value, struct InjectRequest);
+} inject_request SEC(".maps");
+
+SEC("raw_tracepoint")
+int inject(void* ctx) {
     const uint32_t key = 0;
+    struct InjectRequest* request = bpf_map_lookup_elem(&inject_request, &key);
+    if (request == NULL) {
+        return -1;
+    }
     struct RawEventHeader* record = bpf_map_lookup_elem(&injected_record, &key);
     const uint32_t size = request->size;
     const uint32_t count = request->count;

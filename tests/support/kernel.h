@@ -20,6 +20,11 @@ namespace Tesu::Bpf {
 // machines, which say how small a part (TESUBPF_TEST_SCALE of the environment).
 uint64_t Scaled(uint64_t count);
 
+// A ring for more than a test writes, on a machine that is busy with something else besides. A
+// 32-bit kernel has little room for rings, of which some that were used before are still to be
+// freed.
+inline constexpr uint32_t LARGE_RING_BYTES = (sizeof(void*) == 4 ? 4 : 32) << 20;
+
 // Runs the program of a kprobe ("TesuBpfDefineset_kprobe_enter_fd_install") on calls of (or returns
 // from) a function of this program instead of the kernel's, in any process, until the result is
 // closed. Invalid where the kernel cannot.

@@ -9,10 +9,12 @@
 #include <vector>
 
 #include "bpf/kernel_layout.h"
+#include "loader/atomic_or.h"
 #include "loader/kernel_layout.h"
 #include "records/contract.h"
 #include "service/lost_records.h"
 #include "tests/bpf/inject.h"
+#include "tests/support/run_injection.h"
 
 namespace Tesu::Bpf {
 
@@ -57,10 +59,13 @@ RecordInjector::RecordInjector(RingIndex ring) : object(nullptr, &bpf_object__cl
         EXPECT_EQ(bpf_map__reuse_fd(map(name), pinned.get()), 0) << name;
     }
     TesuKernelLayout layout = {};
-    layout.hasAtomics = HasAtomics() ? 1 : 0;
+    layout.hasAtomicAdd = HasAtomic(BPF_ADD) ? 1 : 0;
+    layout.hasAtomicOr = HasAtomic(BPF_OR) ? 1 : 0;
+    if (layout.hasAtomicOr == 0) {
+        RemoveAtomicOrs(object.get());
+    }
     EXPECT_EQ(bpf_map__set_initial_value(map(TESU_LAYOUT_SECTION), &layout, sizeof(layout)), 0);
     EXPECT_EQ(bpf_object__load(object.get()), 0) << strerror(errno);
-    programFd = bpf_program__fd(bpf_object__find_program_by_name(object.get(), "inject"));
     recordMapFd = bpf_object__find_map_fd_by_name(object.get(), "injected_record");
 }
 
@@ -75,9 +80,7 @@ RecordInjector::Result RecordInjector::inject(const void* record, uint32_t size,
         InjectRequest request = {};
         request.size = size;
         request.count = static_cast<uint32_t>(std::min<uint64_t>(count - done, INJECT_BATCH));
-        LIBBPF_OPTS(bpf_test_run_opts, options, .ctx_in = &request, .ctx_size_in = sizeof(request));
-        EXPECT_EQ(bpf_prog_test_run_opts(programFd, &options), 0);
-        EXPECT_EQ(options.retval, 0U);
+        EXPECT_TRUE(RunInjection(object.get(), &request));
         result.sent += request.count - request.refused;
         result.refused += request.refused;
         recordAddress = request.address;

@@ -45,8 +45,7 @@ class RecordInjector {
 
   private:
     std::unique_ptr<bpf_object, decltype(&bpf_object__close)> object;
-    int programFd = -1;  // these belong to the object
-    int recordMapFd = -1;
+    int recordMapFd = -1;  // belongs to the object
     uint64_t recordAddress = 0;
 };
 

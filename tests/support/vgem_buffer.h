@@ -4,6 +4,7 @@
 // lets go of it when this object goes.
 #pragma once
 
+#include <android-base/file.h>
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <linux/dma-buf.h>
@@ -16,8 +17,8 @@
 
 class VgemBuffer {
   public:
-    // Of `rows` pages. Not ok() where there is no such driver. A buffer with a name shows it in
-    // /proc/PID/maps.
+    // Of `rows` pages. Not ok() where there is no such driver, or one that maps other files in its
+    // buffers' place, as that of 5.10 does. A buffer with a name shows it in /proc/PID/maps.
     explicit VgemBuffer(uint32_t rows, const std::string& name = "") {
         const android::base::unique_fd card(open("/dev/dri/card0", O_RDWR | O_CLOEXEC));
         DrmCreateDumb dumb = {};
@@ -39,7 +40,11 @@ class VgemBuffer {
         munmap(mapping, size);
     }
 
-    bool ok() const { return mapping != MAP_FAILED; }
+    bool ok() const {
+        std::string maps;
+        android::base::ReadFileToString("/proc/self/maps", &maps);
+        return maps.find("/dmabuf:") != std::string::npos;
+    }
 
   private:
     // Of the kernel's drm interface, for which the C library has no headers.
