@@ -34,7 +34,7 @@ int tracepoint_cgroup_cgroup_attach_task(void* ctx) {
     record->cgroupId = ReadUnsigned(ctx, kernelLayout.cgroupId, kernelLayout.cgroupIdBytes);
     ReadLocatedString(record->comm, sizeof(record->comm), ctx, kernelLayout.cgroupComm);
     ReadLocatedString(record->path, sizeof(record->path), ctx, kernelLayout.cgroupPath);
-    bpf_ringbuf_submit(record, 0);
+    SubmitRecord(record);
     return 0;
 }
 

@@ -37,7 +37,7 @@ static __always_inline void WriteDmabufTotal(int32_t pid, int64_t total) {
     record->pid = pid;
     record->padding = 0;
     record->size = total;
-    bpf_ringbuf_submit(record, 0);
+    SubmitRecord(record);
 }
 
 /* A buffer that finds no room in the maps is a lost record. */

@@ -68,7 +68,7 @@ static __always_inline void ReportOpenFds(struct OpenFdCaller* caller, uint32_t 
         record->openFds = open;
         record->reportedFds = reported;
         bpf_get_current_comm(record->comm, TESU_COMM_LEN);
-        bpf_ringbuf_submit(record, 0);
+        SubmitRecord(record);
     }
     caller->reportedFds = open;
 }

@@ -7,8 +7,9 @@
  * service puts a new one there where the kernel would stop writing into the old
  * (service/ring_replacement.h).
  *
- * A record is reserved, written in place and submitted; readers are woken as the kernel sees fit.
- * Every record that was to be written is either in the buffer or counted as lost.
+ * A record is reserved, written in place and submitted. Every record that was to be written is
+ * either in the buffer or counted as lost. The kernel wakes the reader for a record that it has
+ * caught up with, but not while the reader comes by itself (ringbuf_polled).
  */
 #ifndef TESUBPF_BPF_RING_H
 #define TESUBPF_BPF_RING_H
@@ -36,6 +37,15 @@ struct {
     __type(key, uint32_t);
     __type(value, uint64_t);
 } ringbuf_status SEC(".maps");
+
+/* Not 0 while the reader will look into the ring without being woken (service/ring_wakeups.h). */
+struct {
+    __uint(type, BPF_MAP_TYPE_ARRAY);
+    __uint(map_flags, BPF_F_MMAPABLE);
+    __uint(max_entries, 1);
+    __type(key, uint32_t);
+    __type(value, uint32_t);
+} ringbuf_polled SEC(".maps");
 
 static __always_inline uint64_t* StatusSlot(uint32_t key) {
     return bpf_map_lookup_elem(&ringbuf_status, &key);
@@ -117,6 +127,14 @@ static __always_inline void* ReserveRecord(uint64_t size, uint32_t type) {
     header->padding = 0;
     header->time = bpf_ktime_get_ns();
     return header;
+}
+
+/* The word is read when the record has its place in the ring: a reader that takes it back and then
+ * finds the ring without that place has taken it back in time for the record to wake it. */
+static __always_inline void SubmitRecord(void* record) {
+    const uint32_t key = 0;
+    const volatile uint32_t* polled = bpf_map_lookup_elem(&ringbuf_polled, &key);
+    bpf_ringbuf_submit(record, polled != NULL && *polled != 0 ? BPF_RB_NO_WAKEUP : 0);
 }
 
 #endif

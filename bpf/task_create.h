@@ -107,7 +107,7 @@ static __always_inline void WritePendingCreate(struct CurrentTask task, uint64_t
     record->uid = pending.uid;
     __builtin_memcpy(record->comm, pending.comm, TESU_COMM_LEN);
     record->taskType = isProcess ? RAW_TASK_PROCESS : RAW_TASK_THREAD;
-    bpf_ringbuf_submit(record, 0);
+    SubmitRecord(record);
 }
 
 #endif

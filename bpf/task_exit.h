@@ -51,7 +51,7 @@ static __always_inline void WriteTaskExit(uint32_t pid, int32_t taskType) {
         bpf_get_current_comm(record->comm, TESU_COMM_LEN);
     }
     record->taskType = taskType;
-    bpf_ringbuf_submit(record, 0);
+    SubmitRecord(record);
 }
 
 #endif

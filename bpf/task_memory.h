@@ -79,7 +79,7 @@ static __always_inline int WriteRssStat(uint32_t pid, int32_t member, int64_t si
     record->pid = pid;
     record->member = member;
     record->size = size;
-    bpf_ringbuf_submit(record, 0);
+    SubmitRecord(record);
     return 1;
 }
 

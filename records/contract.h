@@ -21,12 +21,15 @@ namespace Tesu::Bpf {
 
 inline constexpr const char* PIN_DIR = TESU_PIN_DIR;
 // File names below PIN_DIR. A ring buffer, the map that tells the programs which ring to write
-// into, and the ring's status map (RingStatusKey).
+// into, the one that tells them whether to wake the reader, and the ring's status map
+// (RingStatusKey).
 inline constexpr const char* CORE_RING_MAP = TESU_CORE_MAP("ringbuf_map");
 inline constexpr const char* CORE_CURRENT_RING_MAP = TESU_CORE_MAP("ringbuf_current");
+inline constexpr const char* CORE_POLLED_MAP = TESU_CORE_MAP("ringbuf_polled");
 inline constexpr const char* CORE_STATUS_MAP = TESU_CORE_MAP("ringbuf_status");
 inline constexpr const char* GPL_RING_MAP = TESU_GPL_MAP("ringbuf_map");
 inline constexpr const char* GPL_CURRENT_RING_MAP = TESU_GPL_MAP("ringbuf_current");
+inline constexpr const char* GPL_POLLED_MAP = TESU_GPL_MAP("ringbuf_polled");
 inline constexpr const char* GPL_STATUS_MAP = TESU_GPL_MAP("ringbuf_status");
 // Maps that the service seeds; values are in records/raw_event.h.
 inline constexpr const char* OPEN_FD_MAP = TESU_CORE_MAP("open_fd_caller_map");

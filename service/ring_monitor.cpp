@@ -22,6 +22,7 @@
 #include "service/ring_pace.h"
 #include "service/ring_reader.h"
 #include "service/ring_replacement.h"
+#include "service/ring_wakeups.h"
 #include "service/stale_entries.h"
 #include "util/log.h"
 #include "util/monotonic_clock.h"
@@ -53,6 +54,7 @@ int TesuBpfService::eventMonitor() {
         .name = "eventMonitor",
         .ringPath = TESU_PIN_DIR "/" TESU_CORE_MAP("ringbuf_map"),
         .currentPath = TESU_PIN_DIR "/" TESU_CORE_MAP("ringbuf_current"),
+        .polledPath = TESU_PIN_DIR "/" TESU_CORE_MAP("ringbuf_polled"),
         .statusPath = TESU_PIN_DIR "/" TESU_CORE_MAP("ringbuf_status"),
         .stopMessage = "[TesuBpfService][eventMonitor] Stop Event Produce Thread...",
         .seedCore = &TesuBpfService::initTaskInfo,
@@ -66,6 +68,7 @@ int TesuBpfService::gpleventMonitor() {
         .name = "gpleventMonitor",
         .ringPath = TESU_PIN_DIR "/" TESU_GPL_MAP("ringbuf_map"),
         .currentPath = TESU_PIN_DIR "/" TESU_GPL_MAP("ringbuf_current"),
+        .polledPath = TESU_PIN_DIR "/" TESU_GPL_MAP("ringbuf_polled"),
         .statusPath = TESU_PIN_DIR "/" TESU_GPL_MAP("ringbuf_status"),
         .stopMessage = "[TesuBpfService][gpleventMonitor] Stop GPL Event Produce Thread...",
         .seedCore = &TesuBpfService::initDmabufBpfProg,
@@ -177,13 +180,14 @@ void TesuBpfService::replaceRing(RingMonitor& monitor, RingReplacement& replacem
 }
 
 int TesuBpfService::pollRing(RingMonitor& monitor, RingReplacement& replacement) {
-    const RingPace pace(monitor.reader->size());
+    RingPace pace(monitor.reader->size());
+    RingWakeups wakeups(monitor.polledPath);
     RingAccount& account = ringAccounts[monitor.which];
-    std::optional<std::chrono::nanoseconds> rest;
+    RingPace::Pause pause;
     int errors = 0;
     lookForLosses(monitor);
     while (running) {
-        int result = rest ? restFor(*rest) : waitForRecords(monitor);
+        int result = pause.rest ? restFor(*pause.rest) : waitForRecords(monitor);
         int error = errno;
         if (result >= 0) {
             const RecordBatch batch;
@@ -191,12 +195,15 @@ int TesuBpfService::pollRing(RingMonitor& monitor, RingReplacement& replacement)
             account.noteWaiting(monitor.reader->waiting());
             result = monitor.reader->consume();
             error = errno;  // what follows makes calls of its own
-            rest = pace.restAfter(monitor.reader->position() - begin);
             account.taken.store(monitor.taken, std::memory_order_relaxed);
             if (result == READING_INTERRUPTED) {
                 result = 0;
-                rest = std::chrono::nanoseconds(0);
+                pause = pace.none();
+            } else {
+                pause =
+                    pace.after(monitor.reader->position() - begin, monitor.reader->waiting() == 0);
             }
+            wakeups.setWanted(pause.wantsWakeup);
         }
         // A poll that stop() woke or cut short is no error, and none that counts.
         if (!running) {

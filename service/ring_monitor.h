@@ -18,6 +18,7 @@ struct TesuBpfService::RingMonitor {
     const char* name;
     const char* ringPath;
     const char* currentPath;
+    const char* polledPath;
     const char* statusPath;
     const char* stopMessage;
     // Tell the kernel programs of what was there before them: when the core class is on, and when

@@ -6,6 +6,9 @@
 //
 // A rest is never the cause of a loss: at its end half of the ring is free, however fast the kernel
 // writes, and where a reading found much, another follows at once.
+//
+// In a flow, records need not wake the thread while it rests. It waits for the ring only after a
+// whole rest in which they would have (see RingWakeups).
 #pragma once
 
 #include <algorithm>
@@ -23,12 +26,27 @@ class RingPace {
               std::min(MAX_REST, std::chrono::nanoseconds(ringSize / 2 / BYTES_PER_NANOSECOND))),
           muchBytes(ringSize / 4) {}
 
-    // After a reading of so many bytes; nothing: the ring is to be waited for instead.
-    std::optional<std::chrono::nanoseconds> restAfter(uint64_t bytes) const {
-        if (bytes == 0 || longest < LEAST_REST) {
-            return std::nullopt;
+    struct Pause {
+        // None: the ring is to be waited for.
+        std::optional<std::chrono::nanoseconds> rest;
+        bool wantsWakeup = true;
+    };
+
+    // After a reading of so many bytes; isEmpty: not even an incomplete record is left.
+    Pause after(uint64_t bytes, bool isEmpty) {
+        if (longest < LEAST_REST || (bytes == 0 && isEmpty && last.wantsWakeup)) {
+            last = {};
+        } else {
+            last = {.rest = bytes < muchBytes ? longest : std::chrono::nanoseconds(0),
+                    .wantsWakeup = bytes < FLOW_BYTES};
         }
-        return bytes < muchBytes ? longest : std::chrono::nanoseconds(0);
+        return last;
+    }
+
+    // The reading was interrupted: there is more.
+    Pause none() {
+        last = {.rest = std::chrono::nanoseconds(0), .wantsWakeup = false};
+        return last;
     }
 
   private:
@@ -38,9 +56,12 @@ class RingPace {
     static constexpr std::chrono::nanoseconds MAX_REST{4'000'000};
     // Of a shorter one, falling asleep and waking would be most.
     static constexpr std::chrono::nanoseconds LEAST_REST{200'000};
+    // Some six records. A flow that ends costs one more rest.
+    static constexpr uint64_t FLOW_BYTES = 256;
 
     std::chrono::nanoseconds longest;
     uint64_t muchBytes;
+    Pause last;
 };
 
 }  // namespace Tesu::Bpf

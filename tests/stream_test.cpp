@@ -18,6 +18,7 @@
 #include "diag/tesu_bpf_state.h"
 #include "records/contract.h"
 #include "records/notification.h"
+#include "service/ring_pace.h"
 #include "tests/support/kernel.h"
 #include "tests/support/records.h"
 #include "tests/support/temp_dir.h"
@@ -100,6 +101,23 @@ uint64_t Counted(uint32_t type) {
         sum += std::stoull(android::base::Split(line, ",")[1 + type]);
     }
     return sum;
+}
+
+// Else a record could be written without a wake-up just as the reader goes to sleep.
+TEST(RingPaceTest, WaitsOnlyAfterARestWithWakeupsThatFoundNothing) {
+    RingPace pace(1 << 20);
+    EXPECT_FALSE(pace.after(0, true).rest.has_value());
+    EXPECT_TRUE(pace.after(40, true).wantsWakeup) << "a record alone";
+    EXPECT_FALSE(pace.after(0, true).rest.has_value());
+    for (const bool isInterrupted : {false, true}) {
+        EXPECT_FALSE((isInterrupted ? pace.none() : pace.after(4000, true)).wantsWakeup);
+        for (const bool isEmpty : {true, false, false}) {
+            const RingPace::Pause pause = pace.after(0, isEmpty);
+            EXPECT_TRUE(pause.wantsWakeup);
+            EXPECT_GT(pause.rest.value_or(milliseconds(0)), milliseconds(0));
+        }
+        EXPECT_FALSE(pace.after(0, true).rest.has_value());
+    }
 }
 
 using StreamTest = KernelServiceTest;
