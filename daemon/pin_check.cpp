@@ -16,8 +16,8 @@
 #include <iterator>
 #include <vector>
 
-#include "records/contract.h"
 #include "records/bpf_maps.h"
+#include "records/contract.h"
 #include "util/string_util.h"
 
 namespace Tesu::Bpf {
