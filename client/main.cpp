@@ -17,11 +17,14 @@
 #include "client/dump/dump.h"
 #include "client/events/event_names.h"
 #include "client/exit_status.h"
+#include "client/replay/info.h"
+#include "client/replay/replay_time.h"
 #include "client/status/status.h"
 #include "client/text/terminal_text.h"
 #include "client/top/columns.h"
 #include "client/top/top.h"
 #include "client/watch/watch.h"
+#include "recording/recorder.h"
 #include "records/contract.h"
 #include "util/termination_signals.h"
 
@@ -34,7 +37,7 @@ Text lines: time is the kernel's monotonic clock in seconds; "~" marks the time 
 events that carry none. fork and exit are processes, thread+ and thread- threads of PID's process.
 
 Exit status: 0 ended as asked (time, count, signal, reader gone); 1 never connected to a daemon, or
-it refused every subscription; 2 wrong usage; 3 the output could not be written.)";
+it refused every subscription; 2 wrong usage, or no recording; 3 the output could not be written.)";
 
 constexpr const char* DUMP_FOOTER = R"(
 Asks the daemon by signal, for which it takes the same user or root, and prints the file that it
@@ -51,23 +54,38 @@ were DROPPED because memory had run out. A client that is too slow is disconnect
 Exit status: 0 printed; 1 no daemon, or it does not report; 2 wrong usage; 3 the output could not be
 written.)";
 
+constexpr const char* RECORD_FOOTER = R"(
+FILE is for its owner alone; it holds the names of all processes. It is ended by Ctrl-C, by SIGTERM or
+after --seconds; what a crash leaves of it can be looked at, too: `tesubpf top --from FILE`,
+`tesubpf watch --from FILE`, `tesubpf info FILE`, on any machine.
+
+Exit status: 0 ended as asked; 1 never connected to a daemon, or it refused every subscription; 2 wrong
+usage; 3 no /proc, or the file could not be written.)";
+
+constexpr const char* INFO_FOOTER = R"(
+Exit status: 0 printed, with a line on standard error where the recording is damaged or cut short;
+2 no recording; 3 the output could not be written.)";
+
 constexpr const char* TOP_FOOTER = R"(
 Begins with what /proc shows and follows the daemon's events from there; without a daemon the figures
 stand still until there is one. Press ? for the keys. Colours are left out when NO_COLOR is set.
 A batch run is as wide as COLUMNS says, or 100 characters.
 
-Exit status: 0 ended as asked; 1 a batch run that had no daemon to listen to; 2 wrong usage; 3 no
-terminal, no /proc, or the output could not be written.)";
+Exit status: 0 ended as asked; 1 a batch run that had no daemon to listen to; 2 wrong usage, or no
+recording; 3 no terminal, no /proc, or the output could not be written.)";
 
 // What the command line asks for.
 struct Command {
     std::string socketName = SERVICE_SOCKET_NAME;
     std::vector<std::string> types = {"task-create", "task-exit", "records-lost"};
     WatchOptions watch;
+    std::vector<std::string> recordedTypes;
+    std::string path;
     bool withoutKernelTasks = false;
     bool withAllColumns = false;
     bool asJson = false;
     TopOptions top;
+    RecorderOptions record;
     std::string sortName = OrderColumns().front()->order.name;
     // The subcommand. Returns the exit status.
     int (*run)(Command&, const TerminationSignals&) = nullptr;
@@ -81,8 +99,23 @@ void AddSocketOption(CLI::App* subcommand, Command& command) {
         ->capture_default_str();
 }
 
-void AddSecondsOption(CLI::App* subcommand, std::optional<double>& seconds) {
-    subcommand->add_option("-s,--seconds", seconds, "End after this many seconds")
+CLI::Option* AddFromOption(CLI::App* subcommand, std::string& path, const char* help) {
+    return subcommand->add_option("--from", path, help)->type_name("FILE");
+}
+
+CLI::Option* AddTypeOption(CLI::App* subcommand, std::vector<std::string>& types,
+                           const std::string& usual) {
+    return subcommand
+        ->add_option("-t,--type", types,
+                     "Event types: names or numbers, several with commas or by repeating the "
+                     "option; \"all\" for every type (default: " +
+                         usual + ")")
+        ->allow_extra_args(false)
+        ->type_name("TYPE[,TYPE]");
+}
+
+CLI::Option* AddSecondsOption(CLI::App* subcommand, std::optional<double>& seconds) {
+    return subcommand->add_option("-s,--seconds", seconds, "End after this many seconds")
         ->check(CLI::Range(0.001, 1e9).description(""))
         ->type_name("SECONDS");
 }
@@ -106,15 +139,11 @@ int Watch(Command& command, const TerminationSignals& signals) {
 
 void AddWatch(CLI::App& app, Command& command) {
     CLI::App* const watch = app.add_subcommand("watch", "Print events as they happen");
-    watch
-        ->add_option("-t,--type", command.types,
-                     "Event types: names or numbers, several with commas or by repeating the "
-                     "option; \"all\" for every type (default: "
-                     "task-create,task-exit,records-lost)")
-        ->allow_extra_args(false)
-        ->type_name("TYPE[,TYPE]");
+    AddTypeOption(watch, command.types, "task-create,task-exit,records-lost");
+    CLI::Option* const from =
+        AddFromOption(watch, command.watch.from, "Print what a recording has of these events");
     watch->add_flag("--json", command.watch.json, "One JSON object per line");
-    AddSecondsOption(watch, command.watch.seconds);
+    AddSecondsOption(watch, command.watch.seconds)->excludes(from);
     watch->add_option("-n,--count", command.watch.count, "End after this many events")
         ->check(CLI::Validator(CLI::PositiveNumber).description(""))
         ->type_name("COUNT");
@@ -122,6 +151,51 @@ void AddWatch(CLI::App& app, Command& command) {
     watch->footer("Event types (name, short form, number):\n" + DescribeEventTypes() +
                   WATCH_FOOTER);
     watch->callback([&command] { command.run = Watch; });
+}
+
+int RecordEvents(Command& command, const TerminationSignals& signals) {
+    command.record.types = UsualTypes();
+    if (!command.recordedTypes.empty()) {
+        const auto types = ParseEventTypes(command.recordedTypes);
+        if (!types) {
+            std::fprintf(stderr, "tesubpf: %s", types.error().c_str());
+            return EXIT_USAGE;
+        }
+        command.record.types = *types;
+    }
+    command.record.program = "tesubpf";
+    command.record.socketName = command.socketName;
+    return RunRecorder(command.record, signals);
+}
+
+void AddRecord(CLI::App& app, Command& command) {
+    CLI::App* const record = app.add_subcommand(
+        "record", "Record events and what /proc shows into a file, to be looked at anywhere");
+    record->add_option("-o,--output", command.record.path, "A file that is not there yet")
+        ->required()
+        ->type_name("FILE");
+    AddTypeOption(record, command.recordedTypes, "every record of the kernel's, and what was lost");
+    AddSecondsOption(record, command.record.seconds);
+    record
+        ->add_option("--max-size", command.record.maxSize,
+                     "Keep the newest: when FILE has half of this it becomes FILE.1. At least 1M")
+        ->transform(CLI::AsSizeValue(false))
+        ->check(CLI::Range(LEAST_MAX_SIZE, UINT64_MAX).description(""))
+        ->type_name("BYTES");
+    AddSocketOption(record, command);
+    record->footer(RECORD_FOOTER);
+    record->callback([&command] { command.run = RecordEvents; });
+}
+
+void AddInfo(CLI::App& app, Command& command) {
+    CLI::App* const info = app.add_subcommand("info", "Say what a recording is of and what it has");
+    info->add_option("FILE", command.path, "A recording")->required();
+    info->footer(INFO_FOOTER);
+    info->callback([&command] {
+        command.run = [](Command& chosen, const TerminationSignals& /*signals*/) {
+            return RunInfo(chosen.path);
+        };
+    });
 }
 
 int Tasks(Command& command, const TerminationSignals& signals) {
@@ -196,6 +270,14 @@ void AddTop(CLI::App& app, Command& command) {
     top->add_flag("--batch", command.top.isBatch,
                   "Watch for a while (default: 2 seconds), print the table once and end");
     AddSecondsOption(top, command.top.seconds);
+    CLI::Option* const from =
+        AddFromOption(top, command.top.from, "Show a recording instead of this machine");
+    top->add_option("--at", command.top.at,
+                    std::string("From which moment of it on, with --batch the moment (default: its "
+                                "beginning, with --batch its end): ") +
+                        REPLAY_TIME_HELP)
+        ->needs(from)
+        ->type_name("TIME");
     AddSocketOption(top, command);
     top->footer(TOP_FOOTER);
     top->callback([&command] { command.run = Top; });
@@ -218,6 +300,8 @@ int Main(int argc, char** argv) {
     Command command;
     AddTop(app, command);
     AddWatch(app, command);
+    AddRecord(app, command);
+    AddInfo(app, command);
     AddTasks(app, command);
     AddCounters(app, command);
     AddStatus(app, command);

@@ -34,5 +34,6 @@ target_link_libraries(tesubpf_bpf INTERFACE ${BCC_BPF_LIBRARY} ${BPF_LIBRARY})
 # Of the programs, not of the library.
 find_package(CLI11 REQUIRED)
 find_package(nlohmann_json REQUIRED)
+find_package(ZLIB REQUIRED)
 find_path(UTF8PROC_INCLUDE_DIR utf8proc.h REQUIRED)
 find_library(UTF8PROC_LIBRARY utf8proc REQUIRED)

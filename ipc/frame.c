@@ -11,7 +11,7 @@ void WriteRequest(char* frame, uint32_t requestId, const char* command, const vo
                              requestId};
     memset(frame, 0, REQUEST_FRAME_SIZE(dataSize));
     memcpy(frame, head, sizeof(head));
-    memcpy(frame + sizeof(head), command, strlen(command));
+    strcpy(frame + sizeof(head), command);
     char* const end = frame + sizeof(head) + IPC_COMMAND_SIZE;
     memcpy(end, &dataSize, sizeof(dataSize));
     if (dataSize > 0) {

@@ -31,7 +31,7 @@ inline constexpr const char* GPL_RING_MAP = TESU_GPL_MAP("ringbuf_map");
 inline constexpr const char* GPL_CURRENT_RING_MAP = TESU_GPL_MAP("ringbuf_current");
 inline constexpr const char* GPL_POLLED_MAP = TESU_GPL_MAP("ringbuf_polled");
 inline constexpr const char* GPL_STATUS_MAP = TESU_GPL_MAP("ringbuf_status");
-// Maps that the service seeds; values are in records/raw_event.h.
+// Maps that the service seeds; values are in records/bpf_maps.h.
 inline constexpr const char* OPEN_FD_MAP = TESU_CORE_MAP("open_fd_caller_map");
 inline constexpr const char* DMABUF_ALLOCATE_MAP = TESU_GPL_MAP("dmabuf_allocate_map");
 inline constexpr const char* DMABUF_SIZE_MAP = TESU_GPL_MAP("dmabuf_size_map");

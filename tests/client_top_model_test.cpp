@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "client/model/process_model.h"
 #include "client/top/columns.h"
+#include "model/process_model.h"
 #include "tests/support/records.h"
 #include "util/string_util.h"
 

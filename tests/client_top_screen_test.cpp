@@ -78,5 +78,23 @@ TEST_F(TopTest, ShowsEventsAndSurvivesEverySize) {
     EXPECT_EQ(program.waitForExit(), 0);
 }
 
+TEST(TopReplayTest, StandsStillAndGoesToAnyMoment) {
+    ChildProcess program({TESUBPF_PATH, "top", "--from", TESUBPF_TEST_RECORDING}, true);
+    ASSERT_TRUE(program.waitForOutput("recording"));
+    program.type(" ");
+    EXPECT_TRUE(program.waitForNewOutput("PAUSED"));
+    program.type("t+1:0x\r");
+    EXPECT_TRUE(program.waitForNewOutput("is no time"));
+    // The loop of crashes has begun then; only what differs on the screen is sent.
+    program.type("t+1:00\r");
+    EXPECT_TRUE(program.waitForNewOutput("updaterd"));
+    for (int i = 0; i < 6; ++i) {
+        program.type("\x1bOD");
+    }
+    EXPECT_TRUE(program.waitForNewOutput("none"));
+    program.type("q");
+    EXPECT_EQ(program.waitForExit(), 0);
+}
+
 }  // namespace
 }  // namespace Tesu::Bpf

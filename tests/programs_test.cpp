@@ -31,13 +31,6 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 
-// What a program prints that runs to its end by itself.
-std::string OutputOf(const std::vector<std::string>& arguments, int status = 0) {
-    ChildProcess program(arguments);
-    EXPECT_EQ(program.waitForExit(), status) << program.error;
-    return program.output + program.error;
-}
-
 long Count(const std::string& text, const std::string& pattern) {
     const std::regex regex(pattern);
     return std::distance(std::sregex_iterator(text.begin(), text.end(), regex), {});

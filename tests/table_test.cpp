@@ -28,7 +28,7 @@
 #include <thread>
 #include <vector>
 
-#include "client/model/process_model.h"
+#include "model/process_model.h"
 #include "proc/process_snapshot.h"
 #include "records/contract.h"
 #include "records/event_table.h"

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "client/model/process_model.h"
 #include "client/top/styled_line.h"
+#include "model/process_model.h"
 
 namespace Tesu::Bpf {
 

@@ -12,27 +12,40 @@ namespace Tesu::Bpf {
 
 namespace {
 
-constexpr size_t MAX_FILTER = 64;
+constexpr size_t MAX_TYPED = 64;
 
-void OnFilterKey(int key, FrameState* state) {
-    std::string& filter = state->request.filter;
+// A key of a text that is being typed. False when with it the text is done, empty if given up.
+bool OnTypedKey(int key, std::string* text) {
     if (key == SCREEN_KEY_ENTER) {
-        state->isFilterTyped = false;
-    } else if (key == SCREEN_KEY_ESCAPE) {
-        state->isFilterTyped = false;
-        filter.clear();
-    } else if (key == SCREEN_KEY_BACKSPACE) {
-        // A whole character: its continuation bytes, and the byte that begins it.
-        while (!filter.empty() && (static_cast<unsigned char>(filter.back()) & 0xc0) == 0x80) {
-            filter.pop_back();
-        }
-        if (!filter.empty()) {
-            filter.pop_back();
-        }
-    } else if (key >= ' ' && key <= 0xff && filter.size() < MAX_FILTER) {
-        filter += static_cast<char>(key);
+        return false;
     }
-    state->request.firstRow = 0;
+    if (key == SCREEN_KEY_ESCAPE) {
+        text->clear();
+        return false;
+    }
+    if (key == SCREEN_KEY_BACKSPACE) {
+        // A whole character: its continuation bytes, and the byte that begins it.
+        while (!text->empty() && (static_cast<unsigned char>(text->back()) & 0xc0) == 0x80) {
+            text->pop_back();
+        }
+        if (!text->empty()) {
+            text->pop_back();
+        }
+    } else if (key >= ' ' && key <= 0xff && text->size() < MAX_TYPED) {
+        *text += static_cast<char>(key);
+    }
+    return true;
+}
+
+// The keys that a recording has beyond those of a live view.
+Command OnRecordingKey(int key, FrameState* state) {
+    if (key == 't') {
+        state->isTimeTyped = true;
+        state->time.clear();
+    }
+    return key == SCREEN_KEY_LEFT    ? Command::GO_BACK
+           : key == SCREEN_KEY_RIGHT ? Command::GO_ON
+                                     : Command::NONE;
 }
 
 // Rows to scroll down; 0 for a key that does not scroll.
@@ -54,9 +67,15 @@ int64_t ScrolledRows(int key, int64_t page) {
 
 Command OnKey(int key, size_t page, size_t rows, FrameState* state) {
     ViewRequest& request = state->request;
+    state->message.clear();
     if (state->isFilterTyped) {
-        OnFilterKey(key, state);
+        state->isFilterTyped = OnTypedKey(key, &request.filter);
+        request.firstRow = 0;
         return Command::NONE;
+    }
+    if (state->isTimeTyped) {
+        state->isTimeTyped = OnTypedKey(key, &state->time);
+        return state->isTimeTyped || state->time.empty() ? Command::NONE : Command::GO_TO;
     }
     if (key == 'q') {
         return Command::QUIT;
@@ -66,7 +85,7 @@ Command OnKey(int key, size_t page, size_t rows, FrameState* state) {
         return Command::NONE;
     }
     for (const Column* const column : OrderColumns()) {
-        if (key == column->order.key) {
+        if (key == OrderKey(*column, state->isRecording)) {
             request.order = column->order.compare;
             request.isReversed = false;
             request.firstRow = 0;
@@ -101,7 +120,7 @@ Command OnKey(int key, size_t page, size_t rows, FrameState* state) {
     request.firstRow = static_cast<size_t>(std::clamp<int64_t>(
         static_cast<int64_t>(request.firstRow) + ScrolledRows(key, static_cast<int64_t>(page)), 0,
         static_cast<int64_t>(rows)));
-    return Command::NONE;
+    return state->isRecording ? OnRecordingKey(key, state) : Command::NONE;
 }
 
 }  // namespace Tesu::Bpf

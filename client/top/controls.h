@@ -13,6 +13,8 @@ namespace Tesu::Bpf {
 enum ScreenKey {
     SCREEN_KEY_UP = 0x110000,  // behind the last character
     SCREEN_KEY_DOWN,
+    SCREEN_KEY_LEFT,
+    SCREEN_KEY_RIGHT,
     SCREEN_KEY_PAGE_UP,
     SCREEN_KEY_PAGE_DOWN,
     SCREEN_KEY_HOME,
@@ -23,7 +25,15 @@ inline constexpr int SCREEN_KEY_ENTER = '\n';
 inline constexpr int SCREEN_KEY_ESCAPE = 0x1b;
 inline constexpr int SCREEN_KEY_BACKSPACE = 0x7f;
 
-enum class Command { NONE, READ_PROC, QUIT };
+enum class Command {
+    NONE,
+    QUIT,
+    READ_PROC,
+    // In a recording.
+    GO_BACK,
+    GO_ON,
+    GO_TO,  // the time that was typed
+};
 
 // Changes the state as the key, a byte of a character or a ScreenKey, asks for, and returns what it
 // asks for beyond that. page: rows that are shown. rows: of the whole table.

@@ -16,10 +16,10 @@ namespace {
 constexpr size_t FULL_HEIGHT = 10;
 constexpr size_t SMALL_HEIGHT = 4;
 
-std::vector<std::string> HelpLines() {
+std::vector<std::string> HelpLines(bool isRecording) {
     std::string keys;
     for (const Column* const column : OrderColumns()) {
-        keys += {column->order.key, ' '};
+        keys += {OrderKey(*column, isRecording), ' '};
     }
     std::vector<std::string> lines = {
         "",
@@ -30,7 +30,8 @@ std::vector<std::string> HelpLines() {
         "  Esc            show all again",
         "  k              show or hide kernel threads",
         "  space          stand still, go on",
-        "  R              read /proc anew",
+        isRecording ? "  left, right    10 seconds back or on; t goes to a time"
+                    : "  R              read /proc anew",
         "  arrows, PgUp, PgDn, Home, End",
         ""};
     for (const Column& column : AllColumns()) {
@@ -44,10 +45,11 @@ std::vector<std::string> HelpLines() {
     return lines;
 }
 
-std::string KeysText() {
-    std::string keys = " q quit  ? help  / filter  space pause  r reverse  order:";
+std::string KeysText(bool isRecording) {
+    std::string keys = std::string(" q quit  ? help  / filter  space pause  ") +
+                       (isRecording ? "<- -> 10 s  t time  " : "") + "r reverse  order:";
     for (const Column* const column : OrderColumns()) {
-        keys += StringPrintf(" %c %s ", column->order.key, column->order.name);
+        keys += StringPrintf(" %c %s ", OrderKey(*column, isRecording), column->order.name);
     }
     return keys;
 }
@@ -78,7 +80,12 @@ StyledLine StatusLine(const FrameState& state, const ProcessTotals& totals, size
     LineBuilder line(width);
     line.add(" tesubpf top  ", Style::STRONG);
     const auto [text, style] = Describe(state.connection);
-    line.add(text, style);
+    if (state.isRecording) {
+        line.add(state.isAtEnd ? "recording, at its end  " : "recording  ", Style::STRONG);
+    }
+    if (!state.isRecording || state.connection != TESUBPF_CONNECTED) {
+        line.add(text, style);
+    }
     if (state.connection == TESUBPF_LOST && !state.lostReason.empty()) {
         line.add(" (" + state.lostReason + ")", style);
     }
@@ -164,14 +171,25 @@ StyledLine LastLine(const ProcessView& view, const FrameState& state, size_t wid
         line.add(" filter: ", Style::STRONG);
         return line.endWith(state.request.filter + "_");
     }
+    if (state.isTimeTyped) {
+        line.add(" go to (+M:SS, H:MM:SS or seconds): ", Style::STRONG);
+        return line.endWith(state.time + "_");
+    }
+    if (!state.message.empty()) {
+        return line.endWith(" " + state.message, Style::WARNING);
+    }
     if (view.rows.size() < view.matching) {
         line.add(StringPrintf(" %zu-%zu of %zu ", view.firstRow + 1,
                               view.firstRow + view.rows.size(), view.matching));
     }
-    return line.endWith(KeysText(), Style::FAINT);
+    return line.endWith(KeysText(state.isRecording), Style::FAINT);
 }
 
 }  // namespace
+
+char OrderKey(const Column& column, bool isRecording) {
+    return isRecording && column.order.key == 't' ? 'T' : column.order.key;
+}
 
 size_t FrameChrome(size_t height) {
     if (height >= FULL_HEIGHT) {
@@ -193,7 +211,7 @@ std::vector<StyledLine> MakeFrame(const ProcessView& view, const FrameState& sta
         lines.push_back(LoopsLine(view.loops, width));
     }
     if (state.isHelpShown) {
-        for (const std::string& text : HelpLines()) {
+        for (const std::string& text : HelpLines(state.isRecording)) {
             lines.push_back(LineBuilder(width).endWith(text));
         }
         lines.resize(std::min(lines.size(), height));
@@ -214,7 +232,7 @@ std::vector<StyledLine> MakeFrame(const ProcessView& view, const FrameState& sta
     if (isFull) {
         lines.resize(rowsEnd, LineBuilder(width).endWith(""));
         lines.push_back(LastLine(view, state, width));
-    } else if (state.isFilterTyped) {
+    } else if (state.isFilterTyped || state.isTimeTyped) {
         lines.front() = LastLine(view, state, width);
     }
     return lines;

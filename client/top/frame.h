@@ -8,9 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "client/model/process_model.h"
+#include "client/top/columns.h"
 #include "client/top/styled_line.h"
 #include "libtesubpf/tesubpf.h"
+#include "model/process_model.h"
 
 namespace Tesu::Bpf {
 
@@ -23,8 +24,17 @@ struct FrameState {
     bool isHelpShown = false;
     bool isFilterTyped = false;  // the filter is being typed
     std::string clock;           // the time of day
-    ViewRequest request;         // what the view was made for
+    // Of a recording.
+    bool isRecording = false;
+    bool isAtEnd = false;
+    bool isTimeTyped = false;  // where to go is being typed
+    std::string time;          // what was typed
+    std::string message;       // what was wrong with it
+    ViewRequest request;       // what the view was made for
 };
+
+// The key that orders by the column: in a recording another than the one that asks for a time.
+char OrderKey(const Column& column, bool isRecording);
 
 // Lines of a frame that are no rows, at a given height; the rest of the height shows rows.
 size_t FrameChrome(size_t height);

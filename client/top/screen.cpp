@@ -48,6 +48,8 @@ constexpr struct {
     int theirs;
 } KEYS[] = {{SCREEN_KEY_UP, KEY_UP},
             {SCREEN_KEY_DOWN, KEY_DOWN},
+            {SCREEN_KEY_LEFT, KEY_LEFT},
+            {SCREEN_KEY_RIGHT, KEY_RIGHT},
             {SCREEN_KEY_PAGE_UP, KEY_PPAGE},
             {SCREEN_KEY_PAGE_DOWN, KEY_NPAGE},
             {SCREEN_KEY_HOME, KEY_HOME},

@@ -2,7 +2,6 @@
 #include "client/top/top.h"
 
 #include <poll.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,14 +13,11 @@
 #include <utility>
 #include <vector>
 
-#include "client/events/event_stream.h"
 #include "client/exit_status.h"
 #include "client/top/controls.h"
 #include "client/top/frame.h"
 #include "client/top/screen.h"
-#include "proc/process_snapshot.h"
-#include "records/event_table.h"
-#include "records/raw_event.h"
+#include "client/top/source.h"
 #include "util/monotonic_clock.h"
 #include "util/string_util.h"
 
@@ -33,17 +29,8 @@ namespace {
 constexpr int64_t FRAME_TIME = 250'000'000;
 // Without news: the ages, rates and histories go on.
 constexpr int64_t IDLE_FRAME_TIME = NANOSECONDS_PER_SECOND;
-// Processes that are refreshed for a frame at most.
-constexpr size_t REFRESHES_PER_FRAME = 64;
 constexpr double BATCH_SECONDS = 2;
 constexpr size_t BATCH_WIDTH = 100;
-
-std::string TimeOfDay() {
-    const time_t now = time(nullptr);
-    tm local{};
-    localtime_r(&now, &local);
-    return StringPrintf("%02d:%02d:%02d", local.tm_hour, local.tm_min, local.tm_sec);
-}
 
 int ToPollTimeout(int64_t nanoseconds) {
     // Rounded up, and at most a minute.
@@ -54,13 +41,12 @@ int ToPollTimeout(int64_t nanoseconds) {
 class Top {
   public:
     // screen: null in a batch run.
-    Top(const TopOptions& options, EventStream stream, std::unique_ptr<TopScreen> screen)
-        : options(options),
-          stream(std::move(stream)),
-          reader(options.procRoot),
-          screen(std::move(screen)) {
+    Top(const TopOptions& options, TopSource& source, std::unique_ptr<TopScreen> screen)
+        : options(options), source(source), screen(std::move(screen)) {
         state.request = options.view;
-        if (options.seconds || options.isBatch) {
+        if (options.isBatch && !options.from.empty()) {
+            end = 0;  // of a recording everything is there
+        } else if (options.seconds || options.isBatch) {
             end = MonotonicNanoseconds() +
                   static_cast<int64_t>(options.seconds.value_or(BATCH_SECONDS) *
                                        NANOSECONDS_PER_SECOND);
@@ -72,18 +58,12 @@ class Top {
 
   private:
     bool waitForFrame(const TerminationSignals& signals);
-    void takeEvents();
     bool takeKeys();
-    bool refresh();
     void draw();
     int print();
 
     const TopOptions& options;
-    EventStream stream;
-    ProcReader reader;
-    ProcessModel model;
-    bool isProcDue = true;  // until there is a service, and without one, /proc is all there is
-
+    TopSource& source;
     std::unique_ptr<TopScreen> screen;
     FrameState state;
     ProcessView view;
@@ -95,16 +75,16 @@ class Top {
 
 int Top::run(const TerminationSignals& signals) {
     do {
-        if (!refresh()) {
-            const std::string reason = "cannot read " + options.procRoot + ": " + strerror(errno);
+        const Result<> advanced = source.advance(state.isPaused || options.isBatch, &state);
+        if (!advanced) {
             screen.reset();
-            return Fail(EXIT_FAILED, reason);
+            return Fail(EXIT_FAILED, advanced.error());
         }
         if (screen != nullptr) {
             draw();
         }
         lastFrame = MonotonicNanoseconds();
-        frameDue = lastFrame + IDLE_FRAME_TIME;
+        frameDue = lastFrame + (state.isRecording ? FRAME_TIME : IDLE_FRAME_TIME);
     } while (waitForFrame(signals));
     return options.isBatch ? print() : EXIT_OK;
 }
@@ -115,10 +95,10 @@ bool Top::waitForFrame(const TerminationSignals& signals) {
     // poll() leaves out what is no descriptor.
     pollfd entries[] = {
         {.fd = signals.fd(), .events = POLLIN, .revents = 0},
-        {.fd = tesubpf_fd(stream.get()), .events = POLLIN, .revents = 0},
+        {.fd = source.descriptor(), .events = POLLIN, .revents = 0},
         {.fd = hasScreen ? STDIN_FILENO : -1, .events = POLLIN, .revents = 0},
         {.fd = hasScreen ? screen->signalFd() : -1, .events = POLLIN, .revents = 0}};
-    auto& [termination, service, keys, terminalSignals] = entries;
+    auto& [termination, events, keys, terminalSignals] = entries;
     while (true) {
         const int64_t now = MonotonicNanoseconds();
         if (now >= end) {
@@ -133,8 +113,9 @@ bool Top::waitForFrame(const TerminationSignals& signals) {
         if (termination.revents != 0 || (keys.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) {
             return false;
         }
-        if (service.revents != 0) {
-            takeEvents();
+        if (events.revents != 0) {
+            source.takeEvents();
+            frameDue = std::min(frameDue, lastFrame + FRAME_TIME);
         }
         if (terminalSignals.revents != 0) {
             isViewDue = true;
@@ -147,30 +128,6 @@ bool Top::waitForFrame(const TerminationSignals& signals) {
     }
 }
 
-// What the connection has, up to one buffer of it, so that a flood of events holds up no key.
-void Top::takeEvents() {
-    tesubpf_event item;
-    while (tesubpf_next(stream.get(), &item) > 0) {
-        switch (item.kind) {
-            case TESUBPF_RECORD:
-                model.apply(DecodeEvent(item.data, item.size));
-                break;
-            case TESUBPF_SUBSCRIBED:
-                isProcDue = true;
-                break;
-            case TESUBPF_MALFORMED:
-                break;  // LOST follows
-            default:
-                // What was lost is still said to be lost while nobody answers.
-                if (item.kind != TESUBPF_WAITING || state.connection != TESUBPF_LOST) {
-                    state.connection = item.kind;
-                    state.lostReason = item.reason;
-                }
-        }
-        frameDue = std::min(frameDue, lastFrame + FRAME_TIME);
-    }
-}
-
 // False when it is to end.
 bool Top::takeKeys() {
     while (const std::optional<int> key = screen->readKey()) {
@@ -179,66 +136,48 @@ bool Top::takeKeys() {
         if (command == Command::QUIT) {
             return false;
         }
-        isProcDue = isProcDue || command == Command::READ_PROC;
-        isViewDue = isViewDue || command == Command::READ_PROC || state.request != before;
+        if (const Result<> obeyed = source.obey(command, state.time); !obeyed) {
+            state.message = obeyed.error();
+        }
+        isViewDue = isViewDue || command != Command::NONE || state.request != before;
         frameDue = 0;
     }
     return true;
 }
 
-// Reads of /proc what is due: all of it after a connection was made, or single processes. False
-// when /proc cannot be read; errno says why.
-bool Top::refresh() {
-    const int64_t now = MonotonicNanoseconds();
-    model.advanceTo(now);
-    if (!isProcDue && !model.wantsProc(now)) {
-        for (const int32_t pid : model.takeRefreshes(now, REFRESHES_PER_FRAME)) {
-            model.refresh(pid, reader.read(pid));
-        }
-        return true;
-    }
-    std::vector<ProcessSnapshot> processes;
-    if (!reader.readAll(&processes)) {
-        return false;
-    }
-    model.mergeProc(now, processes);
-    isProcDue = false;
-    return true;
-}
-
 void Top::draw() {
-    state.clock = TimeOfDay();
     const size_t height = screen->height();
     if (!state.isPaused || isViewDue) {
         isViewDue = false;
         state.request.rowLimit = height - std::min(FrameChrome(height), height);
-        view = model.view(state.request);
+        view = source.model().view(state.request);
         state.request.firstRow = view.firstRow;
     }
     screen->draw(MakeFrame(view, state, screen->width(), height));
 }
 
 int Top::print() {
-    state.clock = TimeOfDay();
     const char* const columns = std::getenv("COLUMNS");
     const int width = columns != nullptr ? std::atoi(columns) : 0;
     const std::string text =
-        MakePlainText(model.view(state.request), state,
+        MakePlainText(source.model().view(state.request), state,
                       width > 0 && width <= 1000 ? static_cast<size_t>(width) : BATCH_WIDTH);
     if (std::fputs(text.c_str(), stdout) < 0 || std::fflush(stdout) != 0) {
         return Fail(EXIT_FAILED, std::string("cannot write: ") + strerror(errno));
     }
-    return state.connection == TESUBPF_CONNECTED ? EXIT_OK : EXIT_NOT_SERVED;
+    return state.isRecording || state.connection == TESUBPF_CONNECTED ? EXIT_OK : EXIT_NOT_SERVED;
 }
 
 }  // namespace
 
 int RunTop(const TopOptions& options, const TerminationSignals& signals) {
-    Result<EventStream> stream = OpenEventStream(
-        options.socketName, {RAW_EVENT_TASK_INIT, RAW_EVENT_RSS_STAT, RAW_EVENT_TASK_CREATE,
-                             RAW_EVENT_TASK_EXIT, RAW_EVENT_FD_UPDATE, NOTIFICATION_RECORDS_LOST});
-    if (!stream) {
-        return Fail(EXIT_FAILED, stream.error());
+    const bool isLive = options.from.empty();
+    const Result<std::unique_ptr<TopSource>> source =
+        isLive ? MakeLiveSource(options.socketName, options.procRoot)
+               : MakeReplaySource(options.from,
+                                  options.isBatch && options.at.empty() ? "end" : options.at);
+    if (!source) {
+        return Fail(isLive ? EXIT_FAILED : EXIT_USAGE, source.error());
     }
     std::unique_ptr<TopScreen> screen;
     if (!options.isBatch) {
@@ -248,7 +187,9 @@ int RunTop(const TopOptions& options, const TerminationSignals& signals) {
         }
         screen = std::move(*opened);
     }
-    return Top(options, std::move(*stream), std::move(screen)).run(signals);
+    const int status = Top(options, **source, std::move(screen)).run(signals);
+    (*source)->reportDamage();
+    return status;
 }
 
 }  // namespace Tesu::Bpf

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "client/model/process_model.h"
+#include "model/process_model.h"
 #include "util/termination_signals.h"
 
 namespace Tesu::Bpf {
@@ -14,6 +14,9 @@ namespace Tesu::Bpf {
 struct TopOptions {
     std::string socketName;
     std::string procRoot = "/proc";
+    // A recording to be shown instead of this machine, and from where on; empty: none.
+    std::string from;
+    std::string at;
     bool isBatch = false;           // one snapshot as text instead of a screen
     std::optional<double> seconds;  // how long; a batch run prints at the end of it
     bool colour = false;

@@ -7,9 +7,9 @@
 #include <unistd.h>
 
 #include "client/events/event_json.h"
-#include "client/events/event_stream.h"
+#include "libtesubpf/event_stream.h"
 #include "client/events/event_text.h"
-#include "client/model/process_model.h"
+#include "model/process_model.h"
 #include "tests/fuzz/fuzz.h"
 
 using namespace Tesu::Bpf;

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <android-base/unique_fd.h>
+#include <gtest/gtest.h>
 #include <sys/types.h>
 #include <termios.h>
 
@@ -66,3 +67,10 @@ class ChildProcess {
     android::base::unique_fd terminalFd;  // our side of it
     termios modesBefore{};
 };
+
+// What a program prints, error output last, that runs to its end by itself.
+inline std::string OutputOf(const std::vector<std::string>& arguments, int status = 0) {
+    ChildProcess program(arguments);
+    EXPECT_EQ(program.waitForExit(), status) << program.error;
+    return program.output + program.error;
+}

@@ -48,6 +48,8 @@ class FakeService {
         return types;
     }
 
+    // Of the client's connection. Borrowed.
+    int descriptor() const { return client.get(); }
     void hangUp() { client.reset(); }
     void sendEvent(const std::string& event) const { sendBytes(WireClient::frame(3, event)); }
     void sendBytes(const std::string& bytes) const {

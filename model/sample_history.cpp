@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/model/sample_history.h"
+#include "model/sample_history.h"
 
 namespace Tesu::Bpf {
 

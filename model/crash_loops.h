@@ -10,7 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "client/model/sample_history.h"
+#include "model/sample_history.h"
 
 namespace Tesu::Bpf {
 

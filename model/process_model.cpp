@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/model/process_model.h"
+#include "model/process_model.h"
 
 #include <algorithm>
 #include <cstdlib>

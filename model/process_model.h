@@ -25,8 +25,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "client/model/crash_loops.h"
-#include "client/model/sample_history.h"
+#include "model/crash_loops.h"
+#include "model/sample_history.h"
 #include "proc/process_snapshot.h"
 #include "records/event_table.h"
 #include "records/raw_event.h"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "client/model/crash_loops.h"
+#include "model/crash_loops.h"
 
 #include <algorithm>
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// A stream of the client library's (libtesubpf/tesubpf.h), closed by its owner's end.
+// A stream of the client library's, closed by its owner's end: for this project's own programs, not
+// installed.
 #pragma once
 
 #include <cstring>

@@ -1,0 +1,252 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Recording and showing recordings, as a user does it.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <csignal>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "client/replay/replay.h"
+#include "recording/reader.h"
+#include "recording/writer.h"
+#include "tests/support/child_process.h"
+#include "tests/support/fake_service.h"
+#include "tests/support/golden.h"
+#include "tests/support/kernel.h"
+#include "tests/support/records.h"
+
+namespace Tesu::Bpf {
+namespace {
+
+using testing::HasSubstr;
+
+// Which of the test's events a recording has, and how it ends. At the test's events' front is a
+// type that there is not, and their number.
+struct Contents {
+    std::vector<uint32_t> numbers;
+    bool hasSnapshot = false;
+    uint32_t ending = 0;
+};
+
+Contents Read(const std::string& path) {
+    Contents contents;
+    auto reader = RecordingReader::open(path);
+    EXPECT_TRUE(reader.ok()) << reader.error();
+    while (const RecordingItem* const item = reader.ok() ? reader->next() : nullptr) {
+        if (const auto* const event = std::get_if<RecordedEvent>(&item->what)) {
+            contents.numbers.push_back(WireClient::wordAt(std::string(event->data, 8), 4));
+        }
+        contents.hasSnapshot |= std::holds_alternative<RecordedSnapshot>(item->what);
+        if (const auto* const end = std::get_if<EndBlock>(&item->what)) {
+            contents.ending = end->reason;
+            EXPECT_EQ(end->records, contents.numbers.size());
+        }
+    }
+    EXPECT_EQ(reader->damage(), "");
+    return contents;
+}
+
+class RecordTest : public testing::Test {
+  protected:
+    // Of TESUBPFRECORD_PATH or TESUBPF_PATH; ends with its subscriptions accepted.
+    std::unique_ptr<ChildProcess> record(const std::vector<std::string>& program) {
+        std::vector<std::string> arguments = program;
+        arguments.insert(arguments.end(),
+                         {"--output", path, "--socket", name, "--type", "records-lost"});
+        auto recorder = std::make_unique<ChildProcess>(arguments);
+        service.acceptClient(1);
+        return recorder;
+    }
+    void sendEvents(uint32_t count) {
+        for (uint32_t i = 0; i < count; ++i) {
+            const std::string body = WireClient::word(99) + WireClient::word(next++);
+            const std::string frame = WireClient::frame(3, body + std::string(30000, 'x'));
+            // The recorder may have ended.
+            send(service.descriptor(), frame.data(), frame.size(), MSG_NOSIGNAL);
+        }
+    }
+
+    const TempDir temp;
+    const std::string path = temp.path("recording");
+    const std::string name = FakeService::uniqueName();
+    FakeService service{name};
+    uint32_t next = 0;
+};
+
+TEST_F(RecordTest, TwoHalvesStandAloneAndLoseNothingBetweenThem) {
+    constexpr uint32_t COUNT = 90;
+    const auto recorder = record({TESUBPF_PATH, "record", "--max-size", "1M"});
+    ASSERT_TRUE(recorder->waitForError("connected"));
+    sendEvents(COUNT);
+    service.hangUp();
+    ASSERT_TRUE(recorder->waitForError("the connection was lost"));
+    recorder->sendSignal(SIGTERM);
+    EXPECT_EQ(recorder->waitForExit(), 0) << recorder->error;
+    const Contents older = Read(path + ".1");
+    const Contents newer = Read(path);
+    EXPECT_TRUE(older.hasSnapshot && newer.hasSnapshot);
+    EXPECT_EQ(older.ending, END_CONTINUED);
+    EXPECT_EQ(newer.ending, END_ASKED);
+    std::vector<uint32_t> numbers = older.numbers;
+    numbers.insert(numbers.end(), newer.numbers.begin(), newer.numbers.end());
+    ASSERT_FALSE(numbers.empty());
+    EXPECT_GT(numbers.front(), 0U) << "the first half is there still";
+    for (uint32_t number = numbers.front(); const uint32_t recorded : numbers) {
+        EXPECT_EQ(recorded, number++);
+    }
+    EXPECT_EQ(numbers.back(), COUNT - 1);
+    EXPECT_THAT(OutputOf({TESUBPF_PATH, "info", path + ".1"}), HasSubstr("the other half"));
+}
+
+TEST_F(RecordTest, AFileThatCannotGrowIsEndedProperly) {
+    const auto recorder = record({TESUBPFRECORD_PATH});
+    ASSERT_TRUE(recorder->waitForError("connected"));
+    constexpr rlimit LIMIT{4'000'000, 4'000'000};
+    ASSERT_EQ(prlimit(recorder->pid(), RLIMIT_FSIZE, &LIMIT, nullptr), 0);
+    sendEvents(200);
+    EXPECT_EQ(recorder->waitForExit(), 3);
+    EXPECT_THAT(recorder->error, HasSubstr("cannot write " + path));
+    const Contents contents = Read(path);
+    EXPECT_EQ(contents.ending, END_NO_SPACE);
+    EXPECT_GT(contents.numbers.size(), 0U);
+    EXPECT_EQ(contents.numbers.back(), contents.numbers.size() - 1);
+    // Nothing is overwritten.
+    ChildProcess again({TESUBPFRECORD_PATH, "-o", path, "-S", name});
+    EXPECT_EQ(again.waitForExit(), 3);
+}
+
+// Everything that a table shows, at each of these moments.
+std::string Tables(Replay* replay, const std::vector<int64_t>& moments) {
+    std::string text;
+    for (const int64_t moment : moments) {
+        replay->goTo(moment);
+        const ProcessView view = replay->model().view({});
+        text += std::to_string(replay->now()) + " " + std::to_string(replay->timeOfDay()) + " " +
+                std::to_string(view.totals.recordsPerSecond) + ":";
+        for (const ProcessRow& row : view.rows) {
+            text += " " + row.name + " " + std::to_string(row.resident + row.age + row.change);
+            for (const uint32_t size : row.history) {
+                text += "," + std::to_string(size);
+            }
+        }
+        text += "\n";
+    }
+    return text;
+}
+
+TEST(ReplayTest, AMomentLooksTheSameWhereverOneComesFrom) {
+    constexpr int64_t SECOND = NANOSECONDS_PER_SECOND;
+    const TempDir temp;
+    const std::string path = temp.path("recording");
+    HeaderBlock header = DescribeMachine("test", "");
+    const int64_t begin = header.clocks.monotonic = 1000 * SECOND + 7;
+    auto writer = RecordingWriter::create(path, header, {1, 2, 3});
+    ASSERT_TRUE(writer.ok());
+    std::vector<ProcessSnapshot> processes(1);
+    processes[0].name = "leaky";
+    processes[0].pid = 5;
+    for (int64_t i = 0; i < 300; ++i) {
+        const int64_t time = begin + i * SECOND * 9 / 10;
+        const int32_t pid = i < 50 ? 5 : 100 + static_cast<int32_t>(i);
+        if (i % 80 == 40) {
+            processes[0].readTime = time;
+            ASSERT_TRUE(writer->addProcesses(BLOCK_SNAPSHOT, time, processes));
+        }
+        for (const std::string& record :
+             {Bytes(Create(time, 5, 100 + static_cast<int32_t>(i), "x")),
+              Bytes(Rss(time + 1, pid, RSS_ANON, i << 20))}) {
+            ASSERT_TRUE(
+                writer->addEvent(time, record.data(), static_cast<uint32_t>(record.size())));
+        }
+    }
+    ASSERT_TRUE(writer->end(END_ASKED));
+    auto forwards = Replay::open(path);
+    auto backwards = Replay::open(path);
+    ASSERT_TRUE(forwards.ok() && backwards.ok());
+    std::vector<int64_t> moments;
+    for (int64_t i = 0; i < 60; ++i) {
+        moments.push_back(begin + i * 5 * SECOND + i * SECOND / 7);
+    }
+    const std::string expected = Tables(&*forwards, moments);
+    std::string found;
+    for (size_t i = moments.size(); i-- > 0;) {
+        found.insert(0, Tables(&*backwards, {moments[i]}));
+    }
+    EXPECT_EQ(found, expected);
+    EXPECT_THAT(expected, HasSubstr("leaky"));
+}
+
+// The file was written by a 32-bit ARM device and must be read for ever.
+TEST(ReplayTest, ShowsARecordingOfAnotherMachineAsItDid) {
+    const std::string file = TESUBPF_TEST_RECORDING;
+    setenv("TZ", "UTC0", 1);
+    setenv("LC_ALL", "C.UTF-8", 1);
+    setenv("COLUMNS", "100", 1);
+    std::string text = OutputOf({TESUBPF_PATH, "info", file});
+    text.replace(text.find(file), file.size(), "FILE");
+    text +=
+        OutputOf({TESUBPF_PATH, "top", "--from", file, "--batch", "--no-kernel", "--at", "+1:05"});
+    const std::string events = OutputOf({TESUBPF_PATH, "watch", "--from", file, "--type", "all"});
+    const std::string json = OutputOf({TESUBPF_PATH, "watch", "--from", file, "--json"});
+    text += events.substr(events.size() - 1000) + json.substr(json.size() - 1000);
+    ExpectGolden("recording.golden", text);
+}
+
+// Whether the exit of the process is in the recording, which may still be written.
+bool HasExit(const std::string& path, pid_t pid) {
+    auto reader = RecordingReader::open(path);
+    while (const RecordingItem* const item = reader.ok() ? reader->next() : nullptr) {
+        const auto* const event = std::get_if<RecordedEvent>(&item->what);
+        const auto exit = event != nullptr ? ReadPrefix<RawTaskExitEvent>(event->data, event->size)
+                                           : RawTaskExitEvent{};
+        if (exit.header.type == RAW_EVENT_TASK_EXIT && exit.pid == pid) {
+            return true;
+        }
+    }
+    return false;
+}
+
+class RecordLiveTest : public KernelTest {};
+
+TEST_F(RecordLiveTest, AStormIsShownAgainAsItWasShownLive) {
+    const TempDir temp;
+    const std::string path = temp.path("recording");
+    OutputOf({TESUBPFLOAD_PATH, "--ring-size", std::to_string(32 << 20)});
+    ChildProcess daemon({TESUBPFD_PATH});
+    ASSERT_TRUE(daemon.waitForOutput("serving on @")) << daemon.error;
+    ChildProcess recorder({TESUBPF_PATH, "record", "-o", path});
+    ASSERT_TRUE(recorder.waitForError("connected")) << recorder.error;
+    ASSERT_TRUE(WaitUntil([] { return IsEnabled(RING_CORE); })) << daemon.error;
+    const std::vector<std::string> watch = {TESUBPF_PATH, "watch", "--json", "--type", "fork,exit"};
+    ChildProcess watcher(watch);
+    ASSERT_TRUE(watcher.waitForError("connected")) << watcher.error;
+    ChildProcess workload({TESUBPF_WORKLOAD_PATH, "processes", "300"});
+    ASSERT_TRUE(workload.waitForOutput("done"));
+    const auto liveAndEnd = [] {
+        ChildProcess marker({"/bin/true"});
+        EXPECT_EQ(marker.waitForExit(), 0);
+        return marker.pid();
+    };
+    const std::string mark = "\"pid\":" + std::to_string(liveAndEnd()) + ",\"comm\"";
+    EXPECT_TRUE(watcher.waitForOutput(mark));
+    watcher.sendSignal(SIGTERM);
+    EXPECT_EQ(watcher.waitForExit(), 0);
+    // All that the one was told before this the other has when it has this.
+    EXPECT_TRUE(WaitUntil([&path, pid = liveAndEnd()] { return HasExit(path, pid); }));
+    recorder.sendSignal(SIGINT);
+    EXPECT_EQ(recorder.waitForExit(), 0) << recorder.error;
+    std::vector<std::string> replay = watch;
+    replay.insert(replay.end(), {"--from", path});
+    const std::string shown = OutputOf(replay);
+    EXPECT_GT(watcher.output.size(), 300U * 2 * 100);
+    EXPECT_NE(shown.find(watcher.output), std::string::npos);
+    EXPECT_THAT(OutputOf({TESUBPF_PATH, "top", "--from", path, "--batch"}),
+                HasSubstr(" " + std::to_string(getpid()) + " "));
+}
+
+}  // namespace
+}  // namespace Tesu::Bpf
