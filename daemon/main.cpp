@@ -9,6 +9,7 @@
 #include <poll.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -125,8 +126,7 @@ bool HasBegun(const TesuBpfService& service) {
 }
 
 // In one line.
-std::string DescribePrograms() {
-    const std::vector<BpfProgramState> programs = GetBpfProgramStates();
+std::string Describe(const std::vector<BpfProgramState>& programs) {
     size_t attached = 0;
     std::string missing;
     for (const BpfProgramState& program : programs) {
@@ -137,18 +137,24 @@ std::string DescribePrograms() {
 }
 
 // Until a signal comes or the service asks for a restart. Tells the service's manager when events
-// come.
-void WaitForEnd(const TerminationSignals& signals, const TesuBpfService& service) {
+// come. False, at once, when none can come.
+bool WaitForEnd(const TerminationSignals& signals, const TesuBpfService& service) {
     pollfd waited[] = {{.fd = signals.fd(), .events = POLLIN, .revents = 0},
                        {.fd = service.restartFd(), .events = POLLIN, .revents = 0}};
     bool isTold = false;
     do {
         if (!isTold && HasBegun(service)) {
-            NotifyServiceManager("READY=1\nSTATUS=" + DescribePrograms());
+            const std::vector<BpfProgramState> programs = GetBpfProgramStates();
+            if (std::none_of(programs.begin(), programs.end(),
+                             [](const BpfProgramState& program) { return program.isAttached; })) {
+                return false;
+            }
+            NotifyServiceManager("READY=1\nSTATUS=" + Describe(programs));
             isTold = true;
         }  // poll() also returns for a dump's signal
     } while (poll(waited, std::size(waited), isTold ? -1 : BEGIN_INTERVAL_MS) <= 0);
     NotifyServiceManager("STOPPING=1");
+    return true;
 }
 
 // Runs the service.
@@ -162,10 +168,14 @@ int Serve(const TerminationSignals& signals) {
     TesuBpfService* const service = TesuBpfService::GetInstance();
     std::thread supervisor([service] { service->Wait(); });
     AnnounceServing(signals);
-    WaitForEnd(signals, *service);
+    const bool hasServed = WaitForEnd(signals, *service);
     const std::string reason = service->restartReason();
     service->stop();
     supervisor.join();
+    if (!hasServed) {
+        std::fprintf(stderr, "tesubpfd: no program could be attached; the log above says why\n");
+        return DAEMON_FAILED;
+    }
     if (reason.empty()) {
         return DAEMON_ENDED;
     }
