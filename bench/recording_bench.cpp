@@ -29,16 +29,16 @@ class Recording {
         for (int32_t pid = 0; pid < PROCESSES; ++pid) {
             processes[static_cast<size_t>(pid)].pid = pid;
         }
-        (void)writer->addProcesses(BLOCK_SNAPSHOT, begin, processes);
+        writer->addProcesses(BLOCK_SNAPSHOT, begin, processes);
         for (int64_t i = 0; i < RECORDS; ++i) {
             const int64_t time = begin + i * PAUSE;
             const RawRssStatEvent record{{RAW_EVENT_RSS_STAT, 0, time},
                                          static_cast<int32_t>(i % PROCESSES),
                                          RSS_ANON,
                                          i << 12};
-            (void)writer->addEvent(time, &record, sizeof(record));
+            writer->addEvent(time, &record, sizeof(record));
         }
-        (void)writer->end(END_ASKED);
+        writer->end(END_ASKED);
     }
     ~Recording() { unlink(path.c_str()); }
 

@@ -58,13 +58,13 @@ class Recorder {
     Result<RecorderTotals> run(const TerminationSignals& signals);
 
   private:
-    Result<> waitForLook(const TerminationSignals& signals);
-    Result<> takeEvents();
-    Result<> take(const tesubpf_event& event);
-    Result<> look();
-    Result<> readProc();
-    Result<> refresh(int64_t now);
-    Result<> changeHalves();
+    void waitForLook(const TerminationSignals& signals);
+    void takeEvents();
+    void take(const tesubpf_event& event);
+    void look();
+    void readProc();
+    void refresh(int64_t now);
+    void changeHalves();
 
     const RecorderOptions& options;
     EventStream stream;
@@ -79,6 +79,7 @@ class Recorder {
     uint32_t state = 0;
 
     bool hasEnded = false;
+    std::string failure;  // why; empty: as asked
     bool isProcDue = true;
     int64_t end = INT64_MAX;
     int64_t lookDue = 0;
@@ -95,23 +96,20 @@ Result<RecorderTotals> Recorder::run(const TerminationSignals& signals) {
     if (options.seconds) {
         end = lastLook + static_cast<int64_t>(*options.seconds * NANOSECONDS_PER_SECOND);
     }
-    Result<> result;
-    while (result && !hasEnded) {
-        result = waitForLook(signals);
-        if (result) {
-            result = look();
-        }
+    while (!hasEnded) {
+        waitForLook(signals);
+        look();
+        failure = failure.empty() ? writer.failure() : failure;
+        hasEnded = hasEnded || !failure.empty();
     }
-    const Result<> ended = writer.end(result ? END_ASKED : END_NO_SPACE);
+    writer.end(END_ASKED);
+    failure = failure.empty() ? writer.failure() : failure;
     totals.bytes = otherHalf + writer.size();
-    if (!result || !ended) {
-        return Failure(result ? ended.error() : result.error());
-    }
-    return totals;
+    return failure.empty() ? Result<RecorderTotals>(totals) : Failure(failure);
 }
 
 // Takes what comes until something may be due, or until it is to end.
-Result<> Recorder::waitForLook(const TerminationSignals& signals) {
+void Recorder::waitForLook(const TerminationSignals& signals) {
     pollfd entries[] = {{.fd = signals.fd(), .events = POLLIN, .revents = 0},
                         {.fd = tesubpf_fd(stream.get()), .events = POLLIN, .revents = 0}};
     while (true) {
@@ -119,7 +117,7 @@ Result<> Recorder::waitForLook(const TerminationSignals& signals) {
         const int64_t due = std::min(lookDue, end);
         if (now >= due) {
             hasEnded = now >= end;
-            return {};
+            return;
         }
         // Rounded up.
         if (poll(entries, std::size(entries),
@@ -127,37 +125,36 @@ Result<> Recorder::waitForLook(const TerminationSignals& signals) {
             continue;
         }
         if (entries[1].revents != 0) {
-            if (const Result<> taken = takeEvents(); !taken) {
-                return taken;
-            }
+            takeEvents();
         }
         if (entries[0].revents != 0) {
             hasEnded = true;
-            return {};
+            return;
         }
     }
 }
 
-Result<> Recorder::takeEvents() {
+void Recorder::takeEvents() {
     tesubpf_event event{};
     while (tesubpf_next(stream.get(), &event) == 1) {
-        if (const Result<> taken = take(event); !taken) {
-            return taken;
-        }
+        take(event);
     }
     lookDue = std::min(lookDue, lastLook + LOOK_TIME);
-    const bool isFull = options.maxSize != 0 && writer.size() >= options.maxSize / 2;
-    return isFull ? changeHalves() : Result<>();
+    if (options.maxSize != 0 && failure.empty() && writer.failure().empty() &&
+        writer.size() >= options.maxSize / 2) {
+        changeHalves();
+    }
 }
 
-Result<> Recorder::take(const tesubpf_event& event) {
+void Recorder::take(const tesubpf_event& event) {
     if (event.kind == TESUBPF_RECORD) {
         ++totals.events;
         model.apply(DecodeEvent(event.data, event.size));
-        return writer.addEvent(event.received, event.data, event.size);
+        writer.addEvent(event.received, event.data, event.size);
+        return;
     }
     if (event.kind < STATE_CONNECTED || event.kind > STATE_LOST) {
-        return {};
+        return;
     }
     state = event.kind;
     if (event.kind == TESUBPF_SUBSCRIBED) {
@@ -172,42 +169,41 @@ Result<> Recorder::take(const tesubpf_event& event) {
     if (const std::string news = DescribeNews(event, options.socketName); !news.empty()) {
         std::fprintf(stderr, "%s: %s\n", options.program.c_str(), news.c_str());
     }
-    return writer.addNews(event.received, RecordedState(event.kind), event.type, event.reason);
+    writer.addNews(event.received, RecordedState(event.kind), event.type, event.reason);
 }
 
-Result<> Recorder::look() {
+void Recorder::look() {
     const int64_t now = lastLook = MonotonicNanoseconds();
     lookDue = now + IDLE_LOOK_TIME;
-    Result<> result;
     if (isProcDue || model.wantsProc(now) || now >= snapshotDue) {
-        result = readProc();
+        readProc();
     } else {
-        result = refresh(now);
+        refresh(now);
     }
-    if (result && now >= clocksDue) {
+    if (now >= clocksDue) {
         clocksDue = now + CLOCKS_TIME;
-        result = writer.addClocks();
+        writer.addClocks();
     }
-    if (result && now >= flushDue) {
+    if (now >= flushDue) {
         flushDue = now + FLUSH_TIME;
-        result = writer.flush();
+        writer.flush();
     }
-    return result;
 }
 
-Result<> Recorder::readProc() {
+void Recorder::readProc() {
     const int64_t begin = MonotonicNanoseconds();
     std::vector<ProcessSnapshot> processes;
     if (!reader.readAll(&processes)) {
-        return SystemFailure("cannot read " + options.procRoot);
+        failure = "cannot read " + options.procRoot + ": " + strerror(errno);
+        return;
     }
     isProcDue = false;
     snapshotDue = begin + SNAPSHOT_TIME;
     model.mergeProc(begin, processes);
-    return writer.addProcesses(BLOCK_SNAPSHOT, begin, processes);
+    writer.addProcesses(BLOCK_SNAPSHOT, begin, processes);
 }
 
-Result<> Recorder::refresh(int64_t now) {
+void Recorder::refresh(int64_t now) {
     std::vector<ProcessSnapshot> processes;
     std::vector<int32_t> gone;
     for (const int32_t pid : model.takeRefreshes(now, REFRESHES_PER_LOOK)) {
@@ -219,36 +215,37 @@ Result<> Recorder::refresh(int64_t now) {
             gone.push_back(pid);
         }
     }
-    return processes.empty() && gone.empty()
-               ? Result<>()
-               : writer.addProcesses(BLOCK_PROCESS, now, processes, gone);
+    if (!processes.empty() || !gone.empty()) {
+        writer.addProcesses(BLOCK_PROCESS, now, processes, gone);
+    }
 }
 
-Result<> Recorder::changeHalves() {
-    const std::string other = options.path + ".1";
-    if (const Result<> ended = writer.end(END_CONTINUED); !ended) {
-        return ended;
+void Recorder::changeHalves() {
+    writer.end(END_CONTINUED);
+    if (!writer.failure().empty()) {
+        return;
     }
     otherHalf = writer.size();
-    if (rename(options.path.c_str(), other.c_str()) == -1) {
-        return SystemFailure("cannot rename " + options.path);
+    if (rename(options.path.c_str(), (options.path + ".1").c_str()) == -1) {
+        failure = "cannot rename " + options.path + ": " + strerror(errno);
+        return;
     }
     Result<RecordingWriter> next = RecordingWriter::create(
         options.path, DescribeMachine(options.program + VERSION, options.socketName),
         options.types);
     if (!next) {
-        return Failure(next.error());
+        failure = next.error();
+        return;
     }
     writer = std::move(*next);
-    Result<> result = state == 0
-                          ? Result<>()
-                          : writer.addNews(MonotonicNanoseconds(), RecordedState(state), 0, "");
-    result = result ? readProc() : result;
-    if (result && writer.size() >= options.maxSize / 2) {
-        return Failure("the processes of this machine alone take " + std::to_string(writer.size()) +
-                       " bytes: a greater size is needed");
+    if (state != 0) {
+        writer.addNews(MonotonicNanoseconds(), RecordedState(state), 0, "");
     }
-    return result;
+    readProc();
+    if (writer.size() >= options.maxSize / 2) {
+        failure = "the processes of this machine alone take " + std::to_string(writer.size()) +
+                  " bytes: a greater size is needed";
+    }
 }
 
 Result<RecorderTotals> Record(const RecorderOptions& options, const TerminationSignals& signals) {

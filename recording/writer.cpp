@@ -18,6 +18,8 @@ namespace {
 
 // An EVENTS block that has so much gets no more.
 constexpr size_t BLOCK_SIZE = 64 << 10;
+// Of a name or a reason; the kernel's names are 64 bytes at most.
+constexpr size_t LONGEST_TEXT = 1024;
 // A block of processes has room for the longest name beyond it.
 constexpr size_t PROCESSES_SIZE = MAX_BLOCK_LENGTH - 4096;
 
@@ -33,7 +35,7 @@ void SetText(char (&field)[N], std::string_view text) {
 }
 
 void AppendEntry(ProcessEntry entry, std::string_view name, std::string* body) {
-    name = name.substr(0, 1024);  // the kernel's are 64 bytes at most
+    name = name.substr(0, LONGEST_TEXT);
     entry.size = sizeof(entry);
     const auto length = static_cast<uint32_t>(sizeof(entry) + name.size());
     body->append(BytesOf(length)).append(BytesOf(entry)).append(name);
@@ -100,13 +102,16 @@ Result<RecordingWriter> RecordingWriter::create(const std::string& path, const H
     block.typeCount = static_cast<uint32_t>(types.size());
     const std::string_view list(reinterpret_cast<const char*>(types.data()),
                                 types.size() * sizeof(types[0]));
-    if (const Result<> begun = writer.writeStruct(BLOCK_HEADER, block, list); !begun) {
-        return Failure(begun.error());
+    if (!writer.writeStruct(BLOCK_HEADER, block, list)) {
+        return Failure(writer.why);
     }
     return writer;
 }
 
-Result<> RecordingWriter::writeBlock(BlockType type, std::string_view body) {
+bool RecordingWriter::writeBlock(BlockType type, std::string_view body) {
+    if (!why.empty() && type != BLOCK_END) {
+        return false;
+    }
     BlockHead head{
         .type = type, .length = static_cast<uint32_t>(body.size()), .checksum = 0, .reserved = 0};
     head.checksum = BlockChecksum(head, body);
@@ -115,28 +120,25 @@ Result<> RecordingWriter::writeBlock(BlockType type, std::string_view body) {
     const ssize_t count = TEMP_FAILURE_RETRY(write(file.get(), block.data(), block.size()));
     if (count == static_cast<ssize_t>(block.size())) {
         written += block.size();
-        return {};
+        return true;
     }
-    // A disk that is full takes a part; its END may fit where that was.
-    errno = count == -1 ? errno : ENOSPC;
-    const auto failure = SystemFailure("cannot write " + path);
+    // A disk that is full takes a part; an END may fit where that was.
+    why = "cannot write " + path + ": " + strerror(count == -1 ? errno : ENOSPC);
     if (ftruncate(file.get(), static_cast<off_t>(written)) == 0) {
         lseek(file.get(), static_cast<off_t>(written), SEEK_SET);
     }
-    return failure;
+    return false;
 }
 
 template <class Struct>
-Result<> RecordingWriter::writeStruct(BlockType type, Struct block, std::string_view rest) {
+bool RecordingWriter::writeStruct(BlockType type, Struct block, std::string_view rest) {
     block.size = sizeof(block);
     return writeBlock(type, std::string(BytesOf(block)).append(rest));
 }
 
-Result<> RecordingWriter::addEvent(int64_t time, const void* data, uint32_t size) {
+void RecordingWriter::addEvent(int64_t time, const void* data, uint32_t size) {
     if (events.size() >= BLOCK_SIZE || (!events.empty() && time - received > UINT32_MAX)) {
-        if (const Result<> flushed = flush(); !flushed) {
-            return flushed;
-        }
+        flush();
     }
     if (events.empty()) {
         received = time;
@@ -146,32 +148,29 @@ Result<> RecordingWriter::addEvent(int64_t time, const void* data, uint32_t size
     const RecordEntry entry{.delay = static_cast<uint32_t>(time - received), .length = size};
     events.append(BytesOf(entry)).append(static_cast<const char*>(data), size);
     ++gathered;
-    return {};
 }
 
-Result<> RecordingWriter::flush() {
-    if (events.empty()) {
-        return {};
+void RecordingWriter::flush() {
+    if (!events.empty() && writeBlock(BLOCK_EVENTS, events)) {
+        records += gathered;
     }
-    const Result<> result = writeBlock(BLOCK_EVENTS, events);
-    records += result ? gathered : 0;
     gathered = 0;
     events.clear();
-    return result;
 }
 
-Result<> RecordingWriter::addNews(int64_t time, RecordedState state, uint32_t eventType,
-                                  std::string_view reason) {
-    const StateBlock block{
-        .size = 0, .state = state, .time = time, .eventType = eventType, .reserved = 0};
-    const Result<> flushed = flush();
-    return flushed ? writeStruct(BLOCK_STATE, block, reason.substr(0, 1024)) : flushed;
+void RecordingWriter::addNews(int64_t time, RecordedState state, uint32_t eventType,
+                              std::string_view reason) {
+    flush();
+    writeStruct(
+        BLOCK_STATE,
+        StateBlock{.size = 0, .state = state, .time = time, .eventType = eventType, .reserved = 0},
+        reason.substr(0, LONGEST_TEXT));
 }
 
-Result<> RecordingWriter::addProcesses(BlockType type, int64_t begin,
-                                       const std::vector<ProcessSnapshot>& processes,
-                                       const std::vector<int32_t>& gone) {
-    Result<> result = flush();
+void RecordingWriter::addProcesses(BlockType type, int64_t begin,
+                                   const std::vector<ProcessSnapshot>& processes,
+                                   const std::vector<int32_t>& gone) {
+    flush();
     ProcessesBlock block{
         .size = 0, .isContinued = 0, .begin = begin, .end = MonotonicNanoseconds()};
     std::string body;
@@ -182,31 +181,28 @@ Result<> RecordingWriter::addProcesses(BlockType type, int64_t begin,
         AppendEntry(entry, "", &body);
     }
     for (const ProcessSnapshot& process : processes) {
-        if (result && body.size() > PROCESSES_SIZE) {
+        if (body.size() > PROCESSES_SIZE) {
             block.isContinued = type == BLOCK_SNAPSHOT ? 1 : 0;
-            result = writeStruct(type, block, body);
+            writeStruct(type, block, body);
             body.clear();
         }
         AppendEntry(ToEntry(process), process.name, &body);
     }
     block.isContinued = 0;
-    return result ? writeStruct(type, block, body) : result;
+    writeStruct(type, block, body);
 }
 
-Result<> RecordingWriter::addClocks() {
-    const Result<> flushed = flush();
-    const ClocksBlock block{.size = 0, .reserved = 0, .clocks = ReadClocks()};
-    return flushed ? writeStruct(BLOCK_CLOCKS, block) : flushed;
+void RecordingWriter::addClocks() {
+    flush();
+    writeStruct(BLOCK_CLOCKS, ClocksBlock{.size = 0, .reserved = 0, .clocks = ReadClocks()});
 }
 
-Result<> RecordingWriter::end(EndReason reason) {
-    const Result<> flushed = flush();
-    const EndBlock block{.size = 0,
-                         .reason = flushed ? reason : END_NO_SPACE,
-                         .time = MonotonicNanoseconds(),
-                         .records = records};
-    const Result<> ended = writeStruct(BLOCK_END, block);
-    return flushed ? ended : flushed;
+void RecordingWriter::end(EndReason reason) {
+    flush();
+    writeStruct(BLOCK_END, EndBlock{.size = 0,
+                                    .reason = why.empty() ? reason : END_NO_SPACE,
+                                    .time = MonotonicNanoseconds(),
+                                    .records = records});
 }
 
 }  // namespace Tesu::Bpf

@@ -27,7 +27,7 @@ HeaderBlock DescribeMachine(const std::string& recorder, const std::string& sock
 // The clocks as they are now.
 ClockReading ReadClocks();
 
-// Used by one thread at a time. Every failure is that of the file, and says which.
+// Used by one thread at a time.
 class RecordingWriter {
   public:
     // Makes the file, for its owner alone, and fails when there is one.
@@ -35,29 +35,31 @@ class RecordingWriter {
                                           const std::vector<uint32_t>& types);
 
     // Times are those of receipt and must not run backwards.
-    Result<> addEvent(int64_t received, const void* data, uint32_t size);
-    Result<> addNews(int64_t time, RecordedState state, uint32_t eventType,
-                     std::string_view reason);
+    void addEvent(int64_t received, const void* data, uint32_t size);
+    void addNews(int64_t time, RecordedState state, uint32_t eventType, std::string_view reason);
     // type: BLOCK_SNAPSHOT for all processes, BLOCK_PROCESS for some, of which those in `gone` were
     // not there any more. begin: right before the first was read.
-    Result<> addProcesses(BlockType type, int64_t begin,
-                          const std::vector<ProcessSnapshot>& processes,
-                          const std::vector<int32_t>& gone = {});
-    Result<> addClocks();
+    void addProcesses(BlockType type, int64_t begin, const std::vector<ProcessSnapshot>& processes,
+                      const std::vector<int32_t>& gone = {});
+    void addClocks();
     // Writes the records that were gathered.
-    Result<> flush();
+    void flush();
     // The last block; also where another could not be written.
-    Result<> end(EndReason reason);
+    void end(EndReason reason);
+
+    // Why a block could not be written, and from then on none but an END; empty: all were.
+    const std::string& failure() const { return why; }
 
     // Bytes of the file, with what is gathered for it.
     uint64_t size() const { return written + events.size(); }
 
   private:
-    Result<> writeBlock(BlockType type, std::string_view body);
+    bool writeBlock(BlockType type, std::string_view body);
     template <class Struct>
-    Result<> writeStruct(BlockType type, Struct block, std::string_view rest = {});
+    bool writeStruct(BlockType type, Struct block, std::string_view rest = {});
 
     std::string path;
+    std::string why;
     android::base::unique_fd file;
     uint64_t written = 0;   // bytes
     uint64_t records = 0;   // in the file

@@ -18,13 +18,13 @@
 #include "task/tesu_bpf_task_manager.h"
 #include "tests/support/records.h"
 #include "tests/support/served_test.h"
+#include "util/monotonic_clock.h"
 #include "util/time_util.h"
 
 namespace Tesu::Bpf {
 namespace {
 
-constexpr int64_t SECOND = 1000000000;
-constexpr int64_t REPORT_AGE = 3 * SECOND;
+constexpr int64_t REPORT_AGE = 3 * NANOSECONDS_PER_SECOND;
 // Process ids from here on are above every kernel's limit: nothing of them is found in /proc.
 constexpr int32_t FIRST_PID = 5000000;
 
@@ -48,10 +48,11 @@ void AddOrdinaryLife(Records* records) {
     std::mt19937_64 random(4);
     const auto pick = [&](int64_t count) { return static_cast<int64_t>(random() % count); };
     for (int32_t pid = FIRST_PID; pid < FIRST_PID + 30; ++pid) {
-        records->add(Init(SECOND, pid, FIRST_PID, 5, "app." + std::to_string(pid),
+        records->add(Init(NANOSECONDS_PER_SECOND, pid, FIRST_PID, 5, "app." + std::to_string(pid),
                           {pick(1 << 28), pick(1 << 28), pick(1 << 28), pick(2)}));
     }
-    for (int64_t time = SECOND; time < 10 * SECOND; time += pick(SECOND / 10)) {
+    for (int64_t time = NANOSECONDS_PER_SECOND; time < 10 * NANOSECONDS_PER_SECOND;
+         time += pick(NANOSECONDS_PER_SECOND / 10)) {
         const auto pid = static_cast<int32_t>(FIRST_PID + pick(40));
         const int64_t kind = pick(100);
         if (kind < 70) {
@@ -104,7 +105,7 @@ void AddRules(Records* records) {
 // What nothing should stumble over.
 void AddOddities(Records* records) {
     constexpr int32_t PID = FIRST_PID + 100000;
-    constexpr int64_t NOW = 100 * SECOND;
+    constexpr int64_t NOW = 100 * NANOSECONDS_PER_SECOND;
     records->add(Init(-5, PID, -1, -1, "negative", {-1, -1024, -1025, INT64_MIN}, -1),
                  Init(0, PID + 1, 0, -INT32_MAX, "", {}, INT64_MAX),
                  Init(NOW, PID + 2, PID, INT32_MAX, "sixteen-letters!",
@@ -148,7 +149,7 @@ void AddCutRecords(Records* records, size_t step) {
     constexpr int32_t PID = FIRST_PID + 200000;
     Records whole;
     whole.add(Init(5, PID, 1, 3, "cut short", {4096, 8192, 12288, 16384}),
-              Rss(9 * SECOND, PID, 1, 1 << 30), Create(5, 1, PID + 1, "short fork"),
+              Rss(9 * NANOSECONDS_PER_SECOND, PID, 1, 1 << 30), Create(5, 1, PID + 1, "short fork"),
               Exit(5, PID + 2, "short exit"));
     for (const std::string& record : whole) {
         for (size_t length = 4; length < record.size(); length += step) {

@@ -31,7 +31,7 @@ void Require(bool isTrue, const std::string& what) {
 }
 
 // Nothing outlives the driver, however that ends.
-std::vector<std::string> Bound(std::vector<std::string> command) {
+std::vector<std::string> EndingWithDriver(std::vector<std::string> command) {
     command.insert(command.begin(), {"setpriv", "--pdeathsig", "KILL"});
     return command;
 }
@@ -96,7 +96,7 @@ const char* NameOf(ServerKind kind) {
 }
 
 Server::Server(ServerKind kind, int clients)
-    : serverKind(kind), process(Bound(ServerCommand(kind, clients))) {
+    : serverKind(kind), process(EndingWithDriver(ServerCommand(kind, clients))) {
     Require(process.waitForOutput(SERVING), "the server does not serve: " + process.error);
     if (kind == ServerKind::SERVICE) {
         Require(WaitUntil([] { return IsEnabled(RING_CORE); }), "the service enables no programs");
@@ -112,7 +112,7 @@ ProcessSnapshot Server::snapshot() const {
 }
 
 IdleClients::IdleClients(const Server& server, int count)
-    : process(Bound({CLIENTS_PATH, "idle", std::to_string(count)})) {
+    : process(EndingWithDriver({CLIENTS_PATH, "idle", std::to_string(count)})) {
     Require(process.waitForOutput(CLIENTS_ARE_READY), "the idle clients do not get connected");
     // A client is connected before the service knows of it.
     Require(WaitUntil([&] { return server.snapshot().openFds > count; }),
@@ -125,7 +125,7 @@ Outcome Measure(RecordInjector& injector, const Server& server, const Load& load
     if (load.isStamped) {
         command.emplace_back("--latency");
     }
-    ChildProcess receivers(Bound(command));
+    ChildProcess receivers(EndingWithDriver(command));
     // What is sent before a client has been accepted is not for it, and only a record tells it that
     // it has been.
     Require(WaitUntil([&] {

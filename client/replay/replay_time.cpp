@@ -16,7 +16,7 @@ namespace Tesu::Bpf {
 namespace {
 
 constexpr double MOST_SECONDS = 1e8;
-constexpr int64_t DAY = 24 * 3600;  // seconds
+constexpr int64_t DAY = int64_t{24} * 3600;  // seconds
 
 // Of "S", "M:S" or "H:M:S", with a fraction of the last; nothing when it is none of them.
 std::optional<double> ParseSeconds(const std::string& text, size_t* parts) {

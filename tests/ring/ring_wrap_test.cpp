@@ -18,10 +18,10 @@
 namespace Tesu::Bpf {
 namespace {
 
-constexpr uint64_t RING_BYTES = 4096;
+constexpr uint64_t FAKE_RING_BYTES = 4096;
 
 template <class Word>
-std::atomic_ref<Word> As(void* position) {
+std::atomic_ref<Word> AtomicAt(void* position) {
     return std::atomic_ref(*static_cast<Word*>(position));
 }
 
@@ -31,31 +31,31 @@ template <class Position, bool COMPARES_WORDS>
 struct FakeRing {
     // As the kernel reserves. The record's header; null when the ring is full.
     char* write(uint64_t sequence, uint32_t size, uint32_t busyBit) {
-        const Position start = As<Position>(&producer);
+        const Position start = AtomicAt<Position>(&producer);
         const Position end = start + (size + BPF_RINGBUF_HDR_SZ + 7) / 8 * 8;
-        if (static_cast<Position>(end - As<Position>(&consumer)) > RING_BYTES - 1) {
+        if (static_cast<Position>(end - AtomicAt<Position>(&consumer)) > FAKE_RING_BYTES - 1) {
             return nullptr;
         }
-        char* const header = &records[start & (RING_BYTES - 1)];
-        As<uint32_t>(header) = size | busyBit;
-        As<uint64_t>(header + BPF_RINGBUF_HDR_SZ) = sequence;
-        As<Position>(&producer) = end;
+        char* const header = &records[start & (FAKE_RING_BYTES - 1)];
+        AtomicAt<uint32_t>(header) = size | busyBit;
+        AtomicAt<uint64_t>(header + BPF_RINGBUF_HDR_SZ) = sequence;
+        AtomicAt<Position>(&producer) = end;
         return header;
     }
 
     // libbpf's loop in a 32-bit process.
     int readAsLibrary(ring_buffer_sample_fn onRecord, void* ctx) {
-        for (uint32_t position = As<uint32_t>(&consumer);;) {
-            const uint32_t written = As<uint32_t>(&producer);
-            char* const header = &records[position & (RING_BYTES - 1)];
-            const uint32_t size = As<uint32_t>(header);
+        for (uint32_t position = AtomicAt<uint32_t>(&consumer);;) {
+            const uint32_t written = AtomicAt<uint32_t>(&producer);
+            char* const header = &records[position & (FAKE_RING_BYTES - 1)];
+            const uint32_t size = AtomicAt<uint32_t>(header);
             if ((COMPARES_WORDS ? position >= written : position == written) ||
                 (size & BPF_RINGBUF_BUSY_BIT) != 0) {
                 return 0;
             }
             const int result = onRecord(ctx, header + BPF_RINGBUF_HDR_SZ, size);
             position += (size + BPF_RINGBUF_HDR_SZ + 7) / 8 * 8;
-            As<uint32_t>(&consumer) = position;
+            AtomicAt<uint32_t>(&consumer) = position;
             if (result < 0) {
                 errno = -result;
                 return result;
@@ -66,7 +66,7 @@ struct FakeRing {
     alignas(8) uint64_t consumer;
     alignas(8) uint64_t producer;
     // Only a record that begins before the end runs past it, so the second half needs no copy.
-    alignas(8) std::array<char, 2 * RING_BYTES> records{};
+    alignas(8) std::array<char, 2 * FAKE_RING_BYTES> records{};
 };
 
 template <class Ring>
@@ -86,7 +86,7 @@ TYPED_TEST(RingWrapTest, EveryRecordArrivesOnceAndInOrder) {
         const bool isEven = round % 4 == 0;
         const int answer = round % 5 == 4 ? -ECANCELED : 0;
         const uint64_t start =
-            (uint64_t{3} << 32) - 4 * RING_BYTES - (isEven ? 0 : 8 * (round % 64));
+            (uint64_t{3} << 32) - 4 * FAKE_RING_BYTES - (isEven ? 0 : 8 * (round % 64));
         TypeParam ring{start, start};
         uint64_t written = 0;
         uint64_t arrived = 0;
@@ -97,7 +97,7 @@ TYPED_TEST(RingWrapTest, EveryRecordArrivesOnceAndInOrder) {
             return header;
         };
         std::function<int(void*)> onRecord = [&](void* data) {
-            EXPECT_EQ(As<uint64_t>(data), arrived++);
+            EXPECT_EQ(AtomicAt<uint64_t>(data), arrived++);
             if (answer == 0 && random() % 16 != 0) {
                 write();
             }
@@ -105,7 +105,7 @@ TYPED_TEST(RingWrapTest, EveryRecordArrivesOnceAndInOrder) {
         };
         RingWrap wrap(
             {&ring.consumer, reinterpret_cast<const uint32_t*>(&ring.producer), ring.records.data(),
-             RING_BYTES},
+             FAKE_RING_BYTES},
             [](void* ctx, void* data, size_t /*size*/) {
                 return (*static_cast<decltype(onRecord)*>(ctx))(data);
             },
@@ -124,7 +124,7 @@ TYPED_TEST(RingWrapTest, EveryRecordArrivesOnceAndInOrder) {
             }
             ASSERT_EQ(arrived, busy != nullptr ? whole : written);
             if (busy != nullptr) {
-                As<uint32_t>(busy) = As<uint32_t>(busy) & ~BPF_RINGBUF_BUSY_BIT;
+                AtomicAt<uint32_t>(busy) = AtomicAt<uint32_t>(busy) & ~BPF_RINGBUF_BUSY_BIT;
             }
         }
     }
