@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -120,7 +121,10 @@ TEST_F(LimitsTest, OtherUsersAreSentAwayUnlessTheyAreOfAGroup) {
     EXPECT_TRUE(connectAs(OTHER, {}).isClosedByServer());
     EXPECT_TRUE(connectAs(OTHER, {OTHER}).isClosedByServer());
     EXPECT_EQ(connectAs(MEMBERS, {}).subscribe(TYPE), 0);
-    EXPECT_EQ(connectAs(OTHER, {1, 2, 3, MEMBERS}).subscribe(TYPE), 0);
+    const char* const emulator = getenv("TESUBPF_EMULATOR");
+    if (emulator == nullptr || *emulator == '\0') {  // which does not know a peer's groups
+        EXPECT_EQ(connectAs(OTHER, {1, 2, 3, MEMBERS}).subscribe(TYPE), 0);
+    }
 }
 
 TEST_F(LimitsTest, StatusSaysWhatEachClientHasAndCostsAsLittle) {
