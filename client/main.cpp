@@ -17,6 +17,7 @@
 #include "client/dump/dump.h"
 #include "client/events/event_names.h"
 #include "client/exit_status.h"
+#include "client/metrics/metrics.h"
 #include "client/replay/info.h"
 #include "client/replay/replay_time.h"
 #include "client/status/status.h"
@@ -66,6 +67,14 @@ constexpr const char* INFO_FOOTER = R"(
 Exit status: 0 printed, with a line on standard error where the recording is damaged or cut short;
 2 no recording; 3 the output could not be written.)";
 
+constexpr const char* METRICS_FOOTER = R"(
+Needs no privileges, but knows a process's descriptors only where /proc shows them to its user or they
+were reported since. Without a daemon, tesubpf_up is 0 and nothing is said of what lives. A name is
+forgotten ten minutes after its last process. Needs a build with prometheus-cpp.
+
+Exit status: 0 ended by a signal; 2 wrong usage; 3 cannot listen, no /proc, or the file could not be
+written.)";
+
 constexpr const char* TOP_FOOTER = R"(
 Begins with what /proc shows and follows the daemon's events from there; without a daemon the figures
 stand still until there is one. Press ? for the keys. Colours are left out when NO_COLOR is set.
@@ -86,6 +95,7 @@ struct Command {
     bool asJson = false;
     TopOptions top;
     RecorderOptions record;
+    MetricsOptions metrics;
     std::string sortName = OrderColumns().front()->order.name;
     // The subcommand. Returns the exit status.
     int (*run)(Command&, const TerminationSignals&) = nullptr;
@@ -241,6 +251,42 @@ void AddStatus(CLI::App& app, Command& command) {
     });
 }
 
+void AddMetrics(CLI::App& app, Command& command) {
+    CLI::App* const metrics =
+        app.add_subcommand("metrics", "Serve figures of this machine, for Prometheus");
+    CLI::Option* const listen =
+        metrics
+            ->add_option("--listen", command.metrics.listen,
+                         "Serve them by HTTP at /metrics, as in 127.0.0.1:9842")
+            ->type_name("HOST:PORT");
+    metrics
+        ->add_option("--textfile", command.metrics.textFile,
+                     "Write them every 15 seconds, as in /var/lib/prometheus/node-exporter/"
+                     "tesubpf.prom; removed at the end")
+        ->excludes(listen)
+        ->type_name("FILE");
+    metrics
+        ->add_option("--name", command.metrics.globs,
+                     "Only names that match count on their own, the others as \"other\"; may be "
+                     "repeated (default: *)")
+        ->allow_extra_args(false)
+        ->type_name("GLOB");
+    metrics
+        ->add_option("--max-names", command.metrics.maxNames,
+                     "How many names count on their own: the first that come")
+        ->check(CLI::Range(1, 10'000).description(""))
+        ->type_name("COUNT")
+        ->capture_default_str();
+    AddSocketOption(metrics, command);
+    metrics->footer(METRICS_FOOTER);
+    metrics->callback([&command] {
+        command.run = [](Command& chosen, const TerminationSignals& signals) {
+            chosen.metrics.socketName = chosen.socketName;
+            return RunMetrics(chosen.metrics, signals);
+        };
+    });
+}
+
 int Top(Command& command, const TerminationSignals& signals) {
     const std::vector<const Column*> orders = OrderColumns();
     const auto chosen = std::find_if(orders.begin(), orders.end(), [&](const Column* column) {
@@ -305,6 +351,7 @@ int Main(int argc, char** argv) {
     AddTasks(app, command);
     AddCounters(app, command);
     AddStatus(app, command);
+    AddMetrics(app, command);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

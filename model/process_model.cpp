@@ -202,14 +202,28 @@ void ProcessModel::applyKnown(const RawTaskExitEvent& event) {
         return;
     }
     ++counts.exits;
-    const Process* const process = find(event.pid);
-    // An exit before the start was that of an earlier process of this number.
-    if (process == nullptr || time < process->startTime - START_TOLERANCE) {
-        return;
+    if (const std::optional<Ending> ending = endingOf(event)) {
+        crashLoops.addExit(FieldText(event.comm), ending->lifetime, time);
+        table.erase(event.pid);
     }
-    crashLoops.addExit(FieldText(event.comm), std::max<int64_t>(time - process->startTime, 0),
-                       time);
-    table.erase(event.pid);
+}
+
+std::optional<ProcessModel::Ending> ProcessModel::endingOf(const RawTaskExitEvent& event) const {
+    const int64_t time = event.header.time;
+    const auto found = table.find(event.pid);
+    // An exit before the start was that of an earlier process of this number.
+    if (event.taskType != RAW_TASK_PROCESS || !IsPlausible(time) || found == table.end() ||
+        time < found->second.startTime - START_TOLERANCE) {
+        return {};
+    }
+    return Ending{.isKernelThread = found->second.row.isKernelThread,
+                  .lifetime = std::max<int64_t>(time - found->second.startTime, 0)};
+}
+
+void ProcessModel::forEach(const std::function<void(const ProcessRow& row)>& visit) const {
+    for (const auto& [pid, process] : table) {
+        visit(process.row);
+    }
 }
 
 void ProcessModel::countThread(int32_t pid, int64_t time, bool made) {

@@ -19,6 +19,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -121,6 +122,16 @@ class ProcessModel {
 
     // Lets the time pass: rates are those of the last full second.
     void advanceTo(int64_t now);
+
+    // The process whose end an exit record reports, as it is known before the record is applied.
+    struct Ending {
+        bool isKernelThread = false;
+        int64_t lifetime = 0;  // nanoseconds
+    };
+    std::optional<Ending> endingOf(const RawTaskExitEvent& event) const;
+
+    // Every process, in no order; `age`, `change`, history and hints are not set.
+    void forEach(const std::function<void(const ProcessRow& row)>& visit) const;
 
     // As of the last advanceTo. Sizes up the whole table, but only the rows asked for are copied.
     ProcessView view(const ViewRequest& request);

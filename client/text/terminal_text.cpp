@@ -91,6 +91,15 @@ std::string EscapeForTerminal(std::string_view text) {
     return escaped;
 }
 
+std::string ToValidUtf8(std::string_view text) {
+    std::string valid;
+    while (!text.empty()) {
+        const Character character = TakeCharacter(&text);
+        valid += character.codePoint < 0 ? "\uFFFD" : character.bytes;
+    }
+    return valid;
+}
+
 std::string PadRight(std::string text, size_t width) {
     size_t used = 0;
     for (std::string_view left = text; !left.empty();) {

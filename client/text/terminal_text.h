@@ -25,6 +25,10 @@ bool IsUnicodeShown();
 // becomes \xHH per byte. A backslash is doubled.
 std::string EscapeForTerminal(std::string_view text);
 
+// The text with U+FFFD for each byte that belongs to no character of valid UTF-8: for programs, not
+// for a terminal.
+std::string ToValidUtf8(std::string_view text);
+
 // Adds blanks up to `width` cells; wider text is left alone.
 std::string PadRight(std::string text, size_t width);
 

@@ -2,13 +2,14 @@
 //
 // What a service may send to the client program: the input as one event, and as a stream in pieces
 // of any size. Nothing in it reaches a terminal but as text.
+#include <android-base/unique_fd.h>
 #include <cutils/sockets.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include "client/events/event_json.h"
-#include "libtesubpf/event_stream.h"
 #include "client/events/event_text.h"
+#include "libtesubpf/event_stream.h"
 #include "model/process_model.h"
 #include "tests/fuzz/fuzz.h"
 
