@@ -43,7 +43,7 @@ it refused every subscription; 2 wrong usage, or no recording; 3 the output coul
 
 constexpr const char* DUMP_FOOTER = R"(
 Asks the daemon by signal, for which it takes the same user or root, and prints the file that it
-writes under /data/tesulog/stability/tesubpfframework.
+writes.
 
 Exit status: 0 printed; 1 no daemon, or it gave no dump; 2 wrong usage; 3 the output could not be
 written.)";

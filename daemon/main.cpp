@@ -9,6 +9,7 @@
 #include <poll.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -25,10 +26,13 @@
 #include "daemon/instance_lock.h"
 #include "daemon/pin_check.h"
 #include "daemon/properties.h"
+#include "daemon/service_manager.h"
 #include "ipc/local_socket.h"
 #include "records/contract.h"
+#include "service/bpf_program.h"
 #include "service/host_defaults.h"
 #include "service/tesu_bpf_service.h"
+#include "util/string_util.h"
 #include "util/termination_signals.h"
 
 namespace Tesu::Bpf {
@@ -54,6 +58,7 @@ Dumps on request, by signal to this process: 50 event counters, 51 to 54 task ta
 constexpr std::chrono::milliseconds PIN_INTERVAL{500};
 constexpr std::chrono::milliseconds SERVING_INTERVAL{10};
 constexpr std::chrono::seconds SERVING_NOTICE{5};
+constexpr int BEGIN_INTERVAL_MS = 100;
 
 // Everything the service reads must be there before it starts. False when a property is refused.
 bool PrepareHost(const Properties& properties) {
@@ -65,9 +70,10 @@ bool PrepareHost(const Properties& properties) {
         }
     }
     SetHostDefaults();
-    if (const std::error_code error = MakeParents(DUMP_DIR)) {
-        std::fprintf(stderr, "tesubpfd: warning: no dumps can be written to %s: %s\n", DUMP_DIR,
-                     error.message().c_str());
+    const std::string dumps = android::base::GetProperty(DUMP_DIR_PROPERTY, DUMP_DIR);
+    if (const std::error_code error = MakeParents(dumps)) {
+        std::fprintf(stderr, "tesubpfd: warning: no dumps can be written to %s: %s\n",
+                     dumps.c_str(), error.message().c_str());
     }
     return true;
 }
@@ -112,12 +118,43 @@ void AnnounceServing(const TerminationSignals& signals) {
     std::fflush(stdout);
 }
 
-// Until a signal comes or the service asks for a restart.
-void WaitForEnd(const TerminationSignals& signals, const TesuBpfService& service) {
+// Whether what is to be attached was tried, and the rings that are to be read are open.
+bool HasBegun(const TesuBpfService& service) {
+    return service.ringStatus(RING_CORE).monitor != RING_MONITOR_NOT_STARTED &&
+           (!TesuBpfService::checkKernelVersion() ||
+            service.ringStatus(RING_GPL).monitor != RING_MONITOR_NOT_STARTED);
+}
+
+// In one line.
+std::string Describe(const std::vector<BpfProgramState>& programs) {
+    size_t attached = 0;
+    std::string missing;
+    for (const BpfProgramState& program : programs) {
+        attached += program.isAttached ? 1 : 0;
+        missing += program.isAttached ? "" : (missing.empty() ? "; not: " : ", ") + program.event;
+    }
+    return StringPrintf("%zu of %zu programs attached", attached, programs.size()) + missing;
+}
+
+// Until a signal comes or the service asks for a restart. Tells the service's manager when events
+// come. False, at once, when none can come.
+bool WaitForEnd(const TerminationSignals& signals, const TesuBpfService& service) {
     pollfd waited[] = {{.fd = signals.fd(), .events = POLLIN, .revents = 0},
                        {.fd = service.restartFd(), .events = POLLIN, .revents = 0}};
-    while (poll(waited, std::size(waited), -1) <= 0) {  // a dump's signal
-    }
+    bool isTold = false;
+    do {
+        if (!isTold && HasBegun(service)) {
+            const std::vector<BpfProgramState> programs = GetBpfProgramStates();
+            if (std::none_of(programs.begin(), programs.end(),
+                             [](const BpfProgramState& program) { return program.isAttached; })) {
+                return false;
+            }
+            NotifyServiceManager("READY=1\nSTATUS=" + Describe(programs));
+            isTold = true;
+        }  // poll() also returns for a dump's signal
+    } while (poll(waited, std::size(waited), isTold ? -1 : BEGIN_INTERVAL_MS) <= 0);
+    NotifyServiceManager("STOPPING=1");
+    return true;
 }
 
 // Runs the service.
@@ -131,10 +168,14 @@ int Serve(const TerminationSignals& signals) {
     TesuBpfService* const service = TesuBpfService::GetInstance();
     std::thread supervisor([service] { service->Wait(); });
     AnnounceServing(signals);
-    WaitForEnd(signals, *service);
+    const bool hasServed = WaitForEnd(signals, *service);
     const std::string reason = service->restartReason();
     service->stop();
     supervisor.join();
+    if (!hasServed) {
+        std::fprintf(stderr, "tesubpfd: no program could be attached; the log above says why\n");
+        return DAEMON_FAILED;
+    }
     if (reason.empty()) {
         return DAEMON_ENDED;
     }
@@ -218,16 +259,30 @@ int Main(int argc, char** argv) {
            "  queue_bytes        the same for all clients together; default 67108864\n"
            "  client_types       event types of one client; default 256\n"
            "  clients            clients at a time; default 256\n"
-           "  client_uids        user ids that may connect, \"0,1000\"; default: everybody")
+           "  client_uids        user ids that may connect, \"0,1000\"; default: everybody\n"
+           "  client_gids        group ids whose members may, too; default: everybody\n"
+           "  dump_dir           folder for dumps; default: " +
+               std::string(DUMP_DIR))
         ->allow_extra_args(false)
         ->type_name("NAME=VALUE");
+    std::vector<std::string> groups;
+    app.add_option("-g,--client-group", groups,
+                   "Only root and members of this group may connect; may be repeated")
+        ->allow_extra_args(false)
+        ->type_name("GROUP");
     app.footer(FOOTER);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? DAEMON_ENDED : DAEMON_USAGE;
     }
-    const Result<Properties> properties = ParseProperties(settings);
+    Result<Properties> properties = ParseProperties(settings);
+    for (const std::string& group : groups) {
+        if (const Result<> admitted = properties ? AdmitGroup(group, &*properties) : Result<>();
+            !admitted) {
+            properties = Failure(admitted.error());
+        }
+    }
     if (!properties) {
         std::fprintf(stderr, "tesubpfd: %s\n", properties.error().c_str());
         return DAEMON_USAGE;

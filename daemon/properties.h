@@ -18,6 +18,10 @@ using Properties = std::map<std::string, std::string>;
 // hold further "=". Fails at the first that is malformed.
 Result<Properties> ParseProperties(const std::vector<std::string>& arguments);
 
+// Lets root and the members of the group named be clients, and of others only those whom the
+// properties let in already. Fails where there is no such group.
+Result<> AdmitGroup(const std::string& group, Properties* properties);
+
 // "6.18" of the kernel release "6.18.44-cloud-amd64"; the whole text when it does not begin with
 // two numbers.
 std::string MajorMinor(const std::string& release);

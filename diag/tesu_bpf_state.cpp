@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "diag/tesu_bpf_state.h"
 
+#include <android-base/properties.h>
+
 #include <algorithm>
 #include <vector>
 
@@ -113,7 +115,8 @@ void TesuBpfDataState::DumpState() {
     for (const StateRow& row : rows) {
         text += FormatRow(row);
     }
-    if (!ReplaceDumpFile(TESUTASK_DUMP_TEMPLATE, text)) {
+    const std::string folder = android::base::GetProperty(DUMP_DIR_PROPERTY, TESUTASK_DUMP_PATH);
+    if (!ReplaceDumpFile(folder + "/" + STATE_DUMP_FILE, text)) {
         TESU_LOGE(TESU_LOG_UTILS, "[TesuBpfDataState][DumpState] open file failed!");
     }
 }

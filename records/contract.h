@@ -36,7 +36,8 @@ inline constexpr const char* OPEN_FD_MAP = TESU_CORE_MAP("open_fd_caller_map");
 inline constexpr const char* DMABUF_ALLOCATE_MAP = TESU_GPL_MAP("dmabuf_allocate_map");
 inline constexpr const char* DMABUF_SIZE_MAP = TESU_GPL_MAP("dmabuf_size_map");
 
-// Dumps, which the service writes when a signal asks for one.
+// Dumps, which the service writes when a signal asks for one. Here, or where DUMP_DIR_PROPERTY
+// says.
 inline constexpr const char* DUMP_DIR = "/data/tesulog/stability/tesubpfframework";
 inline constexpr const char* TASK_DUMP_FILE = "DUMPTASK_INFO";
 inline constexpr const char* STATE_DUMP_FILE = "bpfservice_state.csv";
@@ -72,6 +73,11 @@ inline constexpr const char* CLIENT_TYPES_PROPERTY = TESU_PROPERTY("client_types
 inline constexpr const char* CLIENTS_PROPERTY = TESU_PROPERTY("clients");
 // User ids that may connect, as in "0,1000"; absent or empty: everybody.
 inline constexpr const char* CLIENT_UIDS_PROPERTY = TESU_PROPERTY("client_uids");
+// Groups whose members may, too. With either list those that are in none are sent away.
+inline constexpr const char* CLIENT_GIDS_PROPERTY = TESU_PROPERTY("client_gids");
+
+// The folder for dumps on a host that has none of that name; absent or empty: DUMP_DIR.
+inline constexpr const char* DUMP_DIR_PROPERTY = TESU_PROPERTY("dump_dir");
 
 }  // namespace Tesu::Bpf
 #endif

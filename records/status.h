@@ -26,8 +26,9 @@ struct ServiceStatus {
     int64_t startTime;    // monotonic nanoseconds
     char version[16];     // NUL-terminated
     uint64_t queueBytes;  // memory of all clients' queues
+    char dumpFolder[96];  // NUL-terminated; of a property, which has fewer letters
 };
-static_assert(sizeof(ServiceStatus) == 40, "wire layout");
+static_assert(sizeof(ServiceStatus) == 136, "wire layout");
 
 struct ProgramStatus {
     uint32_t kind;

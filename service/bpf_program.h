@@ -43,7 +43,7 @@ struct BpfProgramState {
     bool isAttached = false;
 };
 // What came of each program that these drivers were to attach, in that order.
-std::vector<BpfProgramState> GetBpfProgramStates();
+TESU_API std::vector<BpfProgramState> GetBpfProgramStates();
 
 // For hosts; the service calls none of these.
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The service's side of a client connection. Runs on the socket loop thread.
+#include <android-base/properties.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -121,11 +122,14 @@ bool TesuBpfService::reportStatus(int fd, uint32_t requestId) {
     if (!events->mayAsk(fd)) {
         return false;
     }
-    const ServiceStatus self{.kind = STATUS_SERVICE,
-                             .pid = getpid(),
-                             .startTime = startTime,
-                             .version = TESUBPF_VERSION,
-                             .queueBytes = FrameBlock::BytesInUse()};
+    ServiceStatus self{.kind = STATUS_SERVICE,
+                       .pid = getpid(),
+                       .startTime = startTime,
+                       .version = TESUBPF_VERSION,
+                       .queueBytes = FrameBlock::BytesInUse(),
+                       .dumpFolder = {}};
+    android::base::GetProperty(DUMP_DIR_PROPERTY, DUMP_DIR)
+        .copy(self.dumpFolder, sizeof(self.dumpFolder) - 1);
     const std::vector<std::string> report =
         BuildStatusReport(self, GetBpfProgramStates(),
                           {ringStatus(RING_CORE), ringStatus(RING_GPL)}, events->clientStates());

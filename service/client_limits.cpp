@@ -5,8 +5,10 @@
 #include <android-base/properties.h>
 #include <android-base/strings.h>
 
+#include <algorithm>
 #include <limits>
 #include <string>
+#include <vector>
 
 #include "ipc/peer_credentials.h"
 #include "records/contract.h"
@@ -29,6 +31,25 @@ size_t ReadLimit(const char* property) {
     return limit;
 }
 
+// What is no number in the list is nobody's id.
+std::set<uint32_t> ReadIds(const char* property) {
+    std::set<uint32_t> ids;
+    const std::string list = android::base::GetProperty(property, "");
+    if (list.empty()) {
+        return ids;
+    }
+    for (const std::string& word : android::base::Split(list, ",")) {
+        uint32_t id = 0;
+        const bool isId = android::base::ParseUint(android::base::Trim(word), &id);
+        if (!isId) {
+            TESU_LOGE(TESU_LOG_SERVICE, "[ClientAdmission] %s has what is no number: %s", property,
+                      word.c_str());
+        }
+        ids.insert(isId ? id : std::numeric_limits<uint32_t>::max());
+    }
+    return ids;
+}
+
 }  // namespace
 
 EventLimits ReadEventLimits() {
@@ -37,26 +58,23 @@ EventLimits ReadEventLimits() {
             .clientTypes = ReadLimit(CLIENT_TYPES_PROPERTY)};
 }
 
-// What is no user id lets nobody in.
-ClientAdmission::ClientAdmission() : mostClients(ReadLimit(CLIENTS_PROPERTY)) {
-    const std::string list = android::base::GetProperty(CLIENT_UIDS_PROPERTY, "");
-    if (list.empty()) {
-        return;
+ClientAdmission::ClientAdmission()
+    : uids(ReadIds(CLIENT_UIDS_PROPERTY)),
+      gids(ReadIds(CLIENT_GIDS_PROPERTY)),
+      mostClients(ReadLimit(CLIENTS_PROPERTY)) {}
+
+bool ClientAdmission::mayStay(int fd, const ucred& peer) const {
+    if ((uids.empty() && gids.empty()) || uids.contains(peer.uid) || gids.contains(peer.gid)) {
+        return true;
     }
-    for (const std::string& word : android::base::Split(list, ",")) {
-        uid_t uid = 0;
-        const bool isUid = android::base::ParseUint(android::base::Trim(word), &uid);
-        if (!isUid) {
-            TESU_LOGE(TESU_LOG_SERVICE, "[ClientAdmission] %s has what is no user id: %s",
-                      CLIENT_UIDS_PROPERTY, word.c_str());
-        }
-        uids.insert(isUid ? uid : std::numeric_limits<uid_t>::max());
-    }
+    const std::vector<gid_t> groups = PeerGroups(fd);
+    return std::any_of(groups.begin(), groups.end(),
+                       [&](gid_t group) { return gids.contains(group); });
 }
 
 bool ClientAdmission::admit(int fd, size_t others) {
     const ucred peer = PeerCredentials(fd);
-    const bool isAllowed = uids.empty() || uids.contains(peer.uid);
+    const bool isAllowed = mayStay(fd, peer);
     if (isAllowed && (mostClients == 0 || others < mostClients)) {
         return true;
     }

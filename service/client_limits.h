@@ -3,7 +3,10 @@
 // What clients may cost and who may be one, by the host's properties.
 #pragma once
 
+#include <sys/socket.h>
+
 #include <chrono>
+#include <cstdint>
 #include <map>
 #include <set>
 
@@ -24,8 +27,12 @@ class ClientAdmission {
     bool admit(int fd, size_t others);
 
   private:
-    std::set<uid_t> uids;  // none: everybody
-    size_t mostClients;    // 0: no limit
+    bool mayStay(int fd, const ucred& peer) const;
+
+    // Both none: everybody.
+    std::set<uint32_t> uids;
+    std::set<uint32_t> gids;
+    size_t mostClients;  // 0: no limit
     std::map<uid_t, std::chrono::steady_clock::time_point> refused;
 };
 

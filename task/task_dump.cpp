@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "task/task_dump.h"
 
+#include <android-base/properties.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -140,7 +142,8 @@ void TesuTaskManager::dump(KernelTasks kernelTasks, OldColumns oldColumns) {
     SortForDump(rows);
     const auto now = static_cast<uint64_t>(time(nullptr));
     const bool withOldColumns = oldColumns == OldColumns::PRINTED;
-    if (!ReplaceDumpFile(TESUTASK_DUMP_TEMPLATE,
+    const std::string folder = android::base::GetProperty(DUMP_DIR_PROPERTY, TESUTASK_DUMP_PATH);
+    if (!ReplaceDumpFile(folder + "/" + TASK_DUMP_FILE,
                          FormatTaskDump(count, now, rows, withOldColumns))) {
         TESU_LOGE(TESU_LOG_UTILS, "failed to dump tesu task, error: %s", strerror(errno));
     }

@@ -3,9 +3,13 @@
 // What a client may cost, with the limits switched on. As in wire_test, the tests hand the service
 // its records.
 #include <android-base/properties.h>
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "client/status/status_request.h"
 #include "ipc/frame_block.h"
@@ -101,11 +105,26 @@ TEST_F(LimitsTest, SubscriptionsAndClientsAreCounted) {
     }));
 }
 
-TEST_F(LimitsTest, OtherUsersAreSentAway) {
+TEST_F(LimitsTest, OtherUsersAreSentAwayUnlessTheyAreOfAGroup) {
+    constexpr gid_t OTHER = 64001;
+    constexpr gid_t MEMBERS = 64002;
     SetProperty(CLIENT_UIDS_PROPERTY, std::to_string(getuid() + 1) + ",nobody");
+    SetProperty(CLIENT_GIDS_PROPERTY, std::to_string(MEMBERS) + ",nobody");
     start();
-    ASSERT_TRUE(client.connectTo(SERVICE_SOCKET_NAME));
-    EXPECT_TRUE(client.isClosedByServer());
+    const auto connectAs = [](gid_t group, std::vector<gid_t> others) {
+        EXPECT_EQ(setgroups(others.size(), others.data()), 0);
+        EXPECT_EQ(setegid(group), 0);
+        WireClient tried;
+        EXPECT_TRUE(tried.connectTo(SERVICE_SOCKET_NAME));
+        return tried;
+    };
+    EXPECT_TRUE(connectAs(OTHER, {}).isClosedByServer());
+    EXPECT_TRUE(connectAs(OTHER, {OTHER}).isClosedByServer());
+    EXPECT_EQ(connectAs(MEMBERS, {}).subscribe(TYPE), 0);
+    const char* const emulator = getenv("TESUBPF_EMULATOR");
+    if (emulator == nullptr || *emulator == '\0') {  // which does not know a peer's groups
+        EXPECT_EQ(connectAs(OTHER, {1, 2, 3, MEMBERS}).subscribe(TYPE), 0);
+    }
 }
 
 TEST_F(LimitsTest, StatusSaysWhatEachClientHasAndCostsAsLittle) {

@@ -10,8 +10,10 @@
 
 #include "client/dump/dump_request.h"
 #include "client/exit_status.h"
+#include "client/status/status_request.h"
 #include "client/text/output.h"
 #include "client/text/terminal_text.h"
+#include "records/event_table.h"
 
 namespace Tesu::Bpf {
 
@@ -29,12 +31,19 @@ std::string EscapeLines(const std::string& text) {
     return android::base::Join(lines, '\n');
 }
 
+// Where the daemon says that it writes. One that does not say writes where all did.
+std::string DumpFolder(const std::string& socketName) {
+    const Result<StatusReport> report = RequestStatus(socketName);
+    const std::string folder = report ? std::string(FieldText(report->service.dumpFolder)) : "";
+    return folder.empty() ? DUMP_DIR : folder;
+}
+
 }  // namespace
 
 int RunDump(const std::string& socketName, DumpSignal kind, const TerminationSignals& signals) {
     const Result<pid_t> service = FindServiceProcess(socketName);
-    const auto text =
-        service ? RequestDump(*service, kind, DUMP_DIR, signals) : Failure(service.error());
+    const auto text = service ? RequestDump(*service, kind, DumpFolder(socketName), signals)
+                              : Failure(service.error());
     if (!text) {
         return Fail(EXIT_NOT_SERVED, text.error());
     }

@@ -141,7 +141,8 @@ Result<std::optional<std::string>> AwaitFile(pid_t service, DumpSignal kind,
         // then failed to write another.
         const bool hasEnded = !Catches(service, kind);
         const bool hasFailed = watch->hasFailed();
-        unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        // The daemon puts a regular file there, whoever else might not.
+        unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
         std::string text;
         if (fd.ok() && !IsSameFile(fd.get(), old.get())) {
             if (android::base::ReadFdToString(fd.get(), &text) && IsOfKind(kind, text)) {
@@ -198,6 +199,10 @@ Result<std::optional<std::string>> RequestDump(pid_t service, DumpSignal kind,
     if (!Catches(service, kind)) {
         return Failure(StringPrintf("the daemon (pid %d) is not ready for dumps yet", service));
     }
+    const std::string daemon = StringPrintf("the daemon (pid %d)", service);
+    if (kill(service, 0) != 0 && errno == EPERM) {
+        return Failure("no permission to signal " + daemon + ": try as root");
+    }
     // The last folder alone is made by the service.
     const std::string parent = std::filesystem::path(folder).parent_path();
     if (access(parent.c_str(), F_OK) != 0 && errno == ENOENT) {
@@ -214,10 +219,8 @@ Result<std::optional<std::string>> RequestDump(pid_t service, DumpSignal kind,
     watch.begin();
     // Held open, so that no new file can have its number.
     unique_fd old(open(path.c_str(), O_PATH | O_CLOEXEC));
-    const std::string daemon = StringPrintf("the daemon (pid %d)", service);
     if (kill(service, kind) != 0) {
-        return errno == EPERM ? Failure("no permission to signal " + daemon + ": try as root")
-                              : SystemFailure("cannot signal " + daemon);
+        return SystemFailure("cannot signal " + daemon);
     }
     return AwaitFile(service, kind, path, std::move(old), &watch, signals);
 }
