@@ -115,7 +115,7 @@ TEST_F(ProgramsTest, CarryAProcessFromTheKernelToTheUser) {
     const std::string loaded =
         OutputOf({TESUBPFLOAD_PATH, "--ring-size", std::to_string(LARGE_RING_BYTES)});
     const bool isSecondOn = hasSecondByDefault();
-    ChildProcess daemon({TESUBPFD_PATH, "--property", "ro.kernel.version=6.1"});
+    ChildProcess daemon(PatientDaemon({"--property", "ro.kernel.version=6.1"}));
     ASSERT_TRUE(daemon.waitForOutput(std::string("serving on @") + SERVICE_SOCKET_NAME + "\n"));
     EXPECT_THAT(OutputOf({TESUBPFD_PATH}, 3), HasSubstr("another daemon runs already"));
     for (const RingIndex ring : {RING_CORE, RING_GPL}) {

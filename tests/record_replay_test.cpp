@@ -215,7 +215,7 @@ TEST_F(RecordLiveTest, AStormIsShownAgainAsItWasShownLive) {
     const TempDir temp;
     const std::string path = temp.path("recording");
     OutputOf({TESUBPFLOAD_PATH, "--ring-size", std::to_string(32 << 20)});
-    ChildProcess daemon({TESUBPFD_PATH});
+    ChildProcess daemon(PatientDaemon());
     ASSERT_TRUE(daemon.waitForOutput("serving on @")) << daemon.error;
     ChildProcess recorder({TESUBPF_PATH, "record", "-o", path});
     ASSERT_TRUE(recorder.waitForError("connected")) << recorder.error;

@@ -40,13 +40,7 @@ std::vector<std::string> ServerCommand(ServerKind kind, int clients) {
     switch (kind) {
         case ServerKind::SERVICE:
             // Without limits on clients, which the peers do not have.
-            return {TESUBPFD_PATH,
-                    "--property",
-                    CLIENTS_PROPERTY + std::string("=0"),
-                    "--property",
-                    CLIENT_QUEUE_BYTES_PROPERTY + std::string("=0"),
-                    "--property",
-                    QUEUE_BYTES_PROPERTY + std::string("=0")};
+            return PatientDaemon({"--property", CLIENTS_PROPERTY + std::string("=0")});
         case ServerKind::ZMQ:
             return {ZMQ_PEER_PATH};
         case ServerKind::RAW:

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "records/contract.h"
 #include "tests/support/wait_until.h"
 
 // A build for another machine runs in a user-mode emulator, which the environment names with its
@@ -67,6 +68,19 @@ class ChildProcess {
     android::base::unique_fd terminalFd;  // our side of it
     termios modesBefore{};
 };
+
+#ifdef TESUBPFD_PATH
+// A daemon that waits for its clients however far a busy machine lets them fall behind.
+inline std::vector<std::string> PatientDaemon(const std::vector<std::string>& arguments = {}) {
+    std::vector<std::string> command = {TESUBPFD_PATH};
+    for (const char* const limit :
+         {Tesu::Bpf::CLIENT_QUEUE_BYTES_PROPERTY, Tesu::Bpf::QUEUE_BYTES_PROPERTY}) {
+        command.insert(command.end(), {"--property", limit + std::string("=0")});
+    }
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return command;
+}
+#endif
 
 // What a program prints, error output last, that runs to its end by itself.
 inline std::string OutputOf(const std::vector<std::string>& arguments, int status = 0) {
