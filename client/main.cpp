@@ -9,7 +9,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
 #include <optional>
 #include <string>
 #include <vector>
@@ -28,6 +27,7 @@
 #include "client/watch/watch.h"
 #include "recording/recorder.h"
 #include "records/contract.h"
+#include "util/run_program.h"
 #include "util/termination_signals.h"
 
 namespace Tesu::Bpf {
@@ -393,10 +393,5 @@ int Main(int argc, char** argv) {
 }  // namespace Tesu::Bpf
 
 int main(int argc, char** argv) {
-    try {
-        return Tesu::Bpf::Main(argc, argv);
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "tesubpf: %s\n", error.what());
-        return EXIT_FAILURE;
-    }
+    return Tesu::Bpf::RunProgram("tesubpf", Tesu::Bpf::Main, argc, argv);
 }

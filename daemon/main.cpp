@@ -15,7 +15,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
 #include <iterator>
 #include <optional>
 #include <string>
@@ -32,6 +31,7 @@
 #include "service/bpf_program.h"
 #include "service/host_defaults.h"
 #include "service/tesu_bpf_service.h"
+#include "util/run_program.h"
 #include "util/string_util.h"
 #include "util/termination_signals.h"
 
@@ -295,11 +295,5 @@ int Main(int argc, char** argv) {
 }  // namespace Tesu::Bpf
 
 int main(int argc, char** argv) {
-    try {
-        return Tesu::Bpf::Main(argc, argv);
-    } catch (const std::exception& error) {
-        // A thread could not be created, or memory ran out.
-        std::fprintf(stderr, "tesubpfd: %s\n", error.what());
-        return EXIT_FAILURE;
-    }
+    return Tesu::Bpf::RunProgram("tesubpfd", Tesu::Bpf::Main, argc, argv);
 }

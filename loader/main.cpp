@@ -6,10 +6,10 @@
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <cstdio>
-#include <exception>
 #include <iostream>
 
 #include "loader/load_set.h"
+#include "util/run_program.h"
 
 namespace {
 
@@ -67,10 +67,5 @@ int Run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    try {
-        return Run(argc, argv);
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "tesubpfload: %s\n", error.what());
-        return Tesu::Bpf::LOADER_FAILED;
-    }
+    return Tesu::Bpf::RunProgram("tesubpfload", Run, argc, argv);
 }

@@ -15,6 +15,7 @@
 #include "libtesubpf/tesubpf.h"
 #include "recording/recorder.h"
 #include "records/contract.h"
+#include "util/run_program.h"
 #include "util/string_util.h"
 #include "util/termination_signals.h"
 
@@ -130,5 +131,5 @@ int Main(int argc, char** argv) {
 }  // namespace Tesu::Bpf
 
 int main(int argc, char** argv) {
-    return Tesu::Bpf::Main(argc, argv);
+    return Tesu::Bpf::RunProgram("tesubpfrecord", Tesu::Bpf::Main, argc, argv);
 }

@@ -161,6 +161,7 @@ extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept {
     constexpr int64_t EPOCH = 1'700'000'000'000 * MS;
     const int64_t value =
         now + (clock == CLOCK_BOOTTIME ? asleep : 0) + (clock == CLOCK_REALTIME ? EPOCH : 0);
-    *time = {.tv_sec = value / (1000 * MS), .tv_nsec = value % (1000 * MS)};
+    *time = {.tv_sec = static_cast<time_t>(value / (1000 * MS)),
+             .tv_nsec = static_cast<long>(value % (1000 * MS))};
     return 0;
 }
