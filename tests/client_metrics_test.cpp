@@ -16,6 +16,7 @@
 #include "tests/support/fake_service.h"
 #include "tests/support/records.h"
 #include "tests/support/temp_dir.h"
+#include "util/monotonic_clock.h"
 
 namespace Tesu::Bpf {
 namespace {
@@ -24,16 +25,27 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr int64_t SECOND = 1'000'000'000;
-constexpr int64_t START = 100 * SECOND;
+constexpr int64_t BEGIN_TIME = 100 * NANOSECONDS_PER_SECOND;
 
 ProcessSnapshot Found(int32_t pid, const std::string& name, bool isKernelThread = false) {
-    return {pid, 1, 0, name, isKernelThread, false, 2, {5, 70, 0, 9}, 4, START, START + SECOND};
+    return {pid,
+            1,
+            0,
+            name,
+            isKernelThread,
+            false,
+            2,
+            {5, 70, 0, 9},
+            4,
+            BEGIN_TIME,
+            BEGIN_TIME + NANOSECONDS_PER_SECOND};
 }
 
 class FleetMetricsTest : public testing::Test {
   protected:
-    void news(uint32_t kind) { metrics.take({kind, 0, 0, 0, START, nullptr, ""}, nullptr, model); }
+    void news(uint32_t kind) {
+        metrics.take({kind, 0, 0, 0, BEGIN_TIME, nullptr, ""}, nullptr, model);
+    }
     template <class Record>
     void record(const Record& record) {
         const Event event = record;
@@ -54,45 +66,47 @@ TEST_F(FleetMetricsTest, SaysNothingOfWhatIsNotKnown) {
     const auto isSilent =
         AllOf(HasSubstr("\ntesubpf_up 0\n"), Not(HasSubstr("\ntesubpf_processes ")),
               Not(HasSubstr("_processes{name=")), Not(HasSubstr("ring=")));
-    model.mergeProc(START, {Found(7, "a")});
-    EXPECT_THAT(textAt(START), isSilent);
+    model.mergeProc(BEGIN_TIME, {Found(7, "a")});
+    EXPECT_THAT(textAt(BEGIN_TIME), isSilent);
     news(TESUBPF_CONNECTED);
     news(TESUBPF_SUBSCRIBED);
     StatusReport report;
     report.rings = {{STATUS_RING, 0, RING_MONITOR_RUNNING, 0, 4096, 0, 0, 0},
                     {STATUS_RING, 1, RING_MONITOR_NOT_STARTED, 0, 0, 0, 0, 0}};
     metrics.takeStatus(report);
-    EXPECT_THAT(textAt(START), Not(HasSubstr("gpl")));
-    model.apply(RawFdUpdateEvent{Header(RAW_EVENT_FD_UPDATE, START + 2 * SECOND), 7, 0, 12, 0, ""});
-    record(RecordsLostNotification{{NOTIFICATION_RECORDS_LOST, 0, START}, 1, 0, 2, 30});
-    EXPECT_THAT(textAt(START),
+    EXPECT_THAT(textAt(BEGIN_TIME), Not(HasSubstr("gpl")));
+    model.apply(RawFdUpdateEvent{
+        Header(RAW_EVENT_FD_UPDATE, BEGIN_TIME + 2 * NANOSECONDS_PER_SECOND), 7, 0, 12, 0, ""});
+    record(RecordsLostNotification{{NOTIFICATION_RECORDS_LOST, 0, BEGIN_TIME}, 1, 0, 2, 30});
+    EXPECT_THAT(textAt(BEGIN_TIME),
                 AllOf(HasSubstr("\ntesubpf_up 1\n"), HasSubstr("total{ring=\"core\"} 0\n"),
                       HasSubstr("total{ring=\"gpl\"} 30\n"), HasSubstr("\ntesubpf_processes 1\n"),
                       HasSubstr("_open_fds{name=\"a\"} 12\n")));
     // The descriptors of one of them are not readable.
     ProcessSnapshot closed = Found(8, "a");
     closed.openFds.reset();
-    model.mergeProc(START, {Found(7, "a"), closed});
-    EXPECT_THAT(textAt(START), Not(HasSubstr("_open_fds{name=\"a\"}")));
+    model.mergeProc(BEGIN_TIME, {Found(7, "a"), closed});
+    EXPECT_THAT(textAt(BEGIN_TIME), Not(HasSubstr("_open_fds{name=\"a\"}")));
     news(TESUBPF_LOST);
-    EXPECT_THAT(textAt(START), isSilent);
+    EXPECT_THAT(textAt(BEGIN_TIME), isSilent);
 }
 
 TEST_F(FleetMetricsTest, KeepsNamesWithinTheirBound) {
     news(TESUBPF_SUBSCRIBED);
     // Two that are the same in valid UTF-8, one in the kernel's name, one that nobody wants.
-    model.mergeProc(START,
+    model.mergeProc(BEGIN_TIME,
                     {Found(2, "kthreadd", true), Found(7, "odd\xff\"\n"), Found(8, "odd\xfe\"\n"),
                      Found(9, "[kernel]"), Found(10, "cc1plus"), Found(11, "a")});
-    textAt(START);
-    record(Exit(START + 10 * SECOND, 11, "a1"));
-    record(Create(START + 20 * SECOND, 1, 12, "shell"));
-    record(Exit(START + 31 * SECOND, 12, "a1"));
+    textAt(BEGIN_TIME);
+    record(Exit(BEGIN_TIME + 10 * NANOSECONDS_PER_SECOND, 11, "a1"));
+    record(Create(BEGIN_TIME + 20 * NANOSECONDS_PER_SECOND, 1, 12, "shell"));
+    record(Exit(BEGIN_TIME + 31 * NANOSECONDS_PER_SECOND, 12, "a1"));
     for (int i = 0; i < 10; ++i) {
-        record(Exit(START + 40 * SECOND, 100 + i, "a2" + std::to_string(i % 5)));
+        record(
+            Exit(BEGIN_TIME + 40 * NANOSECONDS_PER_SECOND, 100 + i, "a2" + std::to_string(i % 5)));
     }
     const std::string odd = "{name=\"odd\xef\xbf\xbd\\\"\\n\"";
-    EXPECT_THAT(textAt(START + 40 * SECOND),
+    EXPECT_THAT(textAt(BEGIN_TIME + 40 * NANOSECONDS_PER_SECOND),
                 AllOf(HasSubstr("_processes" + odd + "} 2\n"),
                       HasSubstr("_bytes" + odd + ",kind=\"anon\"} 140\n"),
                       HasSubstr("largest_resident_memory_bytes" + odd + "} 84\n"),
@@ -105,11 +119,13 @@ TEST_F(FleetMetricsTest, KeepsNamesWithinTheirBound) {
                       HasSubstr("\ntesubpf_name_process_exits_total{name=\"other\"} 10\n"),
                       HasSubstr("\ntesubpf_names_dropped_total 5\n")));
     // A name without processes is 0 for a while, and gives up its place.
-    EXPECT_THAT(textAt(START + 600 * SECOND), HasSubstr("_processes{name=\"a1\"} 0\n"));
-    EXPECT_THAT(textAt(START + 650 * SECOND),
+    EXPECT_THAT(textAt(BEGIN_TIME + 600 * NANOSECONDS_PER_SECOND),
+                HasSubstr("_processes{name=\"a1\"} 0\n"));
+    EXPECT_THAT(textAt(BEGIN_TIME + 650 * NANOSECONDS_PER_SECOND),
                 AllOf(Not(HasSubstr("\"a1\"")), HasSubstr("_processes" + odd + "} 2\n")));
-    record(Exit(START + 650 * SECOND, 5, "late"));
-    EXPECT_THAT(textAt(START + 650 * SECOND), HasSubstr("_exits_total{name=\"late\"} 1\n"));
+    record(Exit(BEGIN_TIME + 650 * NANOSECONDS_PER_SECOND, 5, "late"));
+    EXPECT_THAT(textAt(BEGIN_TIME + 650 * NANOSECONDS_PER_SECOND),
+                HasSubstr("_exits_total{name=\"late\"} 1\n"));
 }
 
 std::string Scrape(uint16_t port) {
@@ -140,7 +156,8 @@ TEST(MetricsTest, MayBeAskedWhileEventsCome) {
     service.acceptClient(std::size(LiveProcesses::TYPES));
     std::jthread flood([&service] {
         for (int i = 0; i < 2000; ++i) {
-            service.sendEvent(Bytes(Exit(START + i, 1 << 24, "late" + std::to_string(i % 20))));
+            service.sendEvent(
+                Bytes(Exit(BEGIN_TIME + i, 1 << 24, "late" + std::to_string(i % 20))));
         }
     });
     EXPECT_TRUE(WaitUntil([&] {

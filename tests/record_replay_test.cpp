@@ -70,7 +70,7 @@ class RecordTest : public testing::Test {
         }
     }
 
-    const TempDir temp;
+    const TempDir temp{};
     const std::string path = temp.path("recording");
     const std::string name = FakeService::uniqueName();
     FakeService service{name};

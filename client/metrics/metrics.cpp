@@ -82,7 +82,7 @@ class Fleet : public prometheus::Collectable {
 
 void Fleet::takeEvents() {
     const MutexLock lock(mutex);
-    live.takeEvents([this](const tesubpf_event& item, const Event* record) {
+    live.takeEvents([this](const tesubpf_event& item, const Event* record) REQUIRES(mutex) {
         metrics.take(item, record, live.model);
         isStatusDue = isStatusDue || item.kind == TESUBPF_SUBSCRIBED;
         if (const std::string news = DescribeNews(item, socketName); !news.empty()) {
