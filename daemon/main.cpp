@@ -118,7 +118,7 @@ void AnnounceServing(const TerminationSignals& signals) {
     std::fflush(stdout);
 }
 
-// Whether what is to be attached was tried, and the rings that are to be read are open.
+// Whether what is to be attached was tried, and the monitors of the rings to be read have begun.
 bool HasBegun(const TesuBpfService& service) {
     return service.ringStatus(RING_CORE).monitor != RING_MONITOR_NOT_STARTED &&
            (!TesuBpfService::checkKernelVersion() ||

@@ -5,6 +5,7 @@
 
 #include <bpf/bpf.h>
 #include <poll.h>
+#include <signal.h>
 #include <time.h>
 
 #include <cerrno>
@@ -198,7 +199,7 @@ int TesuBpfService::pollRing(RingMonitor& monitor, RingReplacement& replacement)
             account.taken.store(monitor.taken, std::memory_order_relaxed);
             if (result == READING_INTERRUPTED) {
                 result = 0;
-                pause = pace.none();
+                pause = pace.afterInterruption();
             } else {
                 pause =
                     pace.after(monitor.reader->position() - begin, monitor.reader->waiting() == 0);
@@ -236,12 +237,15 @@ int TesuBpfService::pollRing(RingMonitor& monitor, RingReplacement& replacement)
     return 0;
 }
 
-// Less when the service stops or a signal comes. Always 0.
+// Less when the service stops; a signal waits for the end, because RingPace counts on a whole rest.
+// Always 0.
 int TesuBpfService::restFor(std::chrono::nanoseconds duration) {
     if (duration.count() > 0) {
         pollfd stop = {.fd = stopFd.get(), .events = POLLIN, .revents = 0};
         const timespec limit = {.tv_sec = 0, .tv_nsec = static_cast<long>(duration.count())};
-        ppoll(&stop, 1, &limit, nullptr);
+        sigset_t signals;
+        sigfillset(&signals);
+        ppoll(&stop, 1, &limit, &signals);
     }
     return 0;
 }

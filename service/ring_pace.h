@@ -43,8 +43,8 @@ class RingPace {
         return last;
     }
 
-    // The reading was interrupted: there is more.
-    Pause none() {
+    // After a reading that was interrupted: there is more.
+    Pause afterInterruption() {
         last = {.rest = std::chrono::nanoseconds(0), .wantsWakeup = false};
         return last;
     }

@@ -30,6 +30,11 @@ bool AddTypes(const std::string& word, std::vector<uint32_t>* types) {
 
 }  // namespace
 
+std::string EventTypeName(uint32_t type) {
+    const auto row = std::ranges::find(EVENT_TYPES, type, &EventType::type);
+    return row != EVENT_TYPES.end() ? row->name : std::to_string(type);
+}
+
 std::string DescribeEventTypes() {
     std::string text;
     for (const EventType& row : EVENT_TYPES) {

@@ -11,6 +11,9 @@
 
 namespace Tesu::Bpf {
 
+// The name, or the number of a type that has none here.
+std::string EventTypeName(uint32_t type);
+
 // Every name with its short form and number, one per line, for a help text.
 std::string DescribeEventTypes();
 

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <map>
 
+#include "client/events/event_names.h"
 #include "client/exit_status.h"
 #include "client/replay/replay.h"
 #include "client/replay/replay_time.h"
@@ -69,11 +70,6 @@ void Count(const RecordingItem& item, Contents* contents) {
     }
 }
 
-std::string NameOf(uint32_t type) {
-    const auto row = std::ranges::find(EVENT_TYPES, type, &EventType::type);
-    return row != EVENT_TYPES.end() ? row->name : std::to_string(type);
-}
-
 std::string Describe(const std::string& path, const HeaderBlock& header, const Contents& contents) {
     const auto text = [](const auto& field) { return EscapeForTerminal(FieldText(field)); };
     const auto line = [](const char* name, const std::string& value) {
@@ -101,7 +97,7 @@ std::string Describe(const std::string& path, const HeaderBlock& header, const C
     out += line("end", contents.ending);
     out += "\nEVENT                     COUNT        BYTES\n";
     for (const auto& [type, amount] : contents.events) {
-        out += StringPrintf("%-20s %10" PRIu64 " %12" PRIu64 "\n", NameOf(type).c_str(),
+        out += StringPrintf("%-20s %10" PRIu64 " %12" PRIu64 "\n", EventTypeName(type).c_str(),
                             amount.count, amount.bytes);
     }
     return out;

@@ -3,12 +3,12 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <iterator>
 #include <nlohmann/json.hpp>
 
+#include "client/events/event_names.h"
 #include "client/exit_status.h"
 #include "client/status/status_request.h"
 #include "client/text/output.h"
@@ -50,11 +50,7 @@ std::string ProcessName(int32_t pid) {
 std::string TypeNames(const std::vector<int32_t>& types) {
     std::string names;
     for (const int32_t type : types) {
-        const auto known =
-            std::find_if(EVENT_TYPES.begin(), EVENT_TYPES.end(),
-                         [&](const auto& row) { return row.type == static_cast<uint32_t>(type); });
-        names += names.empty() ? "" : ",";
-        names += known == EVENT_TYPES.end() ? std::to_string(type) : known->name;
+        names += (names.empty() ? "" : ",") + EventTypeName(static_cast<uint32_t>(type));
     }
     return names.empty() ? "none" : names;
 }
