@@ -110,7 +110,8 @@ TEST(RingPaceTest, WaitsOnlyAfterARestWithWakeupsThatFoundNothing) {
     EXPECT_TRUE(pace.after(40, true).wantsWakeup) << "a record alone";
     EXPECT_FALSE(pace.after(0, true).rest.has_value());
     for (const bool isInterrupted : {false, true}) {
-        EXPECT_FALSE((isInterrupted ? pace.afterInterruption() : pace.after(4000, true)).wantsWakeup);
+        EXPECT_FALSE(
+            (isInterrupted ? pace.afterInterruption() : pace.after(4000, true)).wantsWakeup);
         for (const bool isEmpty : {true, false, false}) {
             const RingPace::Pause pause = pace.after(0, isEmpty);
             EXPECT_TRUE(pause.wantsWakeup);
