@@ -72,8 +72,7 @@ int tracepoint_kmem_rss_stat(void* ctx) {
     const int64_t size = LoadLong(ctx, kernelLayout.rssSize, kernelLayout.rssSizeBytes);
     if (LoadInt(ctx, kernelLayout.rssCurr) == 0) {
         RecordForeignMm(mm, member, size);
-    } else if (!IsKernelThread(task)) {
-        EmitNewMm(task.pid, mm, member);
+    } else if (EnterMm(task, mm, member)) {
         ReportSize(task.pid, mm, member, size);
     }
     return 0;

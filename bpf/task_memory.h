@@ -125,16 +125,24 @@ static __always_inline void HoldNewMm(uint32_t pid, const struct MmSizes* sizes,
     bpf_map_update_elem(&held_sizes, &pid, &held, BPF_ANY);
 }
 
-/* Before a process's own update of `member`: if the mm is new to it, emits the other sizes, or
- * with a step leaves them to that update. Of a new process those that were not recorded are 0. */
-static __always_inline void EmitNewMm(uint32_t pid, uint32_t mm, uint32_t member) {
+/* Before an update of the current task's own mm: whether it is an update of the process, and not of
+ * a kernel thread with an mm that it borrowed. Emits the other sizes of an mm that is new to the
+ * process, or with a step leaves them to that update. Of a new process those that were not recorded
+ * are 0.
+ *
+ * process_mm has no kernel threads, so a task whose mm it has is none. */
+static __always_inline int EnterMm(struct CurrentTask task, uint32_t mm, uint32_t member) {
     if (mm == 0) {
-        return;
+        return !IsKernelThread(task);
     }
+    const uint32_t pid = task.pid;
     const uint32_t* found = bpf_map_lookup_elem(&process_mm, &pid);
     const uint32_t former = found != NULL ? *found : 0;
     if (former == mm) {
-        return;
+        return 1;
+    }
+    if (IsKernelThread(task)) {
+        return 0;
     }
     const int isExec = former != 0;
     bpf_map_update_elem(&process_mm, &pid, &mm, BPF_ANY);
@@ -146,7 +154,7 @@ static __always_inline void EmitNewMm(uint32_t pid, uint32_t mm, uint32_t member
     }
     if (kernelLayout.rssStep != 0) {
         HoldNewMm(pid, &sizes, isExec);
-        return;
+        return 1;
     }
 #pragma unroll
     for (uint32_t other = 0; other < RSS_MEMBER_COUNT; ++other) {
@@ -154,6 +162,7 @@ static __always_inline void EmitNewMm(uint32_t pid, uint32_t mm, uint32_t member
             WriteRssStat(pid, other, sizes.bytes[other]);
         }
     }
+    return 1;
 }
 
 /* A process's own update. Several threads may be here for one process. A record that is lost is not
