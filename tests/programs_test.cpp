@@ -176,9 +176,11 @@ TEST_F(ProgramsTest, TheDaemonEndsWhereItWouldServeSilence) {
         OutputOf({TESUBPFLOAD_PATH, "--ring-size", "1048576"});
     };
     const auto expectEnd = [](int status, const std::string& reason,
-                              const std::function<void()>& change = {}) {
+                              const std::function<void()>& change = {},
+                              std::vector<std::string> command = {}) {
         SetRingFlags(RING_CORE, 0);
-        ChildProcess daemon({TESUBPFD_PATH, "-p", "sys.tesu_bpf_watch_pins=1"});
+        command.insert(command.end(), {TESUBPFD_PATH, "-p", "sys.tesu_bpf_watch_pins=1"});
+        ChildProcess daemon(command);
         if (change) {
             ASSERT_TRUE(WaitUntil([] { return IsEnabled(RING_CORE); })) << daemon.error;
             change();
@@ -194,15 +196,22 @@ TEST_F(ProgramsTest, TheDaemonEndsWhereItWouldServeSilence) {
         const RawEventHeader bad = {.type = 99, .padding = 0, .time = 0};
         RecordInjector(RING_CORE).inject(&bad, sizeof(bad), 6);
     });
+    expectEnd(1, "no right to use eBPF", {}, {"setpriv", "--bounding-set", "-all"});
     for (const char* const tracing : {"/sys/kernel/tracing", "/sys/kernel/debug"}) {
         mount("none", tracing, "tmpfs", 0, nullptr);
     }
     expectEnd(1, "no program could be attached");
-    const std::string pin = std::string(PIN_DIR) + "/" + OPEN_FD_MAP;
-    unlink(pin.c_str());
-    expectEnd(1, pin + " is missing");
-    ASSERT_EQ(bpf_obj_pin(OpenPin(CORE_STATUS_MAP).get(), pin.c_str()), 0);
-    expectEnd(1, pin + " is of another build");
+    // Each is like the one that it replaces, but for the size of a value or the type.
+    for (const auto& [name, other] : {std::pair(OPEN_FD_MAP, DMABUF_SIZE_MAP),
+                                      {CORE_CURRENT_RING_MAP, CORE_POLLED_MAP},
+                                      {CORE_RING_MAP, nullptr}}) {
+        const std::string pin = std::string(PIN_DIR) + "/" + name;
+        unlink(pin.c_str());
+        if (other != nullptr) {
+            ASSERT_EQ(bpf_obj_pin(OpenPin(other).get(), pin.c_str()), 0);
+        }
+        expectEnd(1, pin + (other == nullptr ? " is missing" : " is of another build"));
+    }
     while (umount("/sys/fs/bpf") == 0) {  // one may lie over another
     }
     expectEnd(1, "no bpf file system");
