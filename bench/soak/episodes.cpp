@@ -2,10 +2,15 @@
 #include "bench/soak/episodes.h"
 
 #include <sys/mount.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
 #include <thread>
+#include <utility>
 
 #include "records/contract.h"
 #include "records/raw_event.h"
@@ -19,6 +24,12 @@ using namespace std::chrono_literals;
 using std::this_thread::sleep_for;
 
 constexpr int64_t MUTE_CLIENTS_LIMIT_KIB = 102400;
+constexpr uint64_t GROUP_MEMORY_BYTES = 100 << 20;
+
+// Where a group of processes has its memory limited, and by which file: cgroup v2, v1.
+constexpr std::pair<const char*, const char*> MEMORY_GROUPS[] = {
+    {"/sys/fs/cgroup/tesubpf_soak", "memory.max"},
+    {"/sys/fs/cgroup/memory/tesubpf_soak", "memory.limit_in_bytes"}};
 
 void CheckDump() {
     ChildProcess client({TESUBPF_PATH, "tasks"});
@@ -76,6 +87,21 @@ void FreezeDaemon(Daemon& daemon) {
     daemon.sendSignal(SIGCONT);
 }
 
+// Of the daemon and of all that the kernel keeps for it, what waits in sockets included. Empty:
+// this machine cannot.
+std::string MemoryGroup(uint64_t bytes) {
+    for (const auto& [folder, file] : MEMORY_GROUPS) {
+        std::error_code error;
+        std::filesystem::create_directory(folder, error);
+        const std::string limit = std::filesystem::path(folder) / file;
+        if (std::filesystem::exists(limit, error) && std::ofstream(limit) << bytes << std::flush) {
+            return folder;
+        }
+        rmdir(folder);
+    }
+    return {};
+}
+
 }  // namespace
 
 void (*const EPISODES[EPISODE_COUNT])(Daemon& daemon) = {FillDisk, MakePinsReadOnly,
@@ -91,6 +117,18 @@ void ExhaustMemory() {
     mute.clear();
     CheckDump();
     daemon.end(SIGTERM, 0);
+}
+
+void LimitMemory() {
+    const std::string group = MemoryGroup(GROUP_MEMORY_BYTES);
+    if (group.empty()) {
+        std::cout << "no memory controller: not tried under its limit" << std::endl;
+        return;
+    }
+    Daemon daemon({"/bin/sh", "-c", "echo $$ >" + group + "/cgroup.procs && exec " TESUBPFD_PATH});
+    ConnectMuteClients(daemon);
+    daemon.end(SIGTERM, 0);
+    rmdir(group.c_str());
 }
 
 }  // namespace Tesu::Bpf

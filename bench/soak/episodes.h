@@ -14,4 +14,7 @@ extern void (*const EPISODES[EPISODE_COUNT])(Daemon& daemon);
 // A daemon of its own, without limits on clients, which runs out of memory under them.
 void ExhaustMemory();
 
+// A daemon of its own, with limits on clients, under a memory controller's limit.
+void LimitMemory();
+
 }  // namespace Tesu::Bpf

@@ -161,6 +161,7 @@ void Run(int minutes, uint64_t rate) {
     RunMinutes(minutes, daemon, injection);
     Restart(daemon, injection);
     ExhaustMemory();
+    LimitMemory();
     injection.pause();
     std::cout << "\nminutes                " << minutes << "\nrecords injected       "
               << injection.sent << "\nrefused by a full ring " << injection.refused
