@@ -16,7 +16,7 @@ constexpr size_t LEAST_FRAME_SIZE = 16;
 }  // namespace
 
 // Room for all that is there when it becomes full, so that nothing allocates or fails later.
-StagedEvents::StagedEvents() {
+void StagedEvents::reserve() {
     frames.reserve(FULL_BYTES + IPC_BUFFER_SIZE);
     entries.reserve(FULL_BYTES / LEAST_FRAME_SIZE + 1);
     stagedTypes.reserve(entries.capacity());
@@ -24,6 +24,9 @@ StagedEvents::StagedEvents() {
 }
 
 void StagedEvents::add(int32_t type, const char* event, unsigned size) {
+    if (wantedTypes.capacity() == 0) {  // the last one
+        reserve();
+    }
     const uint32_t head[] = {IPC_PACKAGE_HEADER_SIZE + size, IPC_PACKAGE_EVENT, size};
     const auto* const headBytes = reinterpret_cast<const char*>(head);
     frames.insert(frames.end(), headBytes, headBytes + sizeof(head));

@@ -17,9 +17,7 @@ class StagedEvents {
     // The largest event that fits a connection's write buffer.
     static constexpr unsigned MAX_EVENT_SIZE = IPC_MAX_PACKAGE_SIZE - IPC_PACKAGE_HEADER_SIZE;
 
-    StagedEvents();
-
-    // Copies an event of at most that size.
+    // Copies an event of at most that size. The first one throws where memory has run out.
     void add(int32_t type, const char* event, unsigned size);
     // Enough for a send.
     bool isFull() const { return frames.size() >= FULL_BYTES; }
@@ -50,7 +48,9 @@ class StagedEvents {
         uint32_t typeIndex;  // in stagedTypes
     };
 
+    void reserve();
     uint32_t indexOf(int32_t type);
+
     std::vector<char> frames;
     std::vector<Entry> entries;
     std::vector<int32_t> stagedTypes;

@@ -2,6 +2,8 @@
 //
 // What a ring lost is noticed within a second. Clients are told each time; it is logged at once,
 // then at most every 30 seconds.
+#include <new>
+
 #include "records/notification.h"
 #include "service/lost_records.h"
 #include "service/ring_monitor.h"
@@ -38,8 +40,13 @@ void TesuBpfService::lookForLosses(RingMonitor& monitor) {
         .padding = 0,
         .lost = lost - monitor.lostSeen,
         .total = lost};
-    EventManager::GetInstance()->AppendEvent(reinterpret_cast<const char*>(&notification),
-                                             sizeof(notification));
+    try {
+        EventManager::GetInstance()->AppendEvent(reinterpret_cast<const char*>(&notification),
+                                                 sizeof(notification));
+    } catch (const std::bad_alloc&) {
+        monitor.lossWatch = LossWatch(monitor.reader->size());  // the next look tells of them
+        return;
+    }
     monitor.lostSeen = lost;
     if (now - monitor.timeOfLossLog >= LOG_INTERVAL) {
         TESU_LOGW(TESU_LOG_SERVICE, "[TesuBpfService][%s] %llu records were lost, %llu in all",

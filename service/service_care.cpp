@@ -71,18 +71,17 @@ void TesuBpfService::care(seconds pinInterval, seconds tableInterval) {
     Appointment table(IsInInitialPidNamespace() ? tableInterval : seconds(0));
     const auto untilNext = [&] { return std::min(pins.left(), table.left()); };
     while (!sleepUnlessStopped(untilNext())) {
-        if (pins.isDue() && hasOtherPins()) {
-            requestRestart("other eBPF programs were pinned than those in use");
-            pins = Appointment();
-        }
-        if (table.isDue()) {
-            try {
-                compareTable(tableInterval);
-            } catch (const std::bad_alloc&) {
-                // The next comparison finds what this one would have.
-                TESU_LOGW(TESU_LOG_SERVICE,
-                          "[TesuBpfService][care] no memory to compare the table");
+        try {
+            if (pins.isDue() && hasOtherPins()) {
+                requestRestart("other eBPF programs were pinned than those in use");
+                pins = Appointment();
             }
+            if (table.isDue()) {
+                compareTable(tableInterval);
+            }
+        } catch (const std::bad_alloc&) {
+            // The next look finds what this one would have.
+            TESU_LOGW(TESU_LOG_SERVICE, "[TesuBpfService][care] no memory");
         }
     }
 }

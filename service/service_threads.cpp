@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <new>
 #include <system_error>
 #include <utility>
 
@@ -79,9 +80,12 @@ void TesuBpfService::createGplThreadIfDue() {
 }
 
 void TesuBpfService::createCareThreadIfDue() {
+    if (!ready || !running || careThread.joinable()) {
+        return;
+    }
     const seconds pins = SecondsOf(WATCH_PINS_PROPERTY);
     const seconds table = SecondsOf(MEND_TABLE_PROPERTY);
-    if (ready && running && !careThread.joinable() && pins + table > seconds(0)) {
+    if (pins + table > seconds(0)) {
         careThread = CreateThread([this, pins, table] {
             PrepareThread("BpfServiceCare", "care");
             care(pins, table);
@@ -131,10 +135,14 @@ int TesuBpfService::Wait() {
         if (!running && !stopped) {
             return 0;
         }
-        if (running) {
-            createCoreThread();
-            createGplThreadIfDue();
-            createCareThreadIfDue();
+        try {
+            if (running) {
+                createCoreThread();
+                createGplThreadIfDue();
+                createCareThreadIfDue();
+            }
+        } catch (const std::bad_alloc&) {
+            TESU_LOGE(TESU_LOG_SERVICE, "[TesuBpfService][Wait] no memory for the threads");
         }
     } while (!sleepUnlessStopped(SUPERVISION_STEP));
     stop();
