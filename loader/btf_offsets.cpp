@@ -3,7 +3,9 @@
 
 #include <android-base/file.h>
 #include <bpf/btf.h>
+#include <linux/btf.h>
 
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <string_view>
@@ -72,9 +74,22 @@ Result<std::optional<uint32_t>> FindMember(const ::btf* types, const btf_type* c
     return std::nullopt;
 }
 
+// libbpf reads types where the header says they are, aligned or not.
+bool HasAlignedTypes(std::string_view btfBytes) {
+    btf_header header = {};
+    if (btfBytes.size() < sizeof(header)) {
+        return false;
+    }
+    std::memcpy(&header, btfBytes.data(), sizeof(header));
+    return header.magic == BTF_MAGIC && (header.hdr_len + header.type_off) % alignof(btf_type) == 0;
+}
+
 }  // namespace
 
 Result<> ParseBtfOffsets(std::string_view btfBytes, TesuKernelLayout* layout) {
+    if (!HasAlignedTypes(btfBytes)) {
+        return Failure("no type information of this machine");
+    }
     const BtfPointer types(btf__new(btfBytes.data(), static_cast<uint32_t>(btfBytes.size())),
                            &btf__free);
     if (types == nullptr) {
