@@ -80,11 +80,15 @@ int TesuBpfService::gpleventMonitor() {
 int TesuBpfService::runMonitor(RingMonitor monitor) {
     std::atomic<RingMonitorState>& state = ringAccounts[monitor.which].monitor;
     state = RING_MONITOR_RUNNING;
-    const int result = drainRing(monitor);
+    int result = -1;
+    try {
+        result = drainRing(monitor);
+    } catch (const std::bad_alloc&) {
+        TESU_LOGE(TESU_LOG_SERVICE, "[TesuBpfService][%s] no memory", monitor.name);
+    }
     state = result == 0 ? RING_MONITOR_STOPPED : RING_MONITOR_FAILED;
     if (result != 0 && !monitor.hasNoPins) {
-        requestRestart(std::string("a ring buffer is not read any more, as its ") + monitor.name +
-                       " ended with an error");
+        requestRestart("a ring buffer is not read any more; the log says why");
     }
     return result;
 }

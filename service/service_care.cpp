@@ -166,11 +166,11 @@ void TesuBpfService::mendTable(RingMonitor& monitor) {
     isMendingDue.store(false, std::memory_order_release);
 }
 
-void TesuBpfService::requestRestart(const std::string& reason) {
-    TESU_LOGE(TESU_LOG_SERVICE, "[TesuBpfService][requestRestart] %s", reason.c_str());
+void TesuBpfService::requestRestart(const char* reason) {
+    TESU_LOGE(TESU_LOG_SERVICE, "[TesuBpfService][requestRestart] %s", reason);
     {
         MutexLock lock(servicelock);
-        reasonToRestart = reasonToRestart.empty() ? reason : reasonToRestart;
+        reasonToRestart = *reasonToRestart == '\0' ? reason : reasonToRestart;
     }
     eventfd_write(restartEvent.get(), 1);
 }

@@ -176,7 +176,8 @@ class TESU_API TesuBpfService {
     void compareTable(std::chrono::seconds interval);
     // On the core ring's poll thread, between two readings.
     void mendTable(RingMonitor& monitor);
-    void requestRestart(const std::string& reason);
+    // The reason is a literal.
+    void requestRestart(const char* reason);
     // True when stopped, at the latest after `duration`.
     bool sleepUnlessStopped(std::chrono::milliseconds duration);
 
@@ -244,7 +245,7 @@ class TESU_API TesuBpfService {
     uint64_t lostAtComparison = 0;
 
     android::base::unique_fd restartEvent;
-    std::string reasonToRestart GUARDED_BY(servicelock);
+    const char* reasonToRestart GUARDED_BY(servicelock) = "";
 };
 
 }  // namespace Tesu::Bpf
