@@ -280,14 +280,17 @@ IpcWriteResult UnixIpcManager::writeWhatFits(int fd) {
     if (mutex == nullptr) {
         return IpcWriteResult::GONE;
     }
+    const std::unique_lock lock(*mutex, std::try_to_lock);
+    const bool isHeld = lock.owns_lock() && findGuard(fd) == mutex;
     if (epollManager->joinWriteEvent(fd)) {
         // The loop waits for room and would never hear of a peer that reads no more.
-        disconnectIfBroken(fd, send(fd, "", 0, MSG_DONTWAIT | MSG_NOSIGNAL));
+        if (isHeld) {
+            disconnectIfBroken(fd, send(fd, "", 0, MSG_DONTWAIT | MSG_NOSIGNAL));
+        }
         return IpcWriteResult::DONE;
     }
-    const std::unique_lock lock(*mutex, std::try_to_lock);
     BufferState* writeBuffer = findBuffer(&UnixIpcManager::writeBuffers, fd);
-    if (!lock.owns_lock() || writeBuffer == nullptr || findGuard(fd) != mutex) {
+    if (!isHeld || writeBuffer == nullptr) {
         return epollManager->notifyWriteEventReady(fd) ? IpcWriteResult::DONE
                                                        : IpcWriteResult::GONE;
     }
