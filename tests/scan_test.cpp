@@ -125,7 +125,8 @@ TEST(ScanTest, TheTableIsMendedByWhatIsStillSo) {
         CHANGED,
         LEFT,
         ENDS,
-        AGAIN
+        AGAIN,
+        SAME
     };
     const TempDir proc;
     const auto write = [&proc](int32_t pid, int64_t start, int flags = 0) {
@@ -152,6 +153,8 @@ TEST(ScanTest, TheTableIsMendedByWhatIsStillSo) {
         put(pid, 1);
         write(pid, 4);
     }
+    put(SAME, 1);  // but for rounding
+    write(SAME, 3);
     put(GONE, 1);
     put(LEFT, 1);
     TableMending mending(
