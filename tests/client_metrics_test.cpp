@@ -9,7 +9,6 @@
 #include <csignal>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "client/metrics/fleet_metrics.h"
 #include "tests/support/child_process.h"

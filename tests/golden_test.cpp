@@ -111,9 +111,9 @@ void AddOddities(Records* records) {
                  Init(NOW, PID + 2, PID, INT32_MAX, "sixteen-letters!",
                       {INT64_MAX, INT64_MAX, INT64_MAX, INT64_MAX}, INT64_MIN),
                  Init(NOW, PID + 3, 2, 1, "percent %s %n \\", {1023, 1024, 1025, 2047}),
-                 Init(NOW, PID + 3, 2, 1, "percent again", {1024, 2048, 4096, 8192}),
+                 Init(NOW, PID + 3, 2, 1, "\u6f22\u5b57", {1024, 2048, 4096, 8192}),
                  Init(NOW, INT32_MAX, -INT32_MAX, 1, "\xc3\xa4\xff\x1b[31m", {1, 0, 0, 0}),
-                 Init(NOW, -7, 1, 1, "\xe2\x80\xae\xc2\x9b\n\t\"\x7f\xf0", {1LL << 40, 0, 0, 0}));
+                 Init(NOW, -7, 1, 1, "\u202e\u009b\n\t\"\x7f\xf0\u2028\xed\xa0\x80", {1LL << 40}));
     // Totals that wrap among others that do not: the comparison runs in a circle.
     for (int32_t i = 0; i < 6; ++i) {
         records->add(Init(NOW, PID + 10 + i, 1, 1, "wraps", {INT64_MAX / 6 * i, 1LL << 62, i, 0}));

@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstring>
 #include <vector>
 
 #include "records/contract.h"

@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// `tesubpf top` as a user runs it: on a pseudo-terminal, against a service of the test's own.
+// `tesubpf watch` and `tesubpf top` as a user runs them, the latter on a pseudo-terminal: at a
+// service that does what services do and what they should not, and with a recording.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,22 +22,49 @@ namespace {
 
 constexpr size_t TOP_SUBSCRIPTIONS = 6;
 
-class TopTest : public testing::Test {
-  protected:
-    std::vector<std::string> top(const std::vector<std::string>& options) const {
-        std::vector<std::string> arguments = {TESUBPF_PATH, "top", "--socket", name};
-        arguments.insert(arguments.end(), options.begin(), options.end());
-        return arguments;
-    }
+std::string ExitOf(int32_t pid) {
+    return Bytes(Exit(0, pid, "name"));
+}
 
+class ClientLiveTest : public testing::Test {
+  protected:
     const std::string name = FakeService::uniqueName();
-    FakeService service{name};
+    const std::vector<std::string> watch = {TESUBPF_PATH, "watch",  "--socket",
+                                            name,         "--type", "exit"};
+    const std::vector<std::string> top = {TESUBPF_PATH, "top",      "--socket",
+                                          name,         "--filter", "ghost"};
+    std::optional<FakeService> service{std::in_place, name};
 };
+using WatchTest = ClientLiveTest;
+using TopTest = ClientLiveTest;
+
+TEST_F(WatchTest, ConnectsAgainWhateverBecameOfTheConnection) {
+    ChildProcess client(watch);
+    service->acceptClient(1);
+    service->sendEvent(ExitOf(101));
+    service->sendBytes(WireClient::word(7));  // no frame is as short
+    EXPECT_TRUE(client.waitForError("does not speak the protocol"));
+    EXPECT_NE(client.output.find("101"), std::string::npos);
+    service.reset();
+    EXPECT_TRUE(client.waitForError("no daemon is listening on @" + name));
+    service.emplace(name);
+    service->acceptClient(1);
+    service->sendEvent(ExitOf(103));
+    EXPECT_TRUE(client.waitForOutput("103"));
+}
+
+TEST_F(WatchTest, EndsWithTheReaderOfItsOutput) {
+    ChildProcess client(watch);
+    service->acceptClient(1);
+    EXPECT_TRUE(client.waitForError("connected"));
+    client.closeOutput();  // no event is needed for it
+    EXPECT_EQ(client.waitForExit(), 0);
+}
 
 TEST_F(TopTest, GivesTheTerminalBackHoweverItEndsAndWhileItIsStopped) {
     for (const bool isKilled : {false, true}) {
-        ChildProcess program(top({}), true);
-        service.acceptClient(TOP_SUBSCRIPTIONS);
+        ChildProcess program(top, true);
+        service->acceptClient(TOP_SUBSCRIPTIONS);
         ASSERT_TRUE(program.waitForNewOutput("live"));
         EXPECT_FALSE(program.hasTerminalModesOfBefore());
         program.type("\x1a");
@@ -59,13 +88,13 @@ TEST_F(TopTest, GivesTheTerminalBackHoweverItEndsAndWhileItIsStopped) {
 }
 
 TEST_F(TopTest, ShowsEventsAndSurvivesEverySize) {
-    ChildProcess program(top({"--filter", "ghost"}), true);
-    service.acceptClient(TOP_SUBSCRIPTIONS);
+    ChildProcess program(top, true);
+    service->acceptClient(TOP_SUBSCRIPTIONS);
     // Later than anything that is read of /proc, which has no process of such a number.
     const int64_t later = MonotonicNanoseconds() + 3600 * NANOSECONDS_PER_SECOND;
-    service.sendEvent(Bytes(Create(later, 1, 4194304, "ghost-proc")));
+    service->sendEvent(Bytes(Create(later, 1, 4194304, "ghost-proc")));
     EXPECT_TRUE(program.waitForOutput("ghost-proc"));
-    service.sendEvent(Bytes(Rss(later + 1, 4194304, RSS_ANON, 20 << 20)));
+    service->sendEvent(Bytes(Rss(later + 1, 4194304, RSS_ANON, 20 << 20)));
     EXPECT_TRUE(program.waitForNewOutput("20.0 MiB"));
     for (const auto& [width, height] :
          {std::pair<unsigned short, unsigned short>{1, 1}, {300, 2}, {0, 0}, {200, 60}}) {
