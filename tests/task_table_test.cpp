@@ -1,13 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// One odd tree in the place of /proc, and all that read it; and when the service looks at the real
-// one again.
+// The table of tasks: where its records lie while processes come and go by the thousand; one odd
+// tree in the place of /proc, and all that read it; and when the service looks at the real one
+// again.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <map>
+#include <random>
 #include <set>
 #include <sstream>
 #include <string>
@@ -19,6 +23,7 @@
 #include "task/map_seeding.h"
 #include "task/table_mending.h"
 #include "task/task_scan.h"
+#include "task/task_store.h"
 #include "task/tesu_bpf_task_manager.h"
 #include "tests/support/records.h"
 #include "tests/support/temp_dir.h"
@@ -28,6 +33,40 @@
 
 namespace Tesu::Bpf {
 namespace {
+
+TEST(TaskStoreTest, ARecordIsFoundWhereItWasPutAndItsRoomIsUsedAgain) {
+    std::mt19937 random(1);
+    std::vector<int32_t> pids(4000);
+    std::generate(pids.begin(), pids.end(), [&] { return static_cast<int32_t>(random()); });
+    TaskStore store;
+    std::map<int32_t, TesuTask*> records;
+    std::set<TesuTask*> places;
+    size_t most = 0;
+    for (uint32_t step = 1; step <= 40000; ++step) {
+        const int32_t pid = pids[random() % pids.size()];
+        if (random() % 2 == 0) {
+            ASSERT_EQ(store.erase(pid), records.erase(pid) != 0);
+        } else {
+            TesuTask task;
+            task.pid = pid;
+            task.mmId = step;
+            store.put(pid, task);
+            TesuTask* const place = store.find(pid);
+            ASSERT_EQ(records.try_emplace(pid, place).first->second, place);
+            ASSERT_EQ(place->mmId, step);
+            places.insert(place);
+            most = std::max(most, records.size());
+        }
+        ASSERT_EQ(store.size(), records.size());
+        for (int look = 0; look < 10; ++look) {
+            const int32_t other = pids[random() % pids.size()];
+            const auto record = records.find(other);
+            ASSERT_EQ(store.find(other), record == records.end() ? nullptr : record->second);
+            ASSERT_TRUE(record == records.end() || record->second->pid == other);
+        }
+    }
+    EXPECT_EQ(places.size(), most);
+}
 
 std::string Stat(const std::string& start) {
     return start + " 7 1 1 0 -1 64 1 2 3 4 5 6 7 8 20 0 17 0 1230000 1 2\n";
