@@ -3,7 +3,6 @@
 // `tesubpf metrics`: what it says of events and processes, and that it may be asked at any time.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <prometheus/text_serializer.h>
 
 #include <csignal>
@@ -27,17 +26,12 @@ using testing::Not;
 constexpr int64_t BEGIN_TIME = 100 * NANOSECONDS_PER_SECOND;
 
 ProcessSnapshot Found(int32_t pid, const std::string& name, bool isKernelThread = false) {
-    return {pid,
-            1,
-            0,
-            name,
-            isKernelThread,
-            false,
-            2,
-            {5, 70, 0, 9},
-            4,
-            BEGIN_TIME,
-            BEGIN_TIME + NANOSECONDS_PER_SECOND};
+    ProcessSnapshot process{.pid = pid, .ppid = 1, .name = name, .threads = 2, .openFds = 4};
+    process.isKernelThread = isKernelThread;
+    process.memory = {5, 70, 0, 9};
+    process.startTime = BEGIN_TIME;
+    process.readTime = BEGIN_TIME + NANOSECONDS_PER_SECOND;
+    return process;
 }
 
 class FleetMetricsTest : public testing::Test {
@@ -127,20 +121,10 @@ TEST_F(FleetMetricsTest, KeepsNamesWithinTheirBound) {
                 HasSubstr("_exits_total{name=\"late\"} 1\n"));
 }
 
-std::string Scrape(uint16_t port) {
-    const android::base::unique_fd server(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(server.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-        return "";
-    }
-    const std::string request = "GET /metrics HTTP/1.0\r\n\r\n";
-    send(server.get(), request.data(), request.size(), MSG_NOSIGNAL);
-    std::string answer;
-    android::base::ReadFdToString(server, &answer);
-    return answer;
+std::string Scrape(int port) {
+    return OutputOf({"/bin/bash", "-c",
+                     "exec 3<>/dev/tcp/127.0.0.1/" + std::to_string(port) +
+                         "; printf 'GET /metrics HTTP/1.0\\r\\n\\r\\n' >&3; cat <&3"});
 }
 
 TEST(MetricsTest, MayBeAskedWhileEventsCome) {
@@ -151,7 +135,7 @@ TEST(MetricsTest, MayBeAskedWhileEventsCome) {
     ASSERT_TRUE(metrics.waitForError("/metrics\n")) << metrics.error;
     const std::string address = "serving http://127.0.0.1:";
     const size_t at = metrics.error.find(address);
-    const auto port = static_cast<uint16_t>(std::stoi(metrics.error.substr(at + address.size())));
+    const int port = std::stoi(metrics.error.substr(at + address.size()));
     service.acceptClient(std::size(LiveProcesses::TYPES));
     std::jthread flood([&service] {
         for (int i = 0; i < 2000; ++i) {

@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 #include <time.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 
@@ -116,15 +115,10 @@ void MakeRecording(const std::string& path) {
 }
 
 std::string Decode(const std::string& trace) {
-    FILE* const pipe = popen(
-        ("cd " TESUBPF_TEST_DATA " && protoc --decode=Trace perfetto.proto <" + trace).c_str(),
-        "re");
-    std::string text;
-    for (int c = fgetc(pipe); c != EOF; c = fgetc(pipe)) {
-        text += static_cast<char>(c);
-    }
-    EXPECT_EQ(pclose(pipe), 0);
-    return text;
+    const std::string text = trace + ".text";
+    const std::string decode = "cd " TESUBPF_TEST_DATA " && protoc --decode=Trace perfetto.proto <";
+    EXPECT_EQ(std::system((decode + trace + " >" + text).c_str()), 0);
+    return ReadWholeFile(text);
 }
 
 TEST(ExportTest, TheTraceHasWhatTheRecordingHas) {

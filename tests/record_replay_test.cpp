@@ -26,16 +26,20 @@
 namespace Tesu::Bpf {
 namespace {
 
-std::string Show(const ProcessSnapshot& process) {
-    std::string text = " [" + process.name;
-    for (const int64_t value :
-         {int64_t{process.pid}, int64_t{process.ppid}, int64_t{process.uid},
-          int64_t{process.threads}, int64_t{process.isKernelThread}, int64_t{process.isEnding},
-          process.memory[0], process.memory[1], process.memory[2], process.memory[3],
-          process.openFds.value_or(-1), process.startTime, process.readTime}) {
-        text += " " + std::to_string(value);
+std::string Show(const std::vector<ProcessSnapshot>& processes) {
+    std::string text;
+    for (const ProcessSnapshot& process : processes) {
+        text += " [" + process.name;
+        for (const int64_t value :
+             {int64_t{process.pid}, int64_t{process.ppid}, int64_t{process.uid},
+              int64_t{process.threads}, int64_t{process.isKernelThread}, int64_t{process.isEnding},
+              process.memory[0], process.memory[1], process.memory[2], process.memory[3],
+              process.openFds.value_or(-1), process.startTime, process.readTime}) {
+            text += " " + std::to_string(value);
+        }
+        text += "]";
     }
-    return text + "]";
+    return text;
 }
 
 std::string Show(const RecordingItem& item) {
@@ -49,14 +53,10 @@ std::string Show(const RecordingItem& item) {
                news->reason;
     }
     if (const auto* const snapshot = std::get_if<RecordedSnapshot>(&item.what)) {
-        for (const ProcessSnapshot& process : snapshot->processes) {
-            text += Show(process);
-        }
+        text += Show(snapshot->processes);
     }
     if (const auto* const refresh = std::get_if<RecordedRefresh>(&item.what)) {
-        for (const ProcessSnapshot& process : refresh->processes) {
-            text += Show(process);
-        }
+        text += Show(refresh->processes);
         for (const int32_t pid : refresh->gone) {
             text += " gone " + std::to_string(pid);
         }

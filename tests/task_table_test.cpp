@@ -68,8 +68,10 @@ TEST(TaskStoreTest, ARecordIsFoundWhereItWasPutAndItsRoomIsUsedAgain) {
     EXPECT_EQ(places.size(), most);
 }
 
-std::string Stat(const std::string& start) {
-    return start + " 7 1 1 0 -1 64 1 2 3 4 5 6 7 8 20 0 17 0 1230000 1 2\n";
+std::string Stat(const std::string& start, int flags = 64, int threads = 17,
+                 long long ticks = 1230000) {
+    return start + StringPrintf(" 7 1 1 0 -1 %d 1 2 3 4 5 6 7 8 20 0 %d 0 %lld 1 2\n", flags,
+                                threads, ticks);
 }
 
 TEST(ScanTest, ReadersOfAnOddTree) {
@@ -170,11 +172,9 @@ TEST(ScanTest, TheTableIsMendedByWhatIsStillSo) {
     const TempDir proc;
     const auto write = [&proc](int32_t pid, int64_t start, int flags = 0) {
         const std::string name = std::to_string(pid);
-        const long long ticks = start * sysconf(_SC_CLK_TCK);
         proc.write(name + "/status", "Name:\tname\n");
         proc.write(name + "/stat",
-                   StringPrintf("%d (name) S 1 1 1 0 -1 %d 0 0 0 0 0 0 0 0 20 0 1 0 %lld 1 2\n",
-                                pid, flags, ticks));
+                   Stat(name + " (name) S", flags, 1, start * sysconf(_SC_CLK_TCK)));
     };
     TesuTaskManager* const table = TesuTaskManager::GetInstance();
     const auto put = [table](int32_t pid, int64_t createTime) {

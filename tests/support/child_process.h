@@ -72,11 +72,10 @@ class ChildProcess {
 #ifdef TESUBPFD_PATH
 // A daemon that waits for its clients however far a busy machine lets them fall behind.
 inline std::vector<std::string> PatientDaemon(const std::vector<std::string>& arguments = {}) {
-    std::vector<std::string> command = {TESUBPFD_PATH};
-    for (const char* const limit :
-         {Tesu::Bpf::CLIENT_QUEUE_BYTES_PROPERTY, Tesu::Bpf::QUEUE_BYTES_PROPERTY}) {
-        command.insert(command.end(), {"--property", limit + std::string("=0")});
-    }
+    using namespace Tesu::Bpf;
+    std::vector<std::string> command = {TESUBPFD_PATH, "--property",
+                                        CLIENT_QUEUE_BYTES_PROPERTY + std::string("=0"),
+                                        "--property", QUEUE_BYTES_PROPERTY + std::string("=0")};
     command.insert(command.end(), arguments.begin(), arguments.end());
     return command;
 }

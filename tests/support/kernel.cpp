@@ -24,15 +24,13 @@ uint64_t Scaled(uint64_t count) {
 
 unique_fd AttachToFunction(const std::string& program, const void* function) {
     const unique_fd fd = OpenPin("prog_" + program);
-    const bool isReturn = program.find("_return_") != std::string::npos;
     // The function's place in the program's file: its address relative to where the file begins.
     Dl_info info = {};
     dladdr(function, &info);
     const auto offset = static_cast<uint64_t>(static_cast<const char*>(function) -
                                               static_cast<const char*>(info.dli_fbase));
-    return unique_fd(bpf_attach_uprobe(fd.get(), isReturn ? BPF_PROBE_RETURN : BPF_PROBE_ENTRY,
-                                       (program + "_test").c_str(), "/proc/self/exe", offset, -1,
-                                       0));
+    return unique_fd(bpf_attach_uprobe(fd.get(), BPF_PROBE_ENTRY, (program + "_test").c_str(),
+                                       "/proc/self/exe", offset, -1, 0));
 }
 
 void KernelServiceTest::load(std::optional<uint32_t> ringBytes, std::optional<uint32_t> rssStep) {

@@ -4,7 +4,6 @@
 // lets go of it when this object goes.
 #pragma once
 
-#include <android-base/file.h>
 #include <android-base/unique_fd.h>
 #include <fcntl.h>
 #include <linux/dma-buf.h>
@@ -14,6 +13,8 @@
 
 #include <cstdint>
 #include <string>
+
+#include "tests/support/temp_dir.h"
 
 class VgemBuffer {
   public:
@@ -41,9 +42,7 @@ class VgemBuffer {
     }
 
     bool ok() const {
-        std::string maps;
-        android::base::ReadFileToString("/proc/self/maps", &maps);
-        return maps.find("/dmabuf:") != std::string::npos;
+        return ReadWholeFile("/proc/self/maps").find("/dmabuf:") != std::string::npos;
     }
 
   private:
