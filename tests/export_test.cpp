@@ -28,13 +28,9 @@ int64_t asleep = 10'000 * MS;  // what CLOCK_BOOTTIME has more
 
 ProcessSnapshot Process(int32_t pid, int32_t ppid, const std::string& name, int64_t startTime,
                         bool isKernelThread = false) {
-    ProcessSnapshot process;
-    process.pid = pid;
-    process.ppid = ppid;
-    process.uid = 1000;
-    process.name = name;
+    ProcessSnapshot process{
+        .pid = pid, .ppid = ppid, .uid = 1000, .name = name, .threads = 2, .openFds = {}};
     process.isKernelThread = isKernelThread;
-    process.threads = 2;
     process.memory = {4096, 8192, 0, 1 << 20};
     process.startTime = startTime;
     process.readTime = now;

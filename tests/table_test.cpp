@@ -21,7 +21,6 @@
 #include <functional>
 #include <list>
 #include <map>
-#include <memory>
 #include <set>
 #include <sstream>
 #include <string>
@@ -136,10 +135,9 @@ bool IsWhole(const std::string& text) {
 
 class TableTest : public KernelServiceTest {
   protected:
-    static std::unique_ptr<ChildProcess> work(const std::string& kind) {
+    static std::vector<std::string> work(const std::string& kind) {
         const size_t number = kind == "children" ? CHILDREN : NUMBER;
-        return std::make_unique<ChildProcess>(
-            std::vector<std::string>{TESUBPF_WORKLOAD_PATH, kind, std::to_string(number)});
+        return {TESUBPF_WORKLOAD_PATH, kind, std::to_string(number)};
     }
 
     static void finish(ChildProcess& workload, const std::function<void()>& meanwhile) {
@@ -198,18 +196,18 @@ TEST_F(TableTest, EqualsProcBeforeDuringAndAfterStorms) {
     const std::map<pid_t, std::string> before = {{idle.pid(), "sleep"}};
     std::map<pid_t, std::string> names = before;  // at the fork
     // The service begins while processes come and go.
-    std::list<std::unique_ptr<ChildProcess>> workloads;
-    workloads.push_back(work("processes"));
+    std::list<ChildProcess> workloads;
+    workloads.emplace_back(work("processes"));
     ASSERT_NO_FATAL_FAILURE(startService(LARGE_RING_BYTES));
     subscribe(
         {RAW_EVENT_TASK_CREATE, RAW_EVENT_TASK_EXIT, RAW_EVENT_RSS_STAT, RAW_EVENT_FD_UPDATE});
     const int64_t begin = MonotonicNanoseconds();  // before /proc is read
     model.mergeProc(begin, ReadProc());
-    finish(*workloads.back(), [this] { readEvents(); });
+    finish(workloads.back(), [this] { readEvents(); });
     expectEqualProc(names);
 
     for (const std::string kind : {"processes", "threads", "children"}) {
-        ChildProcess& workload = *workloads.emplace_back(work(kind));
+        ChildProcess& workload = workloads.emplace_back(work(kind));
         finish(workload, [this] { readEvents(); });
         names[workload.pid()] = ProcReader().read(getpid())->name;
         for (const ProcessSnapshot& process : ReadProc()) {
@@ -220,8 +218,8 @@ TEST_F(TableTest, EqualsProcBeforeDuringAndAfterStorms) {
         expectEqualProc(names);
     }
     EXPECT_EQ(names.size(), 4 + CHILDREN - CHILDREN / 3);
-    for (const auto& workload : workloads) {
-        workload->sendSignal(SIGKILL);
+    for (const ChildProcess& workload : workloads) {
+        workload.sendSignal(SIGKILL);
     }
     expectEqualProc(before);
 }
@@ -356,7 +354,7 @@ TEST_F(TableTest, DumpsDuringAStormAreWholeAndCostNoEvent) {
         }
     });
 
-    const auto storm = work("processes");
+    ChildProcess storm(work("processes"));
     // Of the storm's children; ids come again.
     std::set<pid_t> living;
     size_t created = 0;
@@ -370,7 +368,7 @@ TEST_F(TableTest, DumpsDuringAStormAreWholeAndCostNoEvent) {
             if (exit.header.type == RAW_EVENT_TASK_EXIT && exit.taskType == RAW_TASK_PROCESS) {
                 hasLastEnded |= exit.pid == last;
                 ended += living.erase(exit.pid);
-            } else if (create.header.type == RAW_EVENT_TASK_CREATE && create.ppid == storm->pid()) {
+            } else if (create.header.type == RAW_EVENT_TASK_CREATE && create.ppid == storm.pid()) {
                 EXPECT_TRUE(living.insert(create.pid).second) << create.pid;
                 ++created;
             }
@@ -378,7 +376,7 @@ TEST_F(TableTest, DumpsDuringAStormAreWholeAndCostNoEvent) {
             EXPECT_TRUE(type == RAW_EVENT_TASK_CREATE || type == RAW_EVENT_TASK_EXIT) << type;
         }
     };
-    finish(*storm, drain);
+    finish(storm, drain);
     const ChildProcess end({"/bin/true"});
     last = end.pid();
     EXPECT_TRUE(WaitUntil([&] {
