@@ -3,9 +3,11 @@
 // What real tasks do, reported by the real programs through the running service to a client that
 // knows only the wire format.
 #include <android-base/unique_fd.h>
+#include <bcc/libbpf.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <link.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -265,6 +267,20 @@ TEST_F(EventsTest, NothingIsReportedUntilTheCoreClassIsOn) {
 template <int NUMBER>
 [[gnu::noinline]] void Fake(uintptr_t first, uintptr_t second) {
     asm volatile("/* %0 %1 %2 */" : : "i"(NUMBER), "r"(first), "r"(second));
+}
+
+// Runs the program of a kprobe ("TesuBpfDefineset_kprobe_enter_fd_install") on calls of a function
+// of this program instead of the kernel's, in any process, until the result is closed. Invalid
+// where the kernel cannot.
+unique_fd AttachToFunction(const std::string& program, const void* function) {
+    const unique_fd fd = OpenPin("prog_" + program);
+    // The function's place in the program's file: its address relative to where the file begins.
+    Dl_info info = {};
+    dladdr(function, &info);
+    const auto offset = static_cast<uint64_t>(static_cast<const char*>(function) -
+                                              static_cast<const char*>(info.dli_fbase));
+    return unique_fd(bpf_attach_uprobe(fd.get(), BPF_PROBE_ENTRY, (program + "_test").c_str(),
+                                       "/proc/self/exe", offset, -1, 0));
 }
 
 TEST_F(EventsTest, DmaBufsAreOnTheAccountOfTheirMaker) {

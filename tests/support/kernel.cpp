@@ -2,8 +2,6 @@
 #include "tests/support/kernel.h"
 
 #include <android-base/properties.h>
-#include <bcc/libbpf.h>
-#include <link.h>
 
 #include <cstdlib>
 #include <sstream>
@@ -15,22 +13,9 @@
 
 namespace Tesu::Bpf {
 
-using android::base::unique_fd;
-
 uint64_t Scaled(uint64_t count) {
     const char* const scale = std::getenv("TESUBPF_TEST_SCALE");
     return count / (scale != nullptr ? std::stoul(scale) : TESUBPF_TEST_SCALE);
-}
-
-unique_fd AttachToFunction(const std::string& program, const void* function) {
-    const unique_fd fd = OpenPin("prog_" + program);
-    // The function's place in the program's file: its address relative to where the file begins.
-    Dl_info info = {};
-    dladdr(function, &info);
-    const auto offset = static_cast<uint64_t>(static_cast<const char*>(function) -
-                                              static_cast<const char*>(info.dli_fbase));
-    return unique_fd(bpf_attach_uprobe(fd.get(), BPF_PROBE_ENTRY, (program + "_test").c_str(),
-                                       "/proc/self/exe", offset, -1, 0));
 }
 
 void KernelServiceTest::load(std::optional<uint32_t> ringBytes, std::optional<uint32_t> rssStep) {

@@ -4,8 +4,6 @@
 // its own.
 #pragma once
 
-#include <android-base/unique_fd.h>
-
 #include <cstdint>
 #include <initializer_list>
 #include <optional>
@@ -24,11 +22,6 @@ uint64_t Scaled(uint64_t count);
 // 32-bit kernel has little room for rings, of which some that were used before are still to be
 // freed.
 inline constexpr uint32_t LARGE_RING_BYTES = (sizeof(void*) == 4 ? 4 : 32) << 20;
-
-// Runs the program of a kprobe ("TesuBpfDefineset_kprobe_enter_fd_install") on calls of a function
-// of this program instead of the kernel's, in any process, until the result is closed. Invalid
-// where the kernel cannot.
-android::base::unique_fd AttachToFunction(const std::string& program, const void* function);
 
 class KernelServiceTest : public ServiceIn<KernelTest> {
   protected:
