@@ -70,11 +70,20 @@ nlohmann::json Daemon::footprint() {
 
 nlohmann::json Daemon::status() {
     const auto start = steady_clock::now();
-    ChildProcess client({TESUBPF_PATH, "status", "--json"});
-    const bool answered = client.waitForExit() == 0;
-    Check(answered, "tesubpf status fails: " + client.error);
+    std::string error;
+    const auto answer = askStatus(&error);
+    Check(answer.has_value(), "tesubpf status fails: " + error);
     Check(steady_clock::now() - start < 1s, "tesubpf status takes long");
-    return answered ? nlohmann::json::parse(client.output) : NO_STATUS;
+    return answer.value_or(NO_STATUS);
+}
+
+std::optional<nlohmann::json> Daemon::askStatus(std::string* error) {
+    ChildProcess client({TESUBPF_PATH, "status", "--json"});
+    if (client.waitForExit() == 0) {
+        return nlohmann::json::parse(client.output);
+    }
+    *error = client.error;
+    return std::nullopt;
 }
 
 void Daemon::end(int signal, int expectedStatus) {

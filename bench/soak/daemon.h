@@ -4,6 +4,7 @@
 #pragma once
 
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,8 @@ class Daemon {
     nlohmann::json footprint();
     // What `tesubpf status` says, which must come within a second; nothing when it does not.
     nlohmann::json status();
+    // The same where it may be refused; why, if it was.
+    static std::optional<nlohmann::json> askStatus(std::string* error);
     // Ends it with a signal; that its status and its log are as they should be is checked.
     void end(int signal, int expectedStatus);
 

@@ -112,10 +112,15 @@ void ExhaustMemory() {
                    std::string(CLIENT_QUEUE_BYTES_PROPERTY) + "=0", "--property",
                    std::string(QUEUE_BYTES_PROPERTY) + "=0"});
     auto mute = MuteClients(20);
-    Check(WaitUntil([&] { return daemon.status()["clients"].size() < mute.size(); }),
-          "no mute client is sent away where memory has run out");
+    std::string error;  // there may be no memory for the answer
+    Check(WaitUntil([&] {
+              const auto status = Daemon::askStatus(&error);
+              return status && (*status)["clients"].size() < mute.size();
+          }),
+          "no mute client is sent away where memory has run out: " + error);
     mute.clear();
     CheckDump();
+    daemon.status();
     daemon.end(SIGTERM, 0);
 }
 
