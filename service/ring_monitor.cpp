@@ -188,7 +188,9 @@ int TesuBpfService::pollRing(RingMonitor& monitor, RingReplacement& replacement)
     RingPace pace(monitor.reader->size());
     RingWakeups wakeups(monitor.polledPath);
     RingAccount& account = ringAccounts[monitor.which];
-    RingPace::Pause pause;
+    // A service that was killed may have left word that it comes by itself. What was written until
+    // `wakeups` took that back woke nobody, and nothing behind it would: so it is read first.
+    RingPace::Pause pause{.rest = std::chrono::nanoseconds(0)};
     int errors = 0;
     lookForLosses(monitor);
     while (running) {

@@ -266,6 +266,26 @@ TEST_F(StreamTest, RecordsOfAFormerServiceAreLostAndCounted) {
     EXPECT_GE(LostRecords(RING_CORE), sent + refused);
 }
 
+// A service that was killed while it came to the ring by itself, and records that come while the
+// next one begins.
+TEST_F(StreamTest, WhatWokeNobodyIsReadBeforeTheFirstWait) {
+    ASSERT_NO_FATAL_FAILURE(load());
+    const uint32_t key = 0;
+    const uint32_t isPolled = 1;
+    ASSERT_EQ(bpf_map_update_elem(OpenPin(CORE_POLLED_MAP).get(), &key, &isPolled, BPF_ANY), 0);
+    std::jthread storm([](const std::stop_token& stop) {
+        while (!stop.stop_requested()) {
+            std::thread([] {}).join();
+        }
+    });
+    startService();
+    storm = {};
+    subscribe({RAW_EVENT_FD_UPDATE});
+    const auto fresh = Numbered(77777777);
+    RecordInjector(RING_CORE).inject(&fresh, sizeof(fresh));
+    EXPECT_TRUE(NextNumbered(client).has_value());
+}
+
 using ServiceRestartTest = KernelServiceTest;
 
 TEST_F(ServiceRestartTest, KnowsNothingOfWhatAnEarlierServiceSaw) {
