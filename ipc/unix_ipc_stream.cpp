@@ -249,6 +249,10 @@ bool UnixIpcManager::ensureDataSend(int fd, BufferState* writeBuffer) {
                       "clientFd: %d",
                       static_cast<ssize_t>(writeBuffer->length - writeBuffer->cursor), error,
                       strerror(error), fd);
+            errno = error;
+            if (isServer) {
+                disconnectIfBroken(fd, sent);
+            }
             break;
         }
         ++retries;
