@@ -156,7 +156,12 @@ void Top::draw() {
     screen->draw(MakeFrame(view, state, screen->width(), height));
 }
 
+// Where a busy machine took all the time for the first frame, its connection is still to be heard of.
 int Top::print() {
+    source.takeEvents();
+    if (const Result<> advanced = source.advance(true, &state); !advanced) {
+        return Fail(EXIT_FAILED, advanced.error());
+    }
     const char* const columns = std::getenv("COLUMNS");
     const int width = columns != nullptr ? std::atoi(columns) : 0;
     const std::string text =
