@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "events/event_manager.h"
 #include "events/staged_events.h"
@@ -18,18 +19,17 @@ namespace {
 constexpr unsigned MAX_TRIES = 8;
 
 // Of this thread.
-thread_local bool isBatchOpen = false;
 thread_local StagedEvents stagedEvents;
+thread_local StagedEvents* openBatch = nullptr;  // those, while a batch is open
 
 }  // namespace
 
 EventManager::Batch::Batch() {
-    isBatchOpen = true;
+    openBatch = &stagedEvents;
 }
 
 EventManager::Batch::~Batch() {
-    isBatchOpen = false;
-    GetInstance()->flush(stagedEvents);
+    GetInstance()->flush(*std::exchange(openBatch, nullptr));
 }
 
 int EventManager::AppendEvent(const char* event, unsigned int size) {
@@ -43,12 +43,14 @@ int EventManager::AppendEvent(const char* event, unsigned int size) {
         return 0;
     }
     std::memcpy(&type, event, sizeof(type));
-    stagedEvents.add(type, event, size);
-    if (!isBatchOpen) {
-        flush(stagedEvents);
+    StagedEvents* const batch = openBatch;
+    StagedEvents& staged = batch != nullptr ? *batch : stagedEvents;
+    staged.add(type, event, size);
+    if (batch == nullptr) {
+        flush(staged);
         sendLater();
-    } else if (stagedEvents.isFull()) {
-        flush(stagedEvents);
+    } else if (staged.isFull()) {
+        flush(staged);
     }
     return 0;
 }

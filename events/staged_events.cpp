@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 
 #include "ipc/ipc_package.h"
 
@@ -17,25 +18,29 @@ constexpr size_t LEAST_FRAME_SIZE = 16;
 
 // Room for all that is there when it becomes full, so that nothing allocates or fails later.
 void StagedEvents::reserve() {
-    frames.reserve(FULL_BYTES + IPC_BUFFER_SIZE);
     entries.reserve(FULL_BYTES / LEAST_FRAME_SIZE + 1);
     stagedTypes.reserve(entries.capacity());
     wantedTypes.reserve(entries.capacity());
+    frames = std::make_unique_for_overwrite<char[]>(CAPACITY);
 }
 
 void StagedEvents::add(int32_t type, const char* event, unsigned size) {
-    if (wantedTypes.capacity() == 0) {  // the last one
+    if (frames == nullptr) {
         reserve();
     }
     const uint32_t head[] = {IPC_PACKAGE_HEADER_SIZE + size, IPC_PACKAGE_EVENT, size};
-    const auto* const headBytes = reinterpret_cast<const char*>(head);
-    frames.insert(frames.end(), headBytes, headBytes + sizeof(head));
-    frames.insert(frames.end(), event, event + size);
-    entries.push_back({.end = static_cast<uint32_t>(frames.size()), .typeIndex = indexOf(type)});
+    if (sizeof(head) + size > CAPACITY - used) {
+        throw std::bad_alloc();  // full, and could not be handed out
+    }
+    char* const frame = frames.get() + used;
+    std::memcpy(frame, head, sizeof(head));
+    std::memcpy(frame + sizeof(head), event, size);
+    used += sizeof(head) + size;
+    entries.push_back({.end = static_cast<uint32_t>(used), .typeIndex = indexOf(type)});
 }
 
 void StagedEvents::clear() {
-    frames.clear();
+    used = 0;
     entries.clear();
     stagedTypes.clear();
 }
@@ -68,14 +73,14 @@ StagedEvents::Copied StagedEvents::copy(const std::vector<int32_t>& wanted, char
         wantedTypes.push_back(std::binary_search(wanted.begin(), wanted.end(), type) ? 1 : 0);
     }
     if (std::find(wantedTypes.begin(), wantedTypes.end(), 0) == wantedTypes.end()) {
-        std::memcpy(to, frames.data(), frames.size());
-        return {.bytes = frames.size(), .count = entries.size()};
+        std::memcpy(to, frames.get(), used);
+        return {.bytes = used, .count = entries.size()};
     }
     Copied copied;
     uint32_t begin = 0;
     for (const Entry& entry : entries) {
         if (wantedTypes[entry.typeIndex] != 0) {
-            std::memcpy(to + copied.bytes, frames.data() + begin, entry.end - begin);
+            std::memcpy(to + copied.bytes, frames.get() + begin, entry.end - begin);
             copied.bytes += entry.end - begin;
             ++copied.count;
         }

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "ipc/ipc_package.h"
@@ -17,14 +18,15 @@ class StagedEvents {
     // The largest event that fits a connection's write buffer.
     static constexpr unsigned MAX_EVENT_SIZE = IPC_MAX_PACKAGE_SIZE - IPC_PACKAGE_HEADER_SIZE;
 
-    // Copies an event of at most that size. The first one throws where memory has run out.
+    // Copies an event of at most that size. Throws std::bad_alloc where there is no memory, also
+    // for handing out what is there.
     void add(int32_t type, const char* event, unsigned size);
     // Enough for a send.
-    bool isFull() const { return frames.size() >= FULL_BYTES; }
+    bool isFull() const { return used >= FULL_BYTES; }
     bool isEmpty() const { return entries.empty(); }
     void clear();
 
-    size_t bytes() const { return frames.size(); }
+    size_t bytes() const { return used; }
     // Each type that is there, once.
     const std::vector<int32_t>& types() const { return stagedTypes; }
 
@@ -40,8 +42,9 @@ class StagedEvents {
     Copied copy(const std::vector<int32_t>& wanted, char* to);
 
   private:
-    // Fits a write buffer with room to spare.
-    static constexpr size_t FULL_BYTES = 24576;
+    // Fills a write buffer, and one frame of usual size more still fits it.
+    static constexpr size_t FULL_BYTES = IPC_BUFFER_SIZE - 512;
+    static constexpr size_t CAPACITY = FULL_BYTES + IPC_BUFFER_SIZE;  // bytes
 
     struct Entry {
         uint32_t end;        // of its frame
@@ -51,7 +54,8 @@ class StagedEvents {
     void reserve();
     uint32_t indexOf(int32_t type);
 
-    std::vector<char> frames;
+    std::unique_ptr<char[]> frames;  // made last of these
+    size_t used = 0;                 // bytes of frames
     std::vector<Entry> entries;
     std::vector<int32_t> stagedTypes;
     std::vector<char> wantedTypes;  // of `copy`, by type index; kept for its memory
