@@ -156,7 +156,7 @@ void Top::draw() {
     screen->draw(MakeFrame(view, state, screen->width(), height));
 }
 
-// Where a busy machine took all the time for the first frame, its connection is still to be heard of.
+// Where a busy machine took all the time for the first frame, the connection is not heard of yet.
 int Top::print() {
     source.takeEvents();
     if (const Result<> advanced = source.advance(true, &state); !advanced) {
