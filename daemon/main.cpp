@@ -26,6 +26,7 @@
 #include "daemon/pin_check.h"
 #include "daemon/properties.h"
 #include "daemon/service_manager.h"
+#include "daemon/stderr_log.h"
 #include "ipc/local_socket.h"
 #include "records/contract.h"
 #include "service/bpf_program.h"
@@ -159,6 +160,7 @@ bool WaitForEnd(const TerminationSignals& signals, const TesuBpfService& service
 
 // Runs the service.
 int Serve(const TerminationSignals& signals) {
+    LogWithoutWaiting();
     if (!BpfServiceMain()) {
         const bool isDisabled = android::base::GetProperty(DISABLE_PROPERTY, "0") == "1";
         std::fprintf(stderr, "tesubpfd: the service %s\n",
