@@ -175,20 +175,22 @@ TEST_F(ProgramsTest, TheDaemonWaitsForThePinsUntilItIsEnded) {
 TEST_F(ProgramsTest, TheDaemonServesWhereNobodyReadsItsLog) {
     OutputOf({TESUBPFLOAD_PATH, "--ring-size", "1048576"});
     int log[2] = {-1, -1};
-    ASSERT_EQ(pipe(log), 0);
+    ASSERT_EQ(pipe2(log, O_CLOEXEC), 0);
     const int size = fcntl(log[1], F_GETPIPE_SZ);
     std::string filling(static_cast<size_t>(size), ' ');
     ASSERT_EQ(write(log[1], filling.data(), filling.size()), size);
-    ChildProcess daemon({"/bin/sh", "-c", "exec " TESUBPFD_PATH " 2>&" + std::to_string(log[1])});
+    const std::string writer =
+        "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(log[1]);
+    ChildProcess daemon({"/bin/sh", "-c", "exec " TESUBPFD_PATH " 2>" + writer});
     EXPECT_TRUE(WaitUntil([] { return IsEnabled(RING_CORE); }));
     EXPECT_THAT(OutputOf({TESUBPF_PATH, "status"}), HasSubstr("running"));
     ASSERT_EQ(read(log[0], filling.data(), filling.size()), size);
     daemon.sendSignal(SIGTERM);
     EXPECT_EQ(daemon.waitForExit(), 0);
+    close(log[1]);
     filling.resize(static_cast<size_t>(read(log[0], filling.data(), filling.size())));
     EXPECT_THAT(filling, HasSubstr("were left out before this one"));
     close(log[0]);
-    close(log[1]);
 }
 
 TEST_F(ProgramsTest, TheDaemonEndsWhereItWouldServeSilence) {
