@@ -1,16 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "daemon/stderr_log.h"
 
-#include <android-base/stringprintf.h>
 #include <android-base/unique_fd.h>
 #include <android/log.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <string>
 
 #include "util/mutex.h"
 
@@ -18,7 +17,7 @@ namespace Tesu::Bpf {
 
 namespace {
 
-using android::base::StringPrintf;
+constexpr size_t LINE_SIZE = 128;
 
 // Held while a line is written: nothing else tells whether it was.
 Mutex writeLock;
@@ -36,10 +35,12 @@ void Log(const __android_logger_data* data, const char* text) {
         __android_logger_data own = *data;
         own.priority = ANDROID_LOG_WARN;
         own.tag = "tesubpfd";
-        const std::string count = StringPrintf(
+        char count[LINE_SIZE];  // what is logged may be that memory has run out
+        std::snprintf(
+            count, sizeof(count),
             "%llu lines of the log, which nobody read in time, were left out before this one",
             static_cast<unsigned long long>(leftOut));
-        leftOut = WriteLine(&own, count.c_str()) ? 0 : leftOut;
+        leftOut = WriteLine(&own, count) ? 0 : leftOut;
     }
     leftOut += WriteLine(data, text) ? 0 : 1;
 }

@@ -9,7 +9,8 @@
 namespace Tesu::Bpf {
 
 // From now on nothing that this process writes to standard error waits, libraries' warnings
-// included, and what is logged and left out is counted. Not undone.
+// included, and what is logged and left out is counted. Not undone. A file is written to as before,
+// and so is a pipe or terminal that this process may not open.
 void LogWithoutWaiting();
 
 }  // namespace Tesu::Bpf

@@ -31,6 +31,7 @@
 #include "records/contract.h"
 #include "records/notification.h"
 #include "service/ring_pace.h"
+#include "task/tesu_bpf_task_manager.h"
 #include "tests/support/kernel.h"
 #include "tests/support/records.h"
 #include "tests/support/temp_dir.h"
@@ -231,16 +232,27 @@ TEST_F(StreamTest, SixPollErrorsInARowEndTheMonitorFiveDoNot) {
 
 TEST_F(StreamTest, AStreamThatNeverRunsEmptyTellsItsLossesAndIsStopped) {
     ASSERT_NO_FATAL_FAILURE(startService(1 << 20));
-    const auto produce = [](const std::stop_token& stop) {
-        RecordInjector injector(RING_CORE);
-        const auto record = Numbered(1);
+    // Handling takes longer than making: nearly always somebody else has the table.
+    const std::jthread other([](const std::stop_token& stop) {
         while (!stop.stop_requested()) {
-            // More than the ring holds: on one CPU the reader keeps up with less. Not much more:
-            // nothing else runs on that CPU meanwhile, which is slow where it is emulated.
+            {
+                MutexLock lock(TesuTaskManager::tesuTaskManagerLock);
+                std::this_thread::sleep_for(milliseconds(2));
+            }
+            std::this_thread::sleep_for(std::chrono::microseconds(50));
+        }
+    });
+    const std::jthread producer([](const std::stop_token& stop) {
+        RecordInjector injector(RING_CORE);
+        RawTaskCreateEvent record{};
+        record.header.type = RAW_EVENT_TASK_CREATE;
+        record.pid = getpid();
+        record.taskType = RAW_TASK_PROCESS;
+        while (!stop.stop_requested()) {
+            // Nothing else runs on that CPU meanwhile, which is slow where it is emulated.
             injector.inject(&record, sizeof(record), 40000);
         }
-    };
-    const std::jthread producers[] = {std::jthread(produce), std::jthread(produce)};
+    });
     // While it goes on, what finds the ring full is told.
     ASSERT_NO_FATAL_FAILURE(subscribe({NOTIFICATION_RECORDS_LOST}));
     EXPECT_TRUE(client.next().has_value());
